@@ -1,0 +1,26 @@
+# One interface target that every program and library of the project links: language level, warnings as
+# errors, and the macros that all sources agree on.
+add_library(talvex_compiler INTERFACE)
+target_compile_features(talvex_compiler INTERFACE cxx_std_20)
+target_include_directories(talvex_compiler INTERFACE ${PROJECT_SOURCE_DIR})
+# Windows 7 is the oldest system that the helper runs on.
+target_compile_definitions(talvex_compiler INTERFACE
+  UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN STRICT _WIN32_WINNT=0x0601 WINVER=0x0601 _WIN32_IE=0x0900)
+
+if(MSVC)
+  target_compile_options(talvex_compiler INTERFACE /W4 /WX /permissive- /utf-8 /EHsc)
+  set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
+  # The flag keeps imports that are not delay-loaded out of the program's own directory as well.
+  target_link_options(talvex_compiler INTERFACE /NXCOMPAT /DYNAMICBASE /DEPENDENTLOADFLAG:0x800 /Brepro)
+else()
+  target_compile_options(talvex_compiler INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wcast-qual -Werror
+    -ffunction-sections -fdata-sections -fno-ident
+    # Absolute paths must not reach the binary, or two checkouts would build different bytes.
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=build
+    $<$<CONFIG:Release>:-Os> $<$<CONFIG:Debug>:-O1>)
+  target_compile_definitions(talvex_compiler INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
+  target_link_options(talvex_compiler INTERFACE
+    -static -Wl,--gc-sections -Wl,--nxcompat -Wl,--dynamicbase -Wl,--no-insert-timestamp
+    $<$<CONFIG:Release>:-s>)
+endif()

@@ -1,0 +1,98 @@
+#include "core/manifest_signature.h"
+
+#include <windows.h>
+
+#include <bcrypt.h>
+
+#include <cstring>
+
+#include "core/sha256.h"
+
+namespace talvex {
+namespace {
+
+constexpr std::wstring_view kKeyInvalid = L"The embedded update public key is invalid.";
+constexpr std::wstring_view kNotRsa3072 = L"The update key or signature does not use RSA-3072.";
+constexpr std::wstring_view kSignatureInvalid = L"The update manifest signature is invalid.";
+
+constexpr ULONG kKeyBits = 3072;
+constexpr ULONG kModulusLength = kKeyBits / 8;
+
+static_assert(sizeof(BCRYPT_RSAKEY_BLOB) == 24, "the blob's header is six 32-bit fields");
+
+// Lengths are added in 64 bits: a header that claims an exponent of almost 4 GiB must not wrap round to a
+// matching sum.
+bool IsRsa3072PublicKey(const BCRYPT_RSAKEY_BLOB& header, std::size_t blob_length) {
+  return header.Magic == BCRYPT_RSAPUBLIC_MAGIC && header.BitLength == kKeyBits &&
+         header.cbModulus == kModulusLength && header.cbPublicExp != 0 && header.cbPrime1 == 0 &&
+         header.cbPrime2 == 0 &&
+         blob_length == std::uint64_t{sizeof(header)} + header.cbPublicExp + header.cbModulus;
+}
+
+// An imported public key with its provider, given back in the reverse order.
+class RsaPublicKey {
+ public:
+  RsaPublicKey() = default;
+  RsaPublicKey(const RsaPublicKey&) = delete;
+  RsaPublicKey& operator=(const RsaPublicKey&) = delete;
+  ~RsaPublicKey() {
+    if (key_ != nullptr) {
+      BCryptDestroyKey(key_);
+    }
+    if (provider_ != nullptr) {
+      BCryptCloseAlgorithmProvider(provider_, 0);
+    }
+  }
+
+  // CNG takes its inputs through pointers to non-const and does not write there.
+  [[nodiscard]] bool Import(std::span<const std::byte> blob) {
+    if (!BCRYPT_SUCCESS(BCryptOpenAlgorithmProvider(&provider_, BCRYPT_RSA_ALGORITHM, nullptr, 0))) {
+      provider_ = nullptr;
+      return false;
+    }
+    auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(blob.data()));
+    if (!BCRYPT_SUCCESS(BCryptImportKeyPair(provider_, nullptr, BCRYPT_RSAPUBLIC_BLOB, &key_, input,
+                                            static_cast<ULONG>(blob.size()), 0))) {
+      key_ = nullptr;
+      return false;
+    }
+    return true;
+  }
+
+  [[nodiscard]] bool Verifies(Sha256Digest digest, std::span<const std::byte> signature) const {
+    BCRYPT_PKCS1_PADDING_INFO padding{BCRYPT_SHA256_ALGORITHM};
+    auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(signature.data()));
+    return BCRYPT_SUCCESS(BCryptVerifySignature(key_, &padding, digest.bytes.data(),
+                                                static_cast<ULONG>(digest.bytes.size()), input,
+                                                static_cast<ULONG>(signature.size()), BCRYPT_PAD_PKCS1));
+  }
+
+ private:
+  BCRYPT_ALG_HANDLE provider_ = nullptr;
+  BCRYPT_KEY_HANDLE key_ = nullptr;
+};
+
+}  // namespace
+
+bool VerifyManifestSignature(std::span<const std::byte> manifest_bytes, std::span<const std::byte> signature,
+                             std::span<const std::byte> key_blob, UpdateError& error) {
+  BCRYPT_RSAKEY_BLOB header{};
+  if (key_blob.size() < sizeof(header)) {
+    return Refuse(error, kKeyInvalid);
+  }
+  std::memcpy(&header, key_blob.data(), sizeof(header));
+  if (!IsRsa3072PublicKey(header, key_blob.size()) || signature.size() != kModulusLength) {
+    return Refuse(error, kNotRsa3072);
+  }
+  Sha256Digest digest;
+  if (!Sha256OfBuffer(manifest_bytes, digest, error)) {
+    return false;
+  }
+  RsaPublicKey key;
+  if (!key.Import(key_blob) || !key.Verifies(digest, signature)) {
+    return Refuse(error, kSignatureInvalid);
+  }
+  return true;
+}
+
+}  // namespace talvex

@@ -1,0 +1,133 @@
+#include "core/sha256.h"
+
+#include <windows.h>
+
+#include <bcrypt.h>
+
+#include <limits>
+#include <vector>
+
+#include "core/whole_file.h"
+
+namespace talvex {
+namespace {
+
+constexpr std::wstring_view kBufferDigestFailed = L"Windows could not calculate a SHA-256 digest.";
+constexpr std::wstring_view kFileDigestFailed = L"Windows could not hash an update target.";
+constexpr RegularFileMessages kHashMessages = {L"Could not open file for hashing",
+                                               L"The update target is too large or is not a regular file."};
+
+// One SHA-256 computation: provider, hash and the memory that Windows keeps the hash in, given back in the
+// reverse order.
+class Sha256Hash {
+ public:
+  Sha256Hash() = default;
+  Sha256Hash(const Sha256Hash&) = delete;
+  Sha256Hash& operator=(const Sha256Hash&) = delete;
+  ~Sha256Hash() {
+    if (hash_ != nullptr) {
+      BCryptDestroyHash(hash_);
+    }
+    if (provider_ != nullptr) {
+      BCryptCloseAlgorithmProvider(provider_, 0);
+    }
+  }
+
+  [[nodiscard]] bool Prepare() {
+    if (!BCRYPT_SUCCESS(BCryptOpenAlgorithmProvider(&provider_, BCRYPT_SHA256_ALGORITHM, nullptr, 0))) {
+      provider_ = nullptr;
+      return false;
+    }
+    DWORD object_length = 0;
+    ULONG written = 0;
+    if (!BCRYPT_SUCCESS(BCryptGetProperty(provider_, BCRYPT_OBJECT_LENGTH,
+                                          reinterpret_cast<PUCHAR>(&object_length), sizeof(object_length),
+                                          &written, 0))) {
+      return false;
+    }
+    object_.resize(object_length);
+    if (!BCRYPT_SUCCESS(BCryptCreateHash(provider_, &hash_, object_.data(), object_length, nullptr, 0, 0))) {
+      hash_ = nullptr;
+      return false;
+    }
+    return true;
+  }
+
+  // CNG takes its input through a pointer to non-const and does not write there.
+  [[nodiscard]] bool Add(std::span<const std::byte> bytes) {
+    if (bytes.size() > std::numeric_limits<ULONG>::max()) {
+      return false;
+    }
+    auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(bytes.data()));
+    return BCRYPT_SUCCESS(BCryptHashData(hash_, input, static_cast<ULONG>(bytes.size()), 0));
+  }
+
+  [[nodiscard]] bool Finish(Sha256Digest& digest) {
+    Sha256Digest finished;
+    if (!BCRYPT_SUCCESS(
+            BCryptFinishHash(hash_, finished.bytes.data(), static_cast<ULONG>(finished.bytes.size()), 0))) {
+      return false;
+    }
+    digest = finished;
+    return true;
+  }
+
+ private:
+  BCRYPT_ALG_HANDLE provider_ = nullptr;
+  BCRYPT_HASH_HANDLE hash_ = nullptr;
+  std::vector<UCHAR> object_;
+};
+
+// Digests an open file from its current position to its end.
+bool DigestOpenFile(HANDLE file, Sha256Digest& digest, HashProgressCallback progress,
+                    void* progress_context) {
+  Sha256Hash hash;
+  if (!hash.Prepare()) {
+    return false;
+  }
+  std::vector<std::byte> piece(kFilePieceSize);
+  std::uint64_t total = 0;
+  for (;;) {
+    DWORD read = 0;
+    if (!ReadFile(file, piece.data(), static_cast<DWORD>(piece.size()), &read, nullptr)) {
+      return false;
+    }
+    if (read == 0) {
+      return hash.Finish(digest);
+    }
+    if (!hash.Add(std::span(piece).first(read))) {
+      return false;
+    }
+    total += read;
+    if (progress != nullptr) {
+      progress(total, progress_context);
+    }
+  }
+}
+
+}  // namespace
+
+bool Sha256OfBuffer(std::span<const std::byte> bytes, Sha256Digest& digest, UpdateError& error) {
+  digest = {};
+  Sha256Hash hash;
+  if (!hash.Prepare() || (!bytes.empty() && !hash.Add(bytes)) || !hash.Finish(digest)) {
+    return Refuse(error, kBufferDigestFailed);
+  }
+  return true;
+}
+
+bool Sha256OfFile(const std::wstring& path, std::uint64_t size_limit, Sha256Digest& digest,
+                  std::uint64_t& size, UpdateError& error, HashProgressCallback progress,
+                  void* progress_context) {
+  digest = {};
+  const OwnedHandle file = OpenRegularFileForRead(path, size_limit, kHashMessages, size, error);
+  if (!file.IsValid()) {
+    return false;
+  }
+  if (!DigestOpenFile(file.Get(), digest, progress, progress_context)) {
+    return Refuse(error, kFileDigestFailed);
+  }
+  return true;
+}
+
+}  // namespace talvex

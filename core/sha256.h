@@ -1,0 +1,34 @@
+#pragma once
+
+// SHA-256 of buffers and files, computed by Windows (CNG). Each call opens and closes its own provider, so
+// that the operations can be called from any thread.
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "core/sha256_digest.h"
+#include "core/update_error.h"
+
+namespace talvex {
+
+// Digests `bytes`, which may be empty. A failure leaves `digest` zeroed, with the message
+//   "Windows could not calculate a SHA-256 digest."
+[[nodiscard]] bool Sha256OfBuffer(std::span<const std::byte> bytes, Sha256Digest& digest, UpdateError& error);
+
+// Told after every piece of a file how many bytes of it have been digested so far.
+using HashProgressCallback = void (*)(std::uint64_t bytes_digested, void* context);
+
+// Digests the regular file at `path` in pieces of 1 MiB through one buffer. `size_limit` is in bytes; a
+// larger file is refused before anything is read. `size` becomes the size that was found when the file was
+// opened, and 0 when it could not be opened. It compares with no expected value; the callers do. A failure
+// leaves `digest` zeroed. Messages:
+//   "Could not open file for hashing: " + Windows text
+//   "The update target is too large or is not a regular file."   above the limit; reparse point; second link
+//   "Windows could not hash an update target."                   a read or a CNG call failed
+[[nodiscard]] bool Sha256OfFile(const std::wstring& path, std::uint64_t size_limit, Sha256Digest& digest,
+                                std::uint64_t& size, UpdateError& error,
+                                HashProgressCallback progress = nullptr, void* progress_context = nullptr);
+
+}  // namespace talvex
