@@ -1,0 +1,59 @@
+#pragma once
+
+// The handles that the client passes on the command line, as decimal numbers, and the one guard that owns
+// them for the time of a transaction.
+
+#include <windows.h>
+
+#include <cstdint>
+
+#include "core/owned_handle.h"
+
+namespace talvex {
+
+// The highest value that is a handle in a 32-bit process.
+inline constexpr std::uint64_t kMostHandleValue = 0xFFFFFFFF;
+
+// Reads a decimal handle operand: digits only, at most 2^64 - 1. A null or empty text fails. The caller
+// decides what 0 and values above kMostHandleValue mean. A failure leaves `value` 0.
+[[nodiscard]] bool ParseHandleValue(const wchar_t* text, std::uint64_t& value);
+
+// The handle of a parsed value that is at most kMostHandleValue, those above 0x7FFFFFFF included.
+[[nodiscard]] HANDLE HandleFromValue(std::uint64_t value) noexcept;
+
+// Waits up to five minutes for the client's process to exit, then closes and forgets the handle whatever the
+// result. True when the client has exited.
+[[nodiscard]] bool WaitForClientExit(OwnedHandle& client) noexcept;
+
+// Owns the client's process handle and the ownership mutex of one transaction. Every way out releases the
+// mutex, when it was acquired, before it closes it: closed first, the mutex would stay owned until the
+// helper exits, and its next owner would find it abandoned.
+class TransactionHandles {
+ public:
+  TransactionHandles(HANDLE parent, HANDLE lock) noexcept : parent_(parent), lock_(lock) {}
+  TransactionHandles(const TransactionHandles&) = delete;
+  TransactionHandles& operator=(const TransactionHandles&) = delete;
+  ~TransactionHandles() { ReleaseTransactionHandles(); }
+
+  // Whether both values are handles of this process; the lock is asked about first.
+  [[nodiscard]] bool AreOpen() const noexcept;
+
+  // WaitForClientExit on the parent handle.
+  [[nodiscard]] bool WaitForParentExit() noexcept { return WaitForClientExit(parent_); }
+
+  // Waits up to ten seconds for the mutex. A mutex that its owner abandoned counts as acquired: a client that
+  // crashed while it held the lock must not block its own repair.
+  [[nodiscard]] bool AcquireLock() noexcept;
+
+  [[nodiscard]] HANDLE Lock() const noexcept { return lock_.Get(); }
+
+  // Closes the parent handle if it is still open, releases the mutex if it is owned, and closes it.
+  void ReleaseTransactionHandles() noexcept;
+
+ private:
+  OwnedHandle parent_;
+  OwnedHandle lock_;
+  bool lock_owned_ = false;
+};
+
+}  // namespace talvex

@@ -1,0 +1,96 @@
+#include "formats/installed_state.h"
+
+#include <windows.h>
+
+#include "core/text_encoding.h"
+#include "core/whole_file.h"
+#include "formats/text_lines.h"
+#include "storage/client_root.h"
+
+namespace talvex {
+namespace {
+
+constexpr std::string_view kMagic = "TALVEX-UPDATE-STATE-V1";
+constexpr std::string_view kSequenceKey = "sequence";
+constexpr std::string_view kReleaseKey = "release";
+constexpr std::string_view kDigestKey = "manifest-sha256";
+constexpr std::size_t kLines = 4;
+constexpr std::uint32_t kSizeLimit = 4'096;  // bytes
+// The process id follows, so that two helpers never write to the same temporary file.
+constexpr std::wstring_view kTemporarySuffix = L".new-";
+
+constexpr std::wstring_view kEncodingInvalid = L"The installed update state has an invalid encoding.";
+constexpr std::wstring_view kIncomplete = L"The installed update state is incomplete.";
+constexpr std::wstring_view kFormatInvalid = L"The installed update state has an invalid format.";
+constexpr std::wstring_view kReleaseInvalid = L"The installed update state has invalid release information.";
+constexpr std::wstring_view kDigestInvalid = L"The installed update state has an invalid manifest digest.";
+constexpr std::wstring_view kSaveFailed = L"Could not save the installed update state";
+
+bool ParseInstalledState(std::string_view text, InstalledState& state, UpdateError& error) {
+  if (!IsLineText(text, kSizeLimit)) {
+    return Refuse(error, kEncodingInvalid);
+  }
+  std::size_t line_count = 0;
+  if (!CountLines(text, line_count)) {
+    return Refuse(error, kIncomplete);
+  }
+  // line 1          the magic, the whole line
+  if (line_count != kLines || TakeLine(text) != kMagic) {
+    return Refuse(error, kFormatInvalid);
+  }
+  // line 2          "sequence"         TAB  decimal, not 0
+  std::string_view value;
+  if (!CutKeyedValue(TakeLine(text), kSequenceKey, value) || !ParseDecimalU64(value, state.sequence) ||
+      state.sequence == 0) {
+    return Refuse(error, kReleaseInvalid);
+  }
+  // line 3          "release"          TAB  identifier
+  if (!CutKeyedValue(TakeLine(text), kReleaseKey, value) || !IsReleaseIdentifier(value)) {
+    return Refuse(error, kReleaseInvalid);
+  }
+  state.release = value;
+  // line 4          "manifest-sha256"  TAB  digest
+  if (!CutKeyedValue(TakeLine(text), kDigestKey, value) || !ParseHexDigest(value, state.manifest_digest)) {
+    return Refuse(error, kDigestInvalid);
+  }
+  state.present = true;
+  return true;
+}
+
+std::string FormatInstalledState(const Manifest& installed) {
+  std::string text(kMagic);
+  text.append("\n").append(kSequenceKey).append("\t").append(std::to_string(installed.sequence));
+  text.append("\n").append(kReleaseKey).append("\t").append(installed.release);
+  text.append("\n").append(kDigestKey).append("\t").append(WideToUtf8(DigestToHex(installed.digest)));
+  text.append("\n");
+  return text;
+}
+
+}  // namespace
+
+bool LoadInstalledState(std::wstring_view client_root, InstalledState& state, UpdateError& error) {
+  state = {};
+  const std::wstring path = JoinPath(client_root, kInstalledStateFileName);
+  if (!PathExists(path)) {
+    return true;
+  }
+  ByteBuffer bytes;
+  if (!ReadWholeFile(path, kSizeLimit, bytes, error)) {
+    return false;
+  }
+  if (!ParseInstalledState(AsText(bytes), state, error)) {
+    state = {};
+    return false;
+  }
+  return true;
+}
+
+bool SaveInstalledState(std::wstring_view client_root, const Manifest& installed, UpdateError& error) {
+  const std::wstring path = JoinPath(client_root, kInstalledStateFileName);
+  std::wstring temporary_path = path;
+  temporary_path.append(kTemporarySuffix).append(std::to_wstring(GetCurrentProcessId()));
+  return ReplaceWholeFile(path, temporary_path, AsBytes(FormatInstalledState(installed)), kSaveFailed,
+                          MoveFailureText::kPrefixOfWindowsText, error);
+}
+
+}  // namespace talvex

@@ -1,0 +1,168 @@
+#include "formats/manifest.h"
+
+#include <algorithm>
+#include <array>
+#include <set>
+
+#include "core/ascii_case.h"
+#include "core/sha256.h"
+#include "core/text_encoding.h"
+#include "formats/relative_path.h"
+#include "formats/text_lines.h"
+
+namespace talvex {
+namespace {
+
+constexpr std::string_view kMagic = "TALVEX-UPDATE-V1";
+constexpr std::string_view kReleaseKey = "release";
+constexpr std::string_view kSequenceKey = "sequence";
+constexpr std::string_view kFileKey = "file";
+constexpr std::size_t kLeastLines = 4;
+constexpr std::size_t kReleaseLengthLimit = 64;
+
+constexpr std::wstring_view kNotLineText = L"The update manifest must be UTF-8 text with LF line endings.";
+constexpr std::wstring_view kIncomplete = L"The update manifest is incomplete.";
+constexpr std::wstring_view kHeaderInvalid = L"The update manifest header is invalid.";
+constexpr std::wstring_view kReleaseInvalid = L"The update manifest release is invalid.";
+constexpr std::wstring_view kSequenceInvalid = L"The update manifest sequence is invalid.";
+constexpr std::wstring_view kRowInvalid = L"The update manifest contains an invalid file row.";
+constexpr std::wstring_view kFileDataInvalid = L"The update manifest contains invalid file data.";
+constexpr std::wstring_view kDuplicatePath = L"The update manifest contains a duplicate path.";
+constexpr std::wstring_view kUpdaterState = L"The update manifest targets updater state.";
+constexpr std::wstring_view kReleaseTooLarge = L"The update manifest exceeds the release size limit.";
+constexpr std::wstring_view kTooManyFiles = L"The update manifest contains too many files.";
+constexpr std::wstring_view kNoFiles = L"The update manifest contains no files.";
+
+bool IsAsciiAlphanumeric(char byte) {
+  return (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') || (byte >= '0' && byte <= '9');
+}
+
+// A second look at what the path rules refuse already: this file alone must never let a manifest overwrite
+// the record by which the next one is judged.
+bool IsUpdaterState(std::wstring_view folded_path) {
+  return folded_path == L"talvexupdatestate.dat" || folded_path == L"talvexupdatefailure.dat" ||
+         folded_path == L"talvexupdatefailure.dat.new" || folded_path == L".talvex-update" ||
+         folded_path == L".talvex-update-cache" || folded_path.starts_with(L".talvex-update\\") ||
+         folded_path.starts_with(L".talvex-update-cache\\");
+}
+
+// "file"  TAB  size  TAB  SHA-256  TAB  relative path
+bool ParseFileRow(std::string_view line, ManifestEntry& entry, UpdateError& error) {
+  std::array<std::string_view, 4> fields;
+  if (!CutFields(line, fields) || fields[0] != kFileKey) {
+    return Refuse(error, kRowInvalid);
+  }
+  if (!ParseDecimalU64(fields[1], entry.size) || entry.size == 0 || entry.size > kManagedFileSizeLimit) {
+    return Refuse(error, kFileDataInvalid);
+  }
+  if (!ParseHexDigest(fields[2], entry.digest)) {
+    return Refuse(error, kFileDataInvalid);
+  }
+  if (!ValidateRelativePath(fields[3], entry.normalised_path, error)) {
+    return RefuseUnlessExplained(error, kFileDataInvalid);
+  }
+  entry.path = fields[3];
+  return true;
+}
+
+bool ParseFileRows(std::string_view rows, Manifest& manifest, UpdateError& error) {
+  std::set<std::wstring> seen_paths;
+  std::uint64_t total_size = 0;
+  while (!rows.empty()) {
+    ManifestEntry entry;
+    if (!ParseFileRow(TakeLine(rows), entry, error)) {
+      return false;
+    }
+    const auto [folded_path, is_new] = seen_paths.insert(FoldAsciiCase(entry.normalised_path));
+    if (!is_new) {
+      return Refuse(error, kDuplicatePath);
+    }
+    if (IsUpdaterState(*folded_path)) {
+      return Refuse(error, kUpdaterState);
+    }
+    if (entry.size > kReleaseSizeLimit - total_size) {
+      return Refuse(error, kReleaseTooLarge);
+    }
+    total_size += entry.size;
+    manifest.entries.push_back(std::move(entry));
+    if (manifest.entries.size() > kManifestFileLimit) {
+      return Refuse(error, kTooManyFiles);
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool ParseManifest(std::span<const std::byte> bytes, Manifest& manifest, UpdateError& error) {
+  manifest = {};
+  std::string_view text = AsText(bytes);
+  if (!IsLineText(text, kManifestSizeLimit)) {
+    return Refuse(error, kNotLineText);
+  }
+  std::size_t line_count = 0;
+  if (!CountLines(text, line_count)) {
+    return Refuse(error, kIncomplete);
+  }
+  // line 1          the magic, the whole line
+  if (line_count < kLeastLines || TakeLine(text) != kMagic) {
+    return Refuse(error, kHeaderInvalid);
+  }
+  // line 2          "release"   TAB  identifier
+  std::string_view release;
+  if (!CutKeyedValue(TakeLine(text), kReleaseKey, release) || !IsReleaseIdentifier(release)) {
+    return Refuse(error, kReleaseInvalid);
+  }
+  manifest.release = release;
+  // line 3          "sequence"  TAB  decimal, not 0
+  std::string_view sequence;
+  if (!CutKeyedValue(TakeLine(text), kSequenceKey, sequence) ||
+      !ParseDecimalU64(sequence, manifest.sequence) || manifest.sequence == 0) {
+    return Refuse(error, kSequenceInvalid);
+  }
+  // line 4 and on   file rows
+  if (!ParseFileRows(text, manifest, error)) {
+    return false;
+  }
+  if (manifest.entries.empty()) {
+    return Refuse(error, kNoFiles);
+  }
+  return Sha256OfBuffer(bytes, manifest.digest, error);
+}
+
+std::string FormatManifest(const Manifest& manifest) {
+  std::string text(kMagic);
+  text.append("\n").append(kReleaseKey).append("\t").append(manifest.release);
+  text.append("\n").append(kSequenceKey).append("\t").append(std::to_string(manifest.sequence)).append("\n");
+  for (const ManifestEntry& entry : manifest.entries) {
+    text.append(kFileKey).append("\t").append(std::to_string(entry.size)).append("\t");
+    text.append(WideToUtf8(DigestToHex(entry.digest))).append("\t").append(entry.path).append("\n");
+  }
+  return text;
+}
+
+bool IsReleaseIdentifier(std::string_view text) noexcept {
+  return !text.empty() && text.size() <= kReleaseLengthLimit && IsAsciiAlphanumeric(text.front()) &&
+         text.back() != '.' && std::all_of(text.begin(), text.end(), [](char byte) {
+           return IsAsciiAlphanumeric(byte) || byte == '.' || byte == '_' || byte == '-';
+         });
+}
+
+const ManifestEntry* FindManifestEntry(const Manifest& manifest, std::wstring_view normalised_path) noexcept {
+  const auto found =
+      std::find_if(manifest.entries.begin(), manifest.entries.end(), [&](const ManifestEntry& entry) {
+        return std::wstring_view(entry.normalised_path) == normalised_path;
+      });
+  return found == manifest.entries.end() ? nullptr : &*found;
+}
+
+const ManifestEntry* FindManifestEntryIgnoringCase(const Manifest& manifest,
+                                                   std::wstring_view normalised_path) noexcept {
+  const auto found =
+      std::find_if(manifest.entries.begin(), manifest.entries.end(), [&](const ManifestEntry& entry) {
+        return EqualIgnoringAsciiCase(entry.normalised_path, normalised_path);
+      });
+  return found == manifest.entries.end() ? nullptr : &*found;
+}
+
+}  // namespace talvex

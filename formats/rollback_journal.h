@@ -1,0 +1,69 @@
+#pragma once
+
+// The rollback journal: the one record with which a later run of the helper can undo an update. A journal on
+// disk promises that everything it refers to has been saved. It carries no proof of its own; each row is
+// believed only after it was found in a signed manifest.
+//
+//   TALVEX-ROLLBACK-V1
+//   manifest-sha256           TAB  64 lowercase hexadecimal characters
+//   previous-state            TAB  0 or 1
+//   previous-cache-manifest   TAB  0 or 1
+//   previous-cache-signature  TAB  0 or 1
+//   file or delete  TAB  0 or 1  TAB  relative path        1 to 2,048 such lines
+//
+// Row order is the order in which the update makes its changes; restoration walks it backwards.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "core/sha256_digest.h"
+#include "core/update_error.h"
+
+namespace talvex {
+
+inline constexpr std::size_t kJournalEntryLimit = 2'048;
+inline constexpr std::uint32_t kJournalSizeLimit = 262'144;  // bytes
+
+struct RollbackEntry {
+  bool retired = false;  // the update deletes the file; otherwise it installs it
+  bool existed = false;  // the file was there when rollback was prepared
+  std::string path;      // as in the manifest
+  std::wstring wide_path;
+};
+
+// No two entries share a path, case ignored.
+struct RollbackJournal {
+  Sha256Digest manifest_digest;  // of the release being installed
+  // Whether the file existed before the update; a recovery copy of it was then made.
+  bool previous_state = false;
+  bool previous_cache_manifest = false;
+  bool previous_cache_signature = false;
+  std::vector<RollbackEntry> entries;
+};
+
+// Writes the journal to `path` through a temporary file. A failure leaves an earlier journal in place.
+// Messages: those of ValidateRelativePath and WriteNewFile, and
+//   "The update rollback journal has an invalid file count."
+//   "The update rollback journal contains an unsafe file."    the two forms of an entry's path differ
+//   "The update rollback journal contains a duplicate file."
+//   "The update rollback journal is too large."
+//   "Could not save the update rollback journal: " + Windows text
+[[nodiscard]] bool SaveRollbackJournal(const std::wstring& path, const RollbackJournal& journal,
+                                       UpdateError& error);
+
+// Reads the journal at `path`. A failure may leave `journal` partly filled. Messages: those of ReadWholeFile
+// and ValidateRelativePath, and
+//   "The update rollback journal has an invalid encoding."
+//   "The update rollback journal is incomplete."
+//   "The update rollback journal has an invalid format."        also when there is no row
+//   "The update rollback journal has an invalid manifest digest."
+//   "The update rollback journal has invalid previous-state flags."
+//   "The update rollback journal has an invalid file row."
+//   "The update rollback journal contains a duplicate file."
+//   "The update rollback journal has an invalid file count."
+[[nodiscard]] bool ParseRollbackJournal(const std::wstring& path, RollbackJournal& journal,
+                                        UpdateError& error);
+
+}  // namespace talvex

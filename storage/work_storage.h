@@ -1,0 +1,34 @@
+#pragma once
+
+// The updater's work directory in the client root, and how its trees are removed: never through a reparse
+// point, without retries, the first failure ending the walk.
+
+#include <string>
+#include <string_view>
+
+#include "core/update_error.h"
+
+namespace talvex {
+
+// Directly in the client root: staged releases and, below kPreviousDirectoryName, what undoes an update.
+inline constexpr std::wstring_view kWorkDirectoryName = L".talvex-update";
+inline constexpr std::wstring_view kPreviousDirectoryName = L"previous";
+
+// Removes `directory` and everything below it, read-only files included. True when it is gone or was never
+// there. A failure leaves what was not yet removed. Messages:
+//   "An updater work directory is unsafe."                    the path is a file or a reparse point
+//   "Could not inspect an updater work directory."
+//   "An updater work directory contains a reparse point."     neither followed nor removed
+//   "Could not remove old updater work data."
+//   "Could not remove an old updater directory."
+[[nodiscard]] bool RemoveWorkTree(const std::wstring& directory, UpdateError& error);
+
+// Removes every entry of `directory` but the one named `kept_name` (A to Z in either case). Files directly
+// in it are deleted as they are: a read-only one makes this fail. A missing directory has nothing to clear.
+// Messages: those of RemoveWorkTree, and
+//   "Updater storage contains an unsafe reparse point."
+//   "Could not remove stale updater data."
+[[nodiscard]] bool ClearWorkDirectoryExcept(const std::wstring& directory, std::wstring_view kept_name,
+                                            UpdateError& error);
+
+}  // namespace talvex
