@@ -8,11 +8,6 @@ namespace {
 constexpr DWORD kClientExitWaitMs = 300'000;
 constexpr DWORD kLockWaitMs = 10'000;
 
-bool IsOpenHandle(HANDLE handle) {
-  DWORD flags = 0;
-  return handle != nullptr && GetHandleInformation(handle, &flags);
-}
-
 }  // namespace
 
 bool ParseHandleValue(const wchar_t* text, std::uint64_t& value) {
@@ -22,6 +17,11 @@ bool ParseHandleValue(const wchar_t* text, std::uint64_t& value) {
 
 HANDLE HandleFromValue(std::uint64_t value) noexcept {
   return reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(value));
+}
+
+bool IsOpenHandle(HANDLE handle) noexcept {
+  DWORD flags = 0;
+  return handle != nullptr && GetHandleInformation(handle, &flags);
 }
 
 bool WaitForClientExit(OwnedHandle& client) noexcept {

@@ -21,6 +21,9 @@ inline constexpr std::uint64_t kMostHandleValue = 0xFFFFFFFF;
 // The handle of a parsed value that is at most kMostHandleValue, those above 0x7FFFFFFF included.
 [[nodiscard]] HANDLE HandleFromValue(std::uint64_t value) noexcept;
 
+// Whether Windows knows `handle` as one of this process.
+[[nodiscard]] bool IsOpenHandle(HANDLE handle) noexcept;
+
 // Waits up to five minutes for the client's process to exit, then closes and forgets the handle whatever the
 // result. True when the client has exited.
 [[nodiscard]] bool WaitForClientExit(OwnedHandle& client) noexcept;

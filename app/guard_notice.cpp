@@ -1,0 +1,62 @@
+#include "app/guard_notice.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+#include "app/handle_operand.h"
+#include "app/reporting.h"
+
+namespace talvex {
+namespace {
+
+constexpr int kArgumentCount = 4;
+
+constexpr wchar_t kNoticeCaption[] = L"Talvex";
+constexpr std::wstring_view kCodePlaceholder = L"%1";
+
+// The monitor's codes and its notices belong to the client: add a row for each code that has a sentence of
+// its own. The placeholder is replaced by the code. The last row, without a code, serves all others.
+struct GuardText {
+  std::wstring_view code;
+  std::wstring_view notice;
+};
+constexpr GuardText kGuardTexts[] = {
+    {L"", L"Talvex was closed by its security monitor with code %1."},
+};
+
+std::wstring NoticeFor(std::wstring_view code) {
+  const auto* const row = std::find_if(std::begin(kGuardTexts), std::prev(std::end(kGuardTexts)),
+                                       [code](const GuardText& text) { return text.code == code; });
+  std::wstring notice(row->notice);
+  const std::size_t position = notice.find(kCodePlaceholder);
+  if (position != std::wstring::npos) {
+    notice.replace(position, kCodePlaceholder.size(), code);
+  }
+  return notice;
+}
+
+}  // namespace
+
+int RunGuardNotice(int argument_count, const wchar_t* const* arguments) {
+  if (argument_count != kArgumentCount) {
+    return 2;
+  }
+  std::uint64_t value = 0;
+  if (!ParseHandleValue(arguments[3], value) || value > kMostHandleValue ||
+      !IsOpenHandle(HandleFromValue(value))) {
+    return 1;
+  }
+  // Order: the notice after the client is gone, because it says that the client was closed.
+  OwnedHandle client(HandleFromValue(value));
+  if (!WaitForClientExit(client)) {
+    return 1;
+  }
+  ShowNotice(kNoticeCaption, NoticeFor(arguments[2]));
+  return 0;
+}
+
+}  // namespace talvex

@@ -1,0 +1,29 @@
+#pragma once
+
+// How the helper speaks: one line on the console of the process that started it, or a message box.
+
+#include <string>
+#include <string_view>
+
+namespace talvex {
+
+// Whether the transaction modes print their failures as console lines and keep their notices to themselves.
+// False at start, and nothing in the program sets it.
+extern bool console_reporting;
+
+// The caption of every box about an update.
+inline constexpr wchar_t kUpdateCaption[] = L"Talvex Update";
+
+// Writes `text` and a line end, as UTF-8, to the starting process's console or to wherever standard output
+// was sent. Without either, nothing happens. A text with a lone surrogate has no UTF-8 form and leaves the
+// line empty, its end included.
+void WriteConsoleLine(std::wstring_view text);
+
+// Reports a failed transaction and returns when the user has closed the box. An empty message stands for
+// "The update failed. Your existing files were restored."
+void ShowUpdateFailure(const std::wstring& message);
+
+// Shows a notice that asks for no decision and returns when the user has closed it.
+void ShowNotice(const wchar_t* caption, const std::wstring& message);
+
+}  // namespace talvex
