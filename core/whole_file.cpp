@@ -17,14 +17,14 @@ DWORD NextPiece(std::size_t remaining) {
   return static_cast<DWORD>(std::min(remaining, kFilePieceSize));
 }
 
-bool IsPlainSingleLink(HANDLE file) {
+}  // namespace
+
+bool IsRegularFile(HANDLE file) noexcept {
   BY_HANDLE_FILE_INFORMATION information{};
   return GetFileInformationByHandle(file, &information) &&
-         (information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 &&
+         (information.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0 &&
          information.nNumberOfLinks == 1;
 }
-
-}  // namespace
 
 OwnedHandle OpenRegularFileForRead(const std::wstring& path, std::uint64_t size_limit,
                                    const RegularFileMessages& messages, std::uint64_t& size,
@@ -39,7 +39,7 @@ OwnedHandle OpenRegularFileForRead(const std::wstring& path, std::uint64_t size_
   }
   LARGE_INTEGER found{};
   if (!GetFileSizeEx(file.Get(), &found) || found.QuadPart < 0 ||
-      static_cast<std::uint64_t>(found.QuadPart) > size_limit || !IsPlainSingleLink(file.Get())) {
+      static_cast<std::uint64_t>(found.QuadPart) > size_limit || !IsRegularFile(file.Get())) {
     SetError(error, messages.not_regular);
     return OwnedHandle();
   }

@@ -23,6 +23,10 @@ using ByteBuffer = std::vector<std::byte>;
 // Files are read, hashed and written in pieces of at most this many bytes.
 inline constexpr std::size_t kFilePieceSize = 1'048'576;
 
+// Whether an open file is a regular one: no directory, no reparse point, exactly one link. False too when
+// Windows does not tell.
+[[nodiscard]] bool IsRegularFile(HANDLE file) noexcept;
+
 // The two messages with which the readers of regular files differ.
 struct RegularFileMessages {
   std::wstring_view open_failed;  // prefix of the Windows text

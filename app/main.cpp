@@ -1,0 +1,69 @@
+// The entry: splits the command line, chooses one mode by its first word, and ends with that mode's exit
+// code.
+
+#include <windows.h>
+
+#include <shellapi.h>
+
+#include <memory>
+#include <string_view>
+
+#include "app/diagnostic_modes.h"
+#include "app/dll_search.h"
+#include "app/exit_code.h"
+#include "app/guard_notice.h"
+#include "app/reporting.h"
+#include "app/rollback_mode.h"
+#include "apply/apply_transaction.h"
+#include "core/ascii_case.h"
+
+namespace talvex {
+namespace {
+
+constexpr std::wstring_view kUsage =
+    L"Usage: TalvexUpdateHelper.exe --guard-error <code> <parent-handle>\n"
+    L"       TalvexUpdateHelper.exe --verify-manifest <manifest> <signature>\n"
+    L"       TalvexUpdateHelper.exe --validate-path <relative-path>\n"
+    L"       TalvexUpdateHelper.exe --rollback-journal <client-root> <parent-handle> <lock-handle>\n"
+    L"       TalvexUpdateHelper.exe --apply-plan <client-root> <stage-root> <parent-handle> "
+    L"<manifest-sha256> <plan-sha256> <lock-handle>";
+
+// Each mode checks its own argument count.
+struct Mode {
+  std::wstring_view word;
+  int (*run)(int argument_count, const wchar_t* const* arguments);
+};
+constexpr Mode kModes[] = {
+    {L"--guard-error", RunGuardNotice},     {L"--verify-manifest", RunVerifyManifest},
+    {L"--validate-path", RunValidatePath},  {L"--rollback-journal", RunRollbackMode},
+    {L"--apply-plan", RunApplyTransaction},
+};
+
+struct LocalFreeDeleter {
+  void operator()(wchar_t** arguments) const noexcept { LocalFree(arguments); }
+};
+
+int RunMode() {
+  int count = 0;
+  const std::unique_ptr<wchar_t*, LocalFreeDeleter> arguments(CommandLineToArgvW(GetCommandLineW(), &count));
+  if (arguments == nullptr) {
+    return kExitUnusable;
+  }
+  if (count >= 2) {
+    for (const Mode& mode : kModes) {
+      if (EqualIgnoringAsciiCase(arguments.get()[1], mode.word)) {
+        return mode.run(count, arguments.get());
+      }
+    }
+  }
+  WriteConsoleLine(kUsage);
+  return kExitUnusable;
+}
+
+}  // namespace
+}  // namespace talvex
+
+int WINAPI WinMain(HINSTANCE, HINSTANCE, LPSTR, int) {
+  talvex::RestrictDllSearch();
+  return talvex::RunMode();
+}

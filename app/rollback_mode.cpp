@@ -1,0 +1,88 @@
+#include "app/rollback_mode.h"
+
+#include <windows.h>
+
+#include <new>
+#include <string>
+
+#include "app/exit_code.h"
+#include "app/handle_operand.h"
+#include "app/reporting.h"
+#include "rollback/rollback_transaction.h"
+#include "storage/client_root.h"
+
+namespace talvex {
+namespace {
+
+constexpr int kArgumentCount = 5;
+
+constexpr wchar_t kInvalidData[] = L"The rollback helper received invalid transaction data.";
+constexpr wchar_t kHandlesLost[] = L"The rollback ownership handles were lost.";
+constexpr wchar_t kClientStillRuns[] = L"Talvex did not close in time for rollback.";
+constexpr wchar_t kLockNotAcquired[] = L"Talvex could not retain its rollback ownership lock.";
+constexpr wchar_t kRestoreFailed[] = L"Talvex could not restore the previous client files.";
+constexpr wchar_t kReasonSeparator[] = L"\n\n";
+constexpr wchar_t kRestored[] =
+    L"The last update could not start correctly, so Talvex restored the previous client files. A newer "
+    L"update is required before this release will be tried again.";
+
+bool ParseUsableHandle(const wchar_t* text, HANDLE& handle) {
+  std::uint64_t value = 0;
+  if (!ParseHandleValue(text, value) || value == 0 || value > kMostHandleValue) {
+    return false;
+  }
+  handle = HandleFromValue(value);
+  return true;
+}
+
+int FailWith(const std::wstring& message) {
+  ShowUpdateFailure(message);
+  return kExitFailed;
+}
+
+// Memory that runs out is a failure like any other: the journal and the copies stay, and a second run of the
+// mode finishes what this one began.
+bool RestorePreviousRelease(const std::wstring& client_root, UpdateError& error) {
+  try {
+    return RunRollbackTransaction(client_root, error);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+int RunRollbackMode(int argument_count, const wchar_t* const* arguments) {
+  if (argument_count != kArgumentCount) {
+    return kExitUnusable;
+  }
+  UpdateError unreported;  // an unusable path is invalid data, whatever Windows says of it
+  const std::wstring client_root = ResolveClientRoot(arguments[2], unreported);
+  HANDLE parent = nullptr;
+  HANDLE lock = nullptr;
+  if (client_root.empty() || !ParseUsableHandle(arguments[3], parent) ||
+      !ParseUsableHandle(arguments[4], lock)) {
+    return FailWith(kInvalidData);
+  }
+  // The guard closes what is still open after each failure's message box.
+  TransactionHandles handles(parent, lock);
+  if (!handles.AreOpen()) {
+    return FailWith(kHandlesLost);
+  }
+  if (!handles.WaitForParentExit()) {
+    return FailWith(kClientStillRuns);
+  }
+  if (!handles.AcquireLock()) {
+    return FailWith(kLockNotAcquired);
+  }
+  UpdateError error;
+  const bool restored = RestorePreviousRelease(client_root, error);
+  handles.ReleaseTransactionHandles();
+  if (!restored) {
+    return FailWith(std::wstring(kRestoreFailed) + kReasonSeparator + error.Message());
+  }
+  ShowNotice(kUpdateCaption, kRestored);
+  return kExitDone;
+}
+
+}  // namespace talvex

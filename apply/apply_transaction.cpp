@@ -1,0 +1,340 @@
+#include "apply/apply_transaction.h"
+
+#include <windows.h>
+
+#include <array>
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "app/exit_code.h"
+#include "app/handle_operand.h"
+#include "app/reporting.h"
+#include "app/status_window.h"
+#include "apply/client_relaunch.h"
+#include "apply/file_installation.h"
+#include "apply/file_verification.h"
+#include "core/ascii_case.h"
+#include "core/publisher_key.h"
+#include "core/sha256.h"
+#include "core/text_encoding.h"
+#include "core/whole_file.h"
+#include "formats/apply_plan.h"
+#include "formats/installed_state.h"
+#include "formats/rollback_journal.h"
+#include "formats/signed_manifest.h"
+#include "formats/verified_cache.h"
+#include "rollback/restoration.h"
+#include "rollback/rollback_preparation.h"
+#include "storage/client_root.h"
+#include "storage/work_storage.h"
+
+namespace talvex {
+namespace {
+
+constexpr int kArgumentCount = 8;
+// The staged release's own tree, below the stage root.
+constexpr std::wstring_view kStagedFilesName = L"files";
+// Long enough to read the last status text before the window goes.
+constexpr DWORD kCompletedTextMs = 1'200;
+
+constexpr std::wstring_view kVerifyingText = L"Verifying update...";
+constexpr const wchar_t* kApplyingText = L"Applying update...";
+constexpr const wchar_t* kCompletedText = L"Update completed. Starting Talvex...";
+
+constexpr std::wstring_view kInvalidData = L"The update helper received invalid transaction data.";
+constexpr std::wstring_view kHandlesLost = L"The update ownership lock was lost.";
+constexpr std::wstring_view kStageOutside =
+    L"The update staging directory is outside this Talvex installation.";
+constexpr std::wstring_view kReleaseInvalid = L"The signed update transaction is invalid.";
+constexpr std::wstring_view kPlanInvalid = L"The update apply plan failed verification.";
+constexpr std::wstring_view kClientStillRuns = L"Talvex did not close in time for the update.";
+constexpr std::wstring_view kLockNotAcquired = L"Talvex could not retain its update ownership lock.";
+constexpr std::wstring_view kRetiredFileStays = L"A retired managed file was not removed.";
+constexpr std::wstring_view kUpdateFailed = L"The update failed.";
+constexpr std::wstring_view kFilesRestored = L"Your existing files were restored.";
+constexpr std::wstring_view kReasonSeparator = L"\n\n";
+
+// What the client said on the command line: pointers to data that the transaction then proves.
+struct Operands {
+  std::wstring client_root;
+  std::wstring stage_root;
+  Sha256Digest manifest_digest;
+  Sha256Digest plan_digest;
+  std::uint64_t parent_value = 0;
+  std::uint64_t lock_value = 0;
+};
+
+bool ParseOperands(const wchar_t* const* arguments, Operands& operands) {
+  UpdateError unreported;  // an unusable path is invalid data, whatever Windows says of it
+  operands.client_root = ResolveClientRoot(arguments[2], unreported);
+  operands.stage_root = ResolveClientRoot(arguments[3], unreported);
+  return !operands.client_root.empty() && !operands.stage_root.empty() &&
+         ParseHandleValue(arguments[4], operands.parent_value) &&
+         ParseHexDigest(WideToUtf8(arguments[5]), operands.manifest_digest) &&
+         ParseHexDigest(WideToUtf8(arguments[6]), operands.plan_digest) &&
+         ParseHandleValue(arguments[7], operands.lock_value) && operands.parent_value <= kMostHandleValue &&
+         operands.lock_value <= kMostHandleValue && IsRealDirectory(operands.client_root) &&
+         IsRealDirectory(operands.stage_root);
+}
+
+// One run, from proven operands on. Each method is one step; a step that returns false has set the error.
+class ApplyTransaction {
+ public:
+  explicit ApplyTransaction(Operands operands)
+      : operands_(std::move(operands)),
+        work_directory_(JoinPath(operands_.client_root, kWorkDirectoryName)),
+        previous_directory_(JoinPath(work_directory_, kPreviousDirectoryName)),
+        rollback_files_directory_(JoinPath(previous_directory_, kRollbackFilesName)),
+        staged_files_directory_(JoinPath(operands_.stage_root, kStagedFilesName)),
+        handles_(HandleFromValue(operands_.parent_value), HandleFromValue(operands_.lock_value)) {}
+
+  [[nodiscard]] int Run() {
+    if (!handles_.AreOpen()) {
+      return FailWith(kHandlesLost);
+    }
+    if (!StageRootIsInPlace()) {
+      return FailWith(kStageOutside);
+    }
+    LoadCurrentRelease();
+    if (!LoadStagedRelease()) {
+      return FailWith(ErrorOr(kReleaseInvalid));
+    }
+    if (!LoadPlan()) {
+      return FailWith(ErrorOr(kPlanInvalid));
+    }
+    window_.StartStatusWindow(kVerifyingText);
+    if (!BuildOperations()) {
+      return FailWith(error_.Message());
+    }
+    // Both waits stand before the first change: until they have succeeded the client may be running and
+    // using its files.
+    if (!handles_.WaitForParentExit()) {
+      return FailWith(kClientStillRuns);
+    }
+    if (!handles_.AcquireLock()) {
+      return FailWith(kLockNotAcquired);
+    }
+    if (!ClearStaleRollbackData() || !PrepareRollbackData()) {
+      return FailWith(error_.Message());
+    }
+    if (!ChangeClient()) {
+      return FailRestored();
+    }
+    return FinishAndRelaunch();
+  }
+
+ private:
+  int FailWith(std::wstring_view message) {
+    window_.StopStatusWindow();
+    ShowUpdateFailure(std::wstring(message));
+    handles_.ReleaseTransactionHandles();
+    return kExitFailed;
+  }
+
+  [[nodiscard]] std::wstring_view ErrorOr(std::wstring_view general) const {
+    return error_.IsEmpty() ? general : std::wstring_view(error_.Message());
+  }
+
+  // The stage root has to be where the manifest's digest says, and no link may lead there or to the place of
+  // the rollback data.
+  [[nodiscard]] bool StageRootIsInPlace() const {
+    UpdateError unreported;
+    const std::wstring digest_text = DigestToHex(operands_.manifest_digest);
+    const std::wstring expected = ResolveClientRoot(JoinPath(work_directory_, digest_text), unreported);
+    return EqualIgnoringAsciiCase(expected, operands_.stage_root) &&
+           RejectReparsePoints(operands_.client_root, JoinPath(kWorkDirectoryName, digest_text),
+                               LastComponent::kChecked, unreported) &&
+           RejectReparsePoints(operands_.client_root, JoinPath(kWorkDirectoryName, kPreviousDirectoryName),
+                               LastComponent::kChecked, unreported);
+  }
+
+  // No installed release that can be proved is not a failure: such a client accepts any release.
+  void LoadCurrentRelease() {
+    has_current_ =
+        LoadTrustedState(operands_.client_root, PublisherKeyBlob(), current_state_, current_manifest_);
+  }
+
+  [[nodiscard]] bool LoadStagedRelease() {
+    return ReadWholeFile(JoinPath(operands_.stage_root, kManifestFileName), kManifestSizeLimit,
+                         manifest_bytes_, error_) &&
+           ReadWholeFile(JoinPath(operands_.stage_root, kSignatureFileName), kSignatureSizeLimit, signature_,
+                         error_) &&
+           VerifySignedManifest(manifest_bytes_, signature_, PublisherKeyBlob(), new_manifest_, error_) &&
+           DigestsEqual(new_manifest_.digest, operands_.manifest_digest) &&
+           CheckReleaseOrder(current_state_, new_manifest_, error_) &&
+           ReadWholeFile(JoinPath(operands_.stage_root, kApplyPlanFileName), kApplyPlanSizeLimit, plan_bytes_,
+                         error_);
+  }
+
+  [[nodiscard]] bool LoadPlan() {
+    Sha256Digest plan_digest;
+    return Sha256OfBuffer(plan_bytes_, plan_digest, error_) &&
+           DigestsEqual(plan_digest, operands_.plan_digest) &&
+           ParseApplyPlan(plan_bytes_, new_manifest_, has_current_ ? &current_manifest_ : nullptr,
+                          operands_.manifest_digest, install_entries_, retire_entries_, error_);
+  }
+
+  // Installs first, then retires, each in plan order.
+  [[nodiscard]] bool BuildOperations() {
+    if (!VerifyStagedFiles(staged_files_directory_, operands_.client_root, rollback_files_directory_,
+                           install_entries_, operations_, window_, error_)) {
+      return false;
+    }
+    for (const ManifestEntry* const entry : retire_entries_) {
+      ApplyOperation operation;
+      operation.entry = entry;
+      operation.retire = true;
+      if (!ResolveCheckedPath(operands_.client_root, entry->normalised_path, operation.target_path, error_) ||
+          !ResolveUpdatePath(rollback_files_directory_, entry->normalised_path, operation.rollback_copy_path,
+                             error_)) {
+        return false;
+      }
+      operations_.push_back(std::move(operation));
+    }
+    return true;
+  }
+
+  [[nodiscard]] bool ClearStaleRollbackData() {
+    std::wstring made;
+    return (!PathExists(previous_directory_) || RemoveWorkTree(previous_directory_, error_)) &&
+           CreateUpdateDirectory(work_directory_, kPreviousDirectoryName, made, error_);
+  }
+
+  [[nodiscard]] bool PrepareRollbackData() {
+    if (PrepareRollback(operands_.client_root, previous_directory_, rollback_files_directory_, new_manifest_,
+                        manifest_bytes_, signature_, operations_, error_)) {
+      return true;
+    }
+    UpdateError unreported;
+    static_cast<void>(RemoveWorkTree(previous_directory_, unreported));
+    return false;
+  }
+
+  // Every step that changes the client. Order: the cache before the state, because a state without its cache
+  // is not believed, while a cache without its state is not asked for. Memory that runs out here must not
+  // end the process with files half replaced, so it is a failure like any other.
+  [[nodiscard]] bool ChangeClient() {
+    try {
+      window_.SetStatusText(kApplyingText);
+      window_.SetStatusProgress(0, operations_.size());
+      return InstallApplyOperations(operands_.client_root, rollback_files_directory_, operations_, window_,
+                                    kNoFaultInjection, error_) &&
+             VerifyInstalledFiles(operands_.client_root, new_manifest_, window_, error_) &&
+             VerifyRetiredFilesAreGone() &&
+             SaveVerifiedCache(operands_.client_root, manifest_bytes_, signature_, error_) &&
+             SaveInstalledState(operands_.client_root, new_manifest_, error_);
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+  }
+
+  [[nodiscard]] bool VerifyRetiredFilesAreGone() {
+    for (const ManifestEntry* const entry : retire_entries_) {
+      std::wstring path;
+      if (!ResolveCheckedPath(operands_.client_root, entry->normalised_path, path, error_)) {
+        return false;
+      }
+      if (PathExists(path)) {
+        return Refuse(error_, kRetiredFileStays);
+      }
+    }
+    return true;
+  }
+
+  // The journal on disk says what to restore, as it would to a later run. The rollback data goes only after
+  // everything was restored; otherwise the player still needs the copies.
+  [[nodiscard]] bool Restore(UpdateError& restore_error) {
+    RollbackJournal journal;
+    return ParseRollbackJournal(JoinPath(previous_directory_, kRollbackJournalName), journal,
+                                restore_error) &&
+           RestoreFromRollback(operands_.client_root, previous_directory_, journal, operations_,
+                               restore_error) &&
+           RemoveWorkTree(previous_directory_, restore_error);
+  }
+
+  int FailRestored() {
+    UpdateError restore_error;
+    const bool restored = Restore(restore_error);
+    std::wstring message(ErrorOr(kUpdateFailed));
+    message += kReasonSeparator;
+    message += restored ? kFilesRestored : std::wstring_view(restore_error.Message());
+    return FailWith(message);
+  }
+
+  // From here on the release counts as installed: nothing that fails now is a reason to take it back.
+  int FinishAndRelaunch() {
+    UpdateError unreported;
+    static_cast<void>(ClearWorkDirectoryExcept(work_directory_, kPreviousDirectoryName, unreported));
+    window_.SetStatusText(kCompletedText);
+    window_.SetStatusProgress(1, 1);
+    Sleep(kCompletedTextMs);
+    window_.StopStatusWindow();
+
+    RelaunchedClient client;
+    const bool relaunched =
+        RelaunchClient(operands_.client_root, new_manifest_, handles_.Lock(), client, error_);
+    if (!relaunched) {
+      ShowUpdateFailure(error_.Message());
+    }
+    // Only now: the restarted client holds its inherited handle, so nobody can take the lock in between.
+    handles_.ReleaseTransactionHandles();
+    client = {};
+    DeleteOwnProgramAtRestart();
+    return relaunched ? kExitDone : kExitFailed;
+  }
+
+  // The helper runs from a place of its own and cannot delete itself; Windows does, at its next start.
+  static void DeleteOwnProgramAtRestart() {
+    std::array<wchar_t, MAX_PATH> path{};
+    const DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    // A path that was cut to the buffer names some other file.
+    if (length != 0 && length < path.size()) {
+      MoveFileExW(path.data(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT);
+    }
+  }
+
+  const Operands operands_;
+  const std::wstring work_directory_;
+  const std::wstring previous_directory_;
+  const std::wstring rollback_files_directory_;
+  const std::wstring staged_files_directory_;
+  TransactionHandles handles_;
+
+  bool has_current_ = false;
+  InstalledState current_state_;
+  Manifest current_manifest_;
+  ByteBuffer manifest_bytes_;
+  ByteBuffer signature_;
+  ByteBuffer plan_bytes_;
+  Manifest new_manifest_;
+  std::vector<const ManifestEntry*> install_entries_;
+  std::vector<const ManifestEntry*> retire_entries_;
+  std::vector<ApplyOperation> operations_;
+
+  UpdateError error_;
+  StatusWindow window_;
+};
+
+}  // namespace
+
+int RunApplyTransaction(int argument_count, const wchar_t* const* arguments) {
+  if (argument_count != kArgumentCount) {
+    return kExitUnusable;
+  }
+  Operands operands;
+  if (!ParseOperands(arguments, operands)) {
+    ShowUpdateFailure(kInvalidData);
+    return kExitFailed;
+  }
+  try {
+    return ApplyTransaction(std::move(operands)).Run();
+  } catch (const std::bad_alloc&) {
+    ShowUpdateFailure(std::wstring(kUpdateFailed));
+    return kExitFailed;
+  }
+}
+
+}  // namespace talvex
