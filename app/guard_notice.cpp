@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "app/exit_code.h"
 #include "app/handle_operand.h"
 #include "app/reporting.h"
 
@@ -43,20 +44,20 @@ std::wstring NoticeFor(std::wstring_view code) {
 
 int RunGuardNotice(int argument_count, const wchar_t* const* arguments) {
   if (argument_count != kArgumentCount) {
-    return 2;
+    return kExitUnusable;
   }
   std::uint64_t value = 0;
   if (!ParseHandleValue(arguments[3], value) || value > kMostHandleValue ||
       !IsOpenHandle(HandleFromValue(value))) {
-    return 1;
+    return kExitFailed;
   }
   // Order: the notice after the client is gone, because it says that the client was closed.
   OwnedHandle client(HandleFromValue(value));
   if (!WaitForClientExit(client)) {
-    return 1;
+    return kExitFailed;
   }
   ShowNotice(kNoticeCaption, NoticeFor(arguments[2]));
-  return 0;
+  return kExitDone;
 }
 
 }  // namespace talvex

@@ -281,7 +281,7 @@ class ApplyTransaction {
     }
     // Only now: the restarted client holds its inherited handle, so nobody can take the lock in between.
     handles_.ReleaseTransactionHandles();
-    client = {};
+    client = RelaunchedClient();
     DeleteOwnProgramAtRestart();
     return relaunched ? kExitDone : kExitFailed;
   }
@@ -326,7 +326,7 @@ int RunApplyTransaction(int argument_count, const wchar_t* const* arguments) {
   }
   Operands operands;
   if (!ParseOperands(arguments, operands)) {
-    ShowUpdateFailure(kInvalidData);
+    ShowUpdateFailure(std::wstring(kInvalidData));
     return kExitFailed;
   }
   try {

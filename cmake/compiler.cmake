@@ -1,6 +1,7 @@
 # One interface target that every program and library of the project links: language level, warnings as
 # errors, and the macros that all sources agree on.
 add_library(talvex_compiler INTERFACE)
+set(CMAKE_CXX_EXTENSIONS OFF)
 target_compile_features(talvex_compiler INTERFACE cxx_std_20)
 target_include_directories(talvex_compiler INTERFACE ${PROJECT_SOURCE_DIR})
 # Windows 7 is the oldest system that the helper runs on.
