@@ -1,0 +1,116 @@
+#!/bin/sh
+# A Wine of the project's own, in a folder of its own, so that no test or demo touches anybody's ~/.wine.
+#
+#   tools/wine.sh FOLDER start             makes prefix and display, and keeps both ready until "stop"
+#   tools/wine.sh FOLDER run PROGRAM...    runs a Windows program in it
+#   tools/wine.sh FOLDER stop              ends it; fails when programs or temporary files were left behind
+set -eu
+
+usage() {
+  sed -n '2,/^set/s/^# \{0,1\}//p' "$0" >&2
+  exit 2
+}
+
+[ $# -ge 2 ] || usage
+mkdir -p "$1"
+folder=$(cd "$1" && pwd)
+action=$2
+shift 2
+
+export WINEPREFIX="$folder/prefix"
+export WINEARCH=win32
+export WINEDEBUG="${WINEDEBUG:--all}"
+# No offers to download Mono or Gecko; and no debugger, whose window would keep a crashed program forever.
+export WINEDLLOVERRIDES="mscoree,mshtml,winedbg.exe=${WINEDLLOVERRIDES:+;$WINEDLLOVERRIDES}"
+temporary="$WINEPREFIX/drive_c/temp"
+
+use_display() {
+  if [ -s "$folder/display" ]; then
+    DISPLAY=:$(cat "$folder/display")
+    export DISPLAY
+  fi
+}
+
+# The command lines of the programs that run in this prefix and are not Wine's own.
+programs_left() {
+  grep -lzxF "WINEPREFIX=$WINEPREFIX" /proc/[0-9]*/environ 2> /dev/null | while read -r environment; do
+    command=$(tr '\0' ' ' 2> /dev/null < "${environment%/environ}/cmdline" || true)
+    case $command in
+      C:\\windows\\*) ;;
+      *.exe*) echo "  $command" ;;
+    esac
+  done
+}
+
+make_prefix() {
+  rm -rf "$WINEPREFIX"
+  wineboot --init > /dev/null 2>&1
+  # Without a window manager Wine waits two seconds for each window, unless windows are unmanaged.
+  wine reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /d N /f > /dev/null 2>&1
+  for name in TEMP TMP; do
+    wine reg add 'HKCU\Environment' /v $name /d 'C:\temp' /f > /dev/null 2>&1
+  done
+  mkdir -p "$temporary"
+  wineserver --wait
+  touch "$folder/ready"
+}
+
+start() {
+  stop > /dev/null 2>&1 || true  # what an interrupted run has left
+  if [ -z "${DISPLAY:-}" ]; then
+    : > "$folder/display"
+    Xvfb -displayfd 3 -screen 0 1280x1024x24 -nolisten tcp 3> "$folder/display" > /dev/null 2>&1 &
+    echo $! > "$folder/xvfb.pid"
+    for _ in $(seq 100); do
+      [ ! -s "$folder/display" ] || break
+      sleep 0.1
+    done
+    use_display
+  fi
+  [ -e "$folder/ready" ] || make_prefix
+  rm -rf "${temporary:?}"
+  mkdir -p "$temporary"
+  # Wine ends its services with the last program, and starting them again takes most of a second. This one
+  # stays until "stop".
+  wine 'C:\windows\system32\ping.exe' -n 7200 127.0.0.1 < /dev/null > /dev/null 2>&1 &
+  wine 'C:\windows\system32\cmd.exe' /c exit > /dev/null 2>&1  # returns when the services have started
+}
+
+stop() {
+  # A program that was just told to end gets two seconds to do so.
+  for _ in $(seq 20); do
+    left=$(programs_left)
+    [ -n "$left" ] || break
+    sleep 0.1
+  done
+  wineserver --kill 2> /dev/null || true
+  wineserver --wait 2> /dev/null || true
+  if [ -f "$folder/xvfb.pid" ]; then
+    xvfb=$(cat "$folder/xvfb.pid")
+    rm -f "$folder/xvfb.pid" "$folder/display"
+    # The number may be another program's by now.
+    if grep -q Xvfb "/proc/$xvfb/comm" 2> /dev/null; then
+      kill "$xvfb"
+    fi
+  fi
+  if [ -n "$left" ]; then
+    echo "Still running at the end:"
+    echo "$left"
+    return 1
+  fi
+  if [ -n "$(ls -A "$temporary" 2> /dev/null)" ]; then
+    echo "Left behind in $temporary:"
+    ls -A "$temporary"
+    return 1
+  fi
+}
+
+case $action in
+  start) start ;;
+  stop) stop ;;
+  run)
+    use_display
+    exec wine "$@"
+    ;;
+  *) usage ;;
+esac
