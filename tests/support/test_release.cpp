@@ -1,0 +1,110 @@
+#include "tests/support/test_release.h"
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <wincrypt.h>
+
+#include <algorithm>
+
+#include "core/sha256.h"
+#include "core/text_encoding.h"
+#include "formats/apply_plan.h"
+#include "formats/installed_state.h"
+#include "formats/text_lines.h"
+#include "formats/verified_cache.h"
+#include "storage/client_root.h"
+#include "storage/work_storage.h"
+#include "tests/support/scratch_directory.h"
+
+namespace talvex::test {
+namespace {
+
+std::wstring WidePath(const std::string& path) {
+  std::wstring wide = Utf8ToWide(path);
+  std::replace(wide.begin(), wide.end(), L'/', L'\\');
+  return wide;
+}
+
+}  // namespace
+
+std::string SignWithDevelopmentKey(std::string_view text) {
+  const std::string key_blob = ReadTestFile(L"development-key\\private.blob");
+  HCRYPTPROV provider = 0;
+  HCRYPTKEY key = 0;
+  HCRYPTHASH hash = 0;
+  std::string signature(384, '\0');
+  auto length = static_cast<DWORD>(signature.size());
+  EXPECT_TRUE(
+      CryptAcquireContextW(&provider, nullptr, MS_ENH_RSA_AES_PROV_W, PROV_RSA_AES, CRYPT_VERIFYCONTEXT) &&
+      CryptImportKey(provider, reinterpret_cast<const BYTE*>(key_blob.data()),
+                     static_cast<DWORD>(key_blob.size()), 0, 0, &key) &&
+      CryptCreateHash(provider, CALG_SHA_256, 0, 0, &hash) &&
+      CryptHashData(hash, reinterpret_cast<const BYTE*>(text.data()), static_cast<DWORD>(text.size()), 0) &&
+      CryptSignHashW(hash, AT_SIGNATURE, nullptr, 0, reinterpret_cast<BYTE*>(signature.data()), &length));
+  CryptDestroyHash(hash);
+  CryptDestroyKey(key);
+  CryptReleaseContext(provider, 0);
+  std::reverse(signature.begin(), signature.end());  // this interface counts from the low end
+  return signature;
+}
+
+std::string HexDigestOf(std::string_view text) {
+  Sha256Digest digest;
+  UpdateError error;
+  EXPECT_TRUE(Sha256OfBuffer(AsBytes(text), digest, error));
+  return WideToUtf8(DigestToHex(digest));
+}
+
+std::string TestRelease::ManifestText() const {
+  std::string text = "TALVEX-UPDATE-V1\nrelease\t" + name + "\nsequence\t" + std::to_string(sequence) + "\n";
+  for (const auto& [path, contents] : files) {
+    text += "file\t" + std::to_string(contents.size()) + "\t" + HexDigestOf(contents) + "\t" + path + "\n";
+  }
+  return text;
+}
+
+Manifest TestRelease::Parsed() const {
+  Manifest manifest;
+  UpdateError error;
+  EXPECT_TRUE(ParseManifest(AsBytes(ManifestText()), manifest, error)) << WideToUtf8(error.Message());
+  return manifest;
+}
+
+void InstallTestRelease(const TestRelease& release, const std::wstring& directory) {
+  for (const auto& [path, contents] : release.files) {
+    WriteTestFile(JoinPath(directory, WidePath(path)), contents);
+  }
+  UpdateError error;
+  EXPECT_TRUE(
+      SaveVerifiedCache(directory, AsBytes(release.ManifestText()), AsBytes(release.Signature()), error) &&
+      SaveInstalledState(directory, release.Parsed(), error));
+}
+
+std::string PlanText(const TestRelease& release, const StagedPlan& plan) {
+  std::string text = "TALVEX-APPLY-V1\nmanifest-sha256\t" + HexDigestOf(release.ManifestText()) + "\n";
+  for (const std::string& path : plan.install) {
+    text += "file\t" + path + "\n";
+  }
+  for (const std::string& path : plan.retire) {
+    text += "delete\t" + path + "\n";
+  }
+  return text;
+}
+
+std::wstring StageTestRelease(const TestRelease& release, const StagedPlan& plan,
+                              const std::wstring& client_root) {
+  const std::wstring stage =
+      JoinPath(JoinPath(client_root, kWorkDirectoryName), Utf8ToWide(HexDigestOf(release.ManifestText())));
+  WriteTestFile(JoinPath(stage, kManifestFileName), release.ManifestText());
+  WriteTestFile(JoinPath(stage, kSignatureFileName), release.Signature());
+  WriteTestFile(JoinPath(stage, kApplyPlanFileName), PlanText(release, plan));
+  MakeTestDirectory(JoinPath(stage, L"files"));
+  for (const std::string& path : plan.install) {
+    WriteTestFile(JoinPath(JoinPath(stage, L"files"), WidePath(path)), release.files.at(path));
+  }
+  return stage;
+}
+
+}  // namespace talvex::test

@@ -1,0 +1,45 @@
+#pragma once
+
+// Releases made up by tests and signed with the build's development key.
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "formats/manifest.h"
+
+namespace talvex::test {
+
+// Signs as the publisher does, with the private half of the development key.
+[[nodiscard]] std::string SignWithDevelopmentKey(std::string_view text);
+
+struct TestRelease {
+  std::string name;
+  std::uint64_t sequence = 1;
+  std::map<std::string, std::string> files;  // path with "/" -> contents
+
+  [[nodiscard]] std::string ManifestText() const;
+  [[nodiscard]] std::string Signature() const { return SignWithDevelopmentKey(ManifestText()); }
+  [[nodiscard]] Manifest Parsed() const;
+};
+
+[[nodiscard]] std::string HexDigestOf(std::string_view text);
+
+// Puts the release's files below `directory`, and state and cache beside them, as an update leaves them.
+void InstallTestRelease(const TestRelease& release, const std::wstring& directory);
+
+// Lays the release out below the client root as the client does: manifest, signature, plan, and the files
+// that the plan installs. Returns the stage root.
+struct StagedPlan {
+  std::vector<std::string> install;
+  std::vector<std::string> retire;
+};
+std::wstring StageTestRelease(const TestRelease& release, const StagedPlan& plan,
+                              const std::wstring& client_root);
+[[nodiscard]] std::string PlanText(const TestRelease& release, const StagedPlan& plan);
+
+}  // namespace talvex::test
