@@ -42,7 +42,7 @@ std::string SignWithDevelopmentKey(std::string_view text) {
                      static_cast<DWORD>(key_blob.size()), 0, 0, &key) &&
       CryptCreateHash(provider, CALG_SHA_256, 0, 0, &hash) &&
       CryptHashData(hash, reinterpret_cast<const BYTE*>(text.data()), static_cast<DWORD>(text.size()), 0) &&
-      CryptSignHashW(hash, AT_SIGNATURE, nullptr, 0, reinterpret_cast<BYTE*>(signature.data()), &length));
+      CryptSignHashW(hash, AT_KEYEXCHANGE, nullptr, 0, reinterpret_cast<BYTE*>(signature.data()), &length));
   CryptDestroyHash(hash);
   CryptDestroyKey(key);
   CryptReleaseContext(provider, 0);
