@@ -21,7 +21,10 @@ else()
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=build
     $<$<CONFIG:Release>:-Os> $<$<CONFIG:Debug>:-O1>)
   target_compile_definitions(talvex_compiler INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
+  # Version 6.1: made for Windows 7 or newer, as Visual Studio's linker says of its own accord. Under 4.0, ld's
+  # default, windows get the frame sizes of older systems.
   target_link_options(talvex_compiler INTERFACE
+    -Wl,--major-subsystem-version,6,--minor-subsystem-version,1
     -static -Wl,--gc-sections -Wl,--nxcompat -Wl,--dynamicbase -Wl,--no-insert-timestamp
     $<$<CONFIG:Release>:-s>)
 endif()

@@ -1,0 +1,35 @@
+#!/bin/sh
+# Builds for players: release_build_test.sh SOURCE_FOLDER BUILD_FOLDER CONFIGURATION
+# shellcheck source-path=SCRIPTDIR source=support/checks.sh
+. "$(dirname "$0")/support/checks.sh"
+source=$1
+build=$2
+configuration=$3
+
+# A copy of the sources in another place, given the same key as a publisher would give it.
+elsewhere="$work/another place/talvex"
+build_elsewhere() {
+  mkdir -p "$elsewhere" &&
+    (cd "$source" && tar -c --exclude=./build --exclude=./.git .) | tar -x -C "$elsewhere" &&
+    cmake -S "$elsewhere" -B "$elsewhere/out" -G Ninja "--toolchain=$elsewhere/cmake/mingw-i686.cmake" \
+      "-DCMAKE_BUILD_TYPE=$configuration" "-DTALVEX_UPDATE_PUBLIC_KEY=$build/development-key/public.pem" &&
+    cmake --build "$elsewhere/out" --parallel 2 --target TalvexUpdateHelper
+}
+
+installs_the_helper_alone() {
+  cmake --install "$elsewhere/out" --prefix "$work/release" && ls "$work/release" &&
+    [ "$(ls "$work/release")" = TalvexUpdateHelper.exe ]
+}
+
+refusal='This build trusts a development key: no release can be made from it.'
+check "no release is installed from a build with a development key" \
+  refuses "$refusal" cmake --install "$build" --prefix "$work/refused"
+check "no release is packed from a build with a development key" \
+  refuses "$refusal" cpack --config "$build/CPackConfig.cmake" -B "$work/package"
+check "nothing was installed or packed meanwhile" \
+  test ! -e "$work/refused" -a -z "$(find "$work/package" -name '*.zip' -o -name '*.exe')"
+check "a build with a given key succeeds in another folder" build_elsewhere
+check "it makes the same bytes" cmp "$elsewhere/out/TalvexUpdateHelper.exe" "$build/TalvexUpdateHelper.exe"
+check "it has no tests, which would need the private key" test ! -e "$elsewhere/out/CTestTestfile.cmake"
+check "a release is installed from it, the helper alone" installs_the_helper_alone
+finish_checks
