@@ -4,6 +4,7 @@
 
 #include "core/ascii_case.h"
 #include "storage/client_root.h"
+#include "storage/directory_listing.h"
 
 namespace talvex {
 namespace {
@@ -15,55 +16,6 @@ constexpr std::wstring_view kTreeFileStays = L"Could not remove old updater work
 constexpr std::wstring_view kTreeDirectoryStays = L"Could not remove an old updater directory.";
 constexpr std::wstring_view kStorageHasReparsePoint = L"Updater storage contains an unsafe reparse point.";
 constexpr std::wstring_view kStorageFileStays = L"Could not remove stale updater data.";
-
-// One enumeration of a directory, "." and ".." left out. It has to end before the directory is removed.
-class DirectoryListing {
- public:
-  explicit DirectoryListing(const std::wstring& directory) {
-    const std::wstring pattern = JoinPath(directory, L"*");
-    search_ = FindFirstFileW(pattern.c_str(), &entry_);
-    if (search_ == INVALID_HANDLE_VALUE) {
-      open_error_ = GetLastError();
-      return;
-    }
-    at_entry_ = true;
-    SkipDots();
-  }
-  DirectoryListing(const DirectoryListing&) = delete;
-  DirectoryListing& operator=(const DirectoryListing&) = delete;
-  ~DirectoryListing() {
-    if (search_ != INVALID_HANDLE_VALUE) {
-      FindClose(search_);
-    }
-  }
-
-  // The code with which the enumeration could not start; ERROR_SUCCESS when it did.
-  [[nodiscard]] DWORD OpenError() const { return open_error_; }
-  [[nodiscard]] bool AtEntry() const { return at_entry_; }
-  [[nodiscard]] std::wstring_view Name() const { return entry_.cFileName; }
-  [[nodiscard]] bool IsReparsePoint() const { return Has(FILE_ATTRIBUTE_REPARSE_POINT); }
-  [[nodiscard]] bool IsDirectory() const { return Has(FILE_ATTRIBUTE_DIRECTORY); }
-
-  // Any failure counts as the end.
-  void Advance() {
-    at_entry_ = FindNextFileW(search_, &entry_) != 0;
-    SkipDots();
-  }
-
- private:
-  [[nodiscard]] bool Has(DWORD attribute) const { return (entry_.dwFileAttributes & attribute) != 0; }
-
-  void SkipDots() {
-    while (at_entry_ && (Name() == L"." || Name() == L"..")) {
-      at_entry_ = FindNextFileW(search_, &entry_) != 0;
-    }
-  }
-
-  WIN32_FIND_DATAW entry_{};
-  HANDLE search_ = INVALID_HANDLE_VALUE;
-  DWORD open_error_ = ERROR_SUCCESS;
-  bool at_entry_ = false;
-};
 
 bool RemoveListedEntries(const std::wstring& directory, DirectoryListing& listing, UpdateError& error) {
   for (; listing.AtEntry(); listing.Advance()) {

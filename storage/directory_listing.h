@@ -1,0 +1,74 @@
+#pragma once
+
+// The entries of a directory, one at a time: what cleanup and publishing walk with.
+
+#include <windows.h>
+
+#include <string>
+#include <string_view>
+
+#include "storage/client_root.h"
+
+namespace talvex {
+
+// One enumeration of a directory, "." and ".." left out. It has to end before the directory is removed.
+class DirectoryListing {
+ public:
+  explicit DirectoryListing(const std::wstring& directory) {
+    const std::wstring pattern = JoinPath(directory, L"*");
+    search_ = FindFirstFileW(pattern.c_str(), &entry_);
+    if (search_ == INVALID_HANDLE_VALUE) {
+      open_error_ = GetLastError();
+      return;
+    }
+    at_entry_ = true;
+    SkipDots();
+  }
+  DirectoryListing(const DirectoryListing&) = delete;
+  DirectoryListing& operator=(const DirectoryListing&) = delete;
+  ~DirectoryListing() {
+    if (search_ != INVALID_HANDLE_VALUE) {
+      FindClose(search_);
+    }
+  }
+
+  // The code with which the enumeration could not start; ERROR_SUCCESS when it did.
+  [[nodiscard]] DWORD OpenError() const { return open_error_; }
+  [[nodiscard]] bool AtEntry() const { return at_entry_; }
+  [[nodiscard]] std::wstring_view Name() const { return entry_.cFileName; }
+  [[nodiscard]] bool IsReparsePoint() const { return Has(FILE_ATTRIBUTE_REPARSE_POINT); }
+  [[nodiscard]] bool IsDirectory() const { return Has(FILE_ATTRIBUTE_DIRECTORY); }
+
+  // Any failure counts as the end; EndError tells it from the true one.
+  void Advance() {
+    StepForward();
+    SkipDots();
+  }
+  [[nodiscard]] DWORD EndError() const {
+    return end_code_ == ERROR_NO_MORE_FILES ? DWORD{ERROR_SUCCESS} : end_code_;
+  }
+
+ private:
+  [[nodiscard]] bool Has(DWORD attribute) const { return (entry_.dwFileAttributes & attribute) != 0; }
+
+  void StepForward() {
+    at_entry_ = FindNextFileW(search_, &entry_) != 0;
+    if (!at_entry_) {
+      end_code_ = GetLastError();
+    }
+  }
+
+  void SkipDots() {
+    while (at_entry_ && (Name() == L"." || Name() == L"..")) {
+      StepForward();
+    }
+  }
+
+  WIN32_FIND_DATAW entry_{};
+  HANDLE search_ = INVALID_HANDLE_VALUE;
+  DWORD open_error_ = ERROR_SUCCESS;
+  DWORD end_code_ = ERROR_SUCCESS;
+  bool at_entry_ = false;
+};
+
+}  // namespace talvex
