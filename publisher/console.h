@@ -1,0 +1,16 @@
+#pragma once
+
+// Lines for the release engineer: UTF-16 on a console, UTF-8 into a file or pipe, whatever the code page is.
+
+#include <string_view>
+
+namespace talvex {
+
+// Standard output is for results, standard error for progress and for what is wrong.
+enum class Stream { kOutput, kError };
+
+// Writes `line` and a line end. What cannot be written (a closed pipe) is lost. A name that is not valid
+// UTF-16 is shown with replacement characters: a refusal has to name the file it refuses.
+void WriteLine(Stream stream, std::wstring_view line);
+
+}  // namespace talvex
