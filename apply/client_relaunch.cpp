@@ -1,9 +1,8 @@
 #include "apply/client_relaunch.h"
 
-#include <cstddef>
 #include <cstdint>
-#include <vector>
 
+#include "core/inherited_handle_list.h"
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
 
@@ -33,48 +32,14 @@ class HandoffEnvironment {
   }
 };
 
-// A process attribute list that lets a child inherit one handle and no other.
-class InheritedHandleList {
- public:
-  // `handle` has to outlive the list, which refers to it.
-  explicit InheritedHandleList(const HANDLE& handle) {
-    SIZE_T size = 0;
-    InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
-    storage_.resize(size);
-    auto* const list = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(storage_.data());
-    if (size == 0 || !InitializeProcThreadAttributeList(list, 1, 0, &size)) {
-      return;
-    }
-    list_ = list;
-    is_complete_ =
-        UpdateProcThreadAttribute(list_, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, const_cast<HANDLE*>(&handle),
-                                  sizeof(handle), nullptr, nullptr) != 0;
-  }
-  InheritedHandleList(const InheritedHandleList&) = delete;
-  InheritedHandleList& operator=(const InheritedHandleList&) = delete;
-  ~InheritedHandleList() {
-    if (list_ != nullptr) {
-      DeleteProcThreadAttributeList(list_);
-    }
-  }
-
-  [[nodiscard]] bool IsComplete() const { return is_complete_; }
-  [[nodiscard]] LPPROC_THREAD_ATTRIBUTE_LIST Get() const { return list_; }
-
- private:
-  std::vector<std::byte> storage_;
-  LPPROC_THREAD_ATTRIBUTE_LIST list_ = nullptr;
-  bool is_complete_ = false;
-};
-
 bool MakeInheritable(HANDLE lock) {
   DWORD flags = 0;
   return lock != nullptr && GetHandleInformation(lock, &flags) &&
          SetHandleInformation(lock, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
 }
 
-bool StartClient(const std::wstring& client_root, const HANDLE& lock, RelaunchedClient& client) {
-  const InheritedHandleList inherited(lock);
+bool StartClient(const std::wstring& client_root, HANDLE lock, RelaunchedClient& client) {
+  const InheritedHandleList inherited({lock});
   if (!inherited.IsComplete()) {
     return false;
   }
