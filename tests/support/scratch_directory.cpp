@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "core/owned_handle.h"
+#include "core/text_encoding.h"
 #include "storage/client_root.h"
 
 namespace talvex::test {
@@ -85,6 +86,21 @@ Tree ReadTree(const std::wstring& directory) {
   Tree tree;
   AddToTree(directory, L"", tree);
   return tree;
+}
+
+std::string TreeDifference(const Tree& found, const Tree& expected) {
+  std::string difference;
+  for (const auto& [path, contents] : expected) {
+    if (const auto match = found.find(path); match == found.end() || match->second != contents) {
+      difference += (match == found.end() ? "missing: " : "changed: ") + WideToUtf8(path) + "\n";
+    }
+  }
+  for (const auto& [path, contents] : found) {
+    if (!expected.contains(path)) {
+      difference += "unexpected: " + WideToUtf8(path) + "\n";
+    }
+  }
+  return difference;
 }
 
 void RemoveTestTree(const std::wstring& directory) {

@@ -32,6 +32,8 @@ class ScratchDirectory {
 void WriteTestFile(const std::wstring& path, std::string_view contents);  // makes parent folders
 [[nodiscard]] std::string ReadTestFile(const std::wstring& path);         // "" when there is none
 [[nodiscard]] Tree ReadTree(const std::wstring& directory);
+// The paths at which two trees differ, a line each; "" when they are equal.
+[[nodiscard]] std::string TreeDifference(const Tree& found, const Tree& expected);
 void MakeTestDirectory(const std::wstring& path);
 void RemoveTestTree(const std::wstring& directory);
 

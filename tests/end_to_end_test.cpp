@@ -1,0 +1,440 @@
+// The real helper, started with real inherited handles, on real directories.
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <thread>
+
+#include "core/text_encoding.h"
+#include "core/whole_file.h"
+#include "storage/client_root.h"
+#include "tests/support/client_directory.h"
+
+namespace talvex::test {
+namespace {
+
+std::string WaitForReport(const std::wstring& path) {
+  for (int i = 0; i < 500 && !PathExists(path); ++i) {
+    Sleep(20);
+  }
+  return ReadTestFile(path);
+}
+
+// The lock is free again, and was released rather than left behind by a process that ended.
+void ExpectReleased(const OwnedHandle& lock) {
+  EXPECT_EQ(WaitForSingleObject(lock.Get(), 5'000), WAIT_OBJECT_0);
+  ReleaseMutex(lock.Get());
+}
+
+std::string StateText(const TestRelease& release) {
+  return "TALVEX-UPDATE-STATE-V1\nsequence\t" + std::to_string(release.sequence) + "\nrelease\t" +
+         release.name + "\nmanifest-sha256\t" + HexDigestOf(release.ManifestText()) + "\n";
+}
+
+void ExpectInstalled(const ClientDirectory& client, const TestRelease& release) {
+  EXPECT_EQ(TreeDifference(client.ClientFiles(), ClientDirectory::FilesOf(release)), "");
+  EXPECT_EQ(ReadTestFile(client.At(L"TalvexUpdateState.dat")), StateText(release));
+  EXPECT_EQ(ReadTestFile(client.At(L".talvex-update-cache\\manifest.txt")), release.ManifestText());
+  EXPECT_EQ(ReadTestFile(client.At(L".talvex-update-cache\\manifest.sig")), release.Signature());
+}
+
+OwnedHandle HoldOpen(const std::wstring& path) {
+  return OwnedHandle(CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+}
+
+TEST(Console, AnswersTheDiagnosticModes) {
+  ScratchDirectory scratch;
+  const TestRelease release{"2024.06.1", 57, {{"a", "1"}, {"b", "2"}}};
+  const std::wstring manifest = scratch / L"manifest.txt";
+  const std::wstring signature = scratch / L"manifest.sig";
+  WriteTestFile(manifest, release.ManifestText());
+  WriteTestFile(signature, release.Signature());
+  WriteTestFile(scratch / L"long.sig", std::string(1025, 'x'));
+  MakeSparseFile(scratch / L"large.txt", 4'194'305);
+  const std::string usage =
+      "Usage: TalvexUpdateHelper.exe --guard-error <code> <parent-handle>\n"
+      "       TalvexUpdateHelper.exe --verify-manifest <manifest> <signature>\n"
+      "       TalvexUpdateHelper.exe --validate-path <relative-path>\n"
+      "       TalvexUpdateHelper.exe --rollback-journal <client-root> <parent-handle> <lock-handle>\n"
+      "       TalvexUpdateHelper.exe --apply-plan <client-root> <stage-root> <parent-handle> "
+      "<manifest-sha256> <plan-sha256> <lock-handle>\r\n";
+  const std::string too_large = "ERROR: The file is too large or is not a regular file.\r\n";
+  struct {
+    std::vector<std::wstring> arguments;
+    DWORD exit_code;
+    std::string console;
+  } const cases[] = {
+      {{}, 2, usage},
+      {{L"--unknown"}, 2, usage},
+      {{L"--validate-path "}, 2, usage},
+      {{L"--VALIDATE-path", L"a/b.txt"}, 0, "OK: a\\b.txt\r\n"},
+      {{L"--validate-path", L"../x"},
+       1,
+       "REJECTED: The update manifest contains an unsafe path segment.\r\n"},
+      {{L"--validate-path", L"\xD800"},
+       1,
+       "REJECTED: The update manifest contains an unsafe relative path.\r\n"},
+      {{L"--validate-path"}, 2, ""},
+      {{L"--validate-path", L"a", L"b"}, 2, ""},
+      {{L"--verify-manifest", manifest, signature}, 0, "OK release=2024.06.1 sequence=57 files=2\r\n"},
+      {{L"--verify-manifest", manifest, manifest},
+       1,
+       "ERROR: The update key or signature does not use RSA-3072.\r\n"},
+      {{L"--verify-manifest", manifest, scratch / L"long.sig"}, 1, too_large},
+      {{L"--verify-manifest", scratch / L"large.txt", signature}, 1, too_large},
+      {{L"--verify-manifest", manifest}, 2, ""},
+      {{L"--guard-error", L"7"}, 2, ""},
+      {{L"--guard-error", L"7", L"0"}, 1, ""},
+      {{L"--rollback-journal", L"a", L"b"}, 2, ""},
+      {{L"--apply-plan", L"1", L"2", L"3", L"4", L"5"}, 2, ""},
+      {{L"--apply-plan", L"1", L"2", L"3", L"4", L"5", L"6", L"7"}, 2, ""},
+  };
+  for (const auto& c : cases) {
+    const HelperResult result = RunHelper(BuiltProgram(L"TalvexUpdateHelper.exe"), c.arguments, {});
+    EXPECT_EQ(result.exit_code, c.exit_code) << c.console;
+    EXPECT_EQ(result.console, c.console);
+    EXPECT_EQ(result.message, L"");
+  }
+}
+
+TEST(GuardNotice, NamesTheCodeOnceTheClientIsGone) {
+  const OwnedHandle parent = MakeInheritableEvent(true);
+  const HelperResult result =
+      RunHelper(BuiltProgram(L"TalvexUpdateHelper.exe"),
+                {L"--guard-error", L"0x2A", HandleText(parent.Get())}, {parent.Get()});
+  EXPECT_EQ(result.exit_code, 0u);
+  EXPECT_EQ(result.message, L"Talvex was closed by its security monitor with code 0x2A.");
+}
+
+TEST(Update, ReplacesAddsAndRetiresAndRestartsTheClient) {
+  ClientDirectory client;
+  client.Prepare();
+  WriteTestFile(client.At(L".talvex-update\\stale\\left.tmp"), "by an earlier run");
+  WriteTestFile(client.At(L".talvex-update\\previous\\files\\stale"), "by an earlier update");
+  const HelperResult result = client.Apply();
+  EXPECT_EQ(result.exit_code, 0u);
+  EXPECT_EQ(result.message, L"");
+  EXPECT_TRUE(result.showed_window);
+  const std::string report = WaitForReport(client.report);
+  ExpectInstalled(client, client.new_release);
+  ExpectReleased(client.lock);
+
+  const std::string root = WideToUtf8(client.root);
+  EXPECT_EQ(report, "manifest=" + HexDigestOf(client.new_release.ManifestText()) +
+                        "\nlock=0\nfolder=" + root + "\ncommand=\"" + root + "\\Talvex.exe\"\n");
+  EXPECT_EQ(WaitForSingleObject(client.stray_event.Get(), 0), WAIT_TIMEOUT) << "inherited by the client";
+
+  // What undoes the update, and nothing else, is left in the work directory.
+  Tree work;
+  for (const auto& [path, contents] : client.AllFiles()) {
+    if (path.starts_with(L".talvex-update\\")) {
+      work[path.substr(15)] = contents;
+    }
+  }
+  const std::string journal =
+      "TALVEX-ROLLBACK-V1\nmanifest-sha256\t" + HexDigestOf(client.new_release.ManifestText()) +
+      "\nprevious-state\t1\nprevious-cache-manifest\t1\nprevious-cache-signature\t1\n"
+      "file\t1\tData/a.bin\nfile\t1\tTalvexUpdateHelper.exe\nfile\t0\tnew/folder/c.bin\n"
+      "file\t1\tData/deep/er/b.bin\ndelete\t1\told/retired.bin\n";
+  const TestRelease& old = client.old_release;
+  EXPECT_EQ(TreeDifference(
+                work, Tree{{L"previous\\files\\Data\\a.bin", old.files.at("Data/a.bin")},
+                           {L"previous\\files\\Data\\deep\\er\\b.bin", "b"},
+                           {L"previous\\files\\TalvexUpdateHelper.exe", "the helper of release 1.0"},
+                           {L"previous\\files\\old\\retired.bin", "retired"},
+                           {L"previous\\old-install\\.talvex-update-cache\\manifest.sig", old.Signature()},
+                           {L"previous\\old-install\\.talvex-update-cache\\manifest.txt", old.ManifestText()},
+                           {L"previous\\old-install\\TalvexUpdateState.dat", StateText(old)},
+                           {L"previous\\recovery\\new-manifest.sig", client.new_release.Signature()},
+                           {L"previous\\recovery\\new-manifest.txt", client.new_release.ManifestText()},
+                           {L"previous\\recovery\\rollback-helper.exe", ReadTestFile(client.helper)},
+                           {L"previous\\rollback.journal", journal}}),
+            "");
+}
+
+TEST(Update, InstallsAFirstReleaseUnderAnAbandonedLockIntoFoldersInAnyCase) {
+  ClientDirectory client;
+  client.plan.install = {"Data/a.bin", "Data/deep/er/b.bin", "Talvex.exe", "TalvexUpdateHelper.exe",
+                         "keep.txt",   "new/folder/c.bin"};
+  client.plan.retire.clear();
+  WriteTestFile(client.At(L"Talvex.exe"), "whatever the player had");
+  WriteTestFile(client.At(L"screenshots\\mine.png"), "not managed");
+  client.stage = StageTestRelease(client.new_release, client.plan, client.root);
+  std::thread([&] { WaitForSingleObject(client.lock.Get(), 0); }).join();  // ends while it owns the lock
+  std::vector<std::wstring> operands = client.ApplyOperands();
+  operands[0] += L"/";
+  for (wchar_t& unit : operands[1]) {
+    unit = static_cast<wchar_t>(towupper(unit));
+  }
+  EXPECT_EQ(client.Run(L"--APPLY-PLAN", operands).exit_code, 0u);
+  EXPECT_NE(WaitForReport(client.report).find("lock=0\n"), std::string::npos);
+  ExpectInstalled(client, client.new_release);
+}
+
+TEST(Update, WaitsForAFileThatIsHeldForASecond) {
+  ClientDirectory client;
+  client.Prepare();
+  OwnedHandle holder;
+  ULONGLONG held_since = 0;
+  const HelperResult result = client.Run(L"--apply-plan", client.ApplyOperands(), [&](DWORD) {
+    // From the journal on nothing but the retries stands between the helper and the file.
+    if (held_since == 0 && PathExists(client.At(L".talvex-update\\previous\\recovery"))) {
+      holder = HoldOpen(client.At(L"Data\\deep\\er\\b.bin"));
+      held_since = GetTickCount64();
+    } else if (holder.IsValid() && GetTickCount64() - held_since > 1'000) {
+      holder.Reset();
+    }
+  });
+  EXPECT_EQ(result.exit_code, 0u) << WideToUtf8(result.message);
+  EXPECT_NE(held_since, 0u);
+  WaitForReport(client.report);
+  ExpectInstalled(client, client.new_release);
+}
+
+TEST(Update, StaysInstalledWhenTheClientCannotBeStarted) {
+  ClientDirectory client;
+  client.new_release.files.erase("Talvex.exe");
+  client.plan.retire.push_back("Talvex.exe");
+  client.Prepare();
+  const HelperResult result = client.Apply();
+  EXPECT_EQ(result.exit_code, 1u);
+  EXPECT_EQ(result.message, L"The update finished, but Talvex could not restart with its health lock.");
+  ExpectInstalled(client, client.new_release);
+  ExpectReleased(client.lock);
+}
+
+struct RefusalCase {
+  const char* name;
+  void (*arrange)(ClientDirectory& client, std::vector<std::wstring>& operands);
+  const wchar_t* message;
+};
+
+constexpr wchar_t kInvalidData[] = L"The update helper received invalid transaction data.";
+constexpr wchar_t kLockLost[] = L"The update ownership lock was lost.";
+constexpr wchar_t kOutside[] = L"The update staging directory is outside this Talvex installation.";
+constexpr wchar_t kNotRegular[] = L"The update target is too large or is not a regular file.";
+
+void Restage(ClientDirectory& client, std::vector<std::wstring>& operands) {
+  RemoveTestTree(client.stage);
+  client.stage = StageTestRelease(client.new_release, client.plan, client.root);
+  operands = client.ApplyOperands();
+}
+
+// Whatever is wrong with an update, nothing of the client changes.
+const RefusalCase kRefusals[] = {
+    {"EmptyRoot", [](auto&, auto& o) { o[0] = L""; }, kInvalidData},
+    {"MissingRoot", [](auto&, auto& o) { o[0] += L"x"; }, kInvalidData},
+    {"MissingStage", [](auto&, auto& o) { o[1] += L"x"; }, kInvalidData},
+    {"SignedHandle", [](auto&, auto& o) { o[2] = L"-5"; }, kInvalidData},
+    {"HexadecimalHandle", [](auto&, auto& o) { o[2] = L"0x10"; }, kInvalidData},
+    {"LockWithLetters", [](auto&, auto& o) { o[5] = L"12a"; }, kInvalidData},
+    {"ParentAbove32Bits", [](auto&, auto& o) { o[2] = L"4294967296"; }, kInvalidData},
+    {"LockAbove32Bits", [](auto&, auto& o) { o[5] = L"4294967296"; }, kInvalidData},
+    {"UppercaseDigest", [](auto&, auto& o) { o[3][0] = L'A'; }, kInvalidData},
+    {"ShortPlanDigest", [](auto&, auto& o) { o[4].pop_back(); }, kInvalidData},
+    {"StageIsAJunction",
+     [](auto& c, auto&) {
+       MoveFileW(c.stage.c_str(), (c.scratch / L"elsewhere").c_str());
+       MakeJunction(c.stage, c.scratch / L"elsewhere");
+     },
+     kInvalidData},
+    {"ZeroParent", [](auto&, auto& o) { o[2] = L"0"; }, kLockLost},
+    {"ZeroLock", [](auto&, auto& o) { o[5] = L"0"; }, kLockLost},
+    {"UnknownLock", [](auto&, auto& o) { o[5] = L"4026531840"; }, kLockLost},
+    {"StageElsewhere", [](auto& c, auto& o) { o[1] = c.At(L"screenshots"); }, kOutside},
+    {"WorkDirectoryIsAJunction",
+     [](auto& c, auto&) {
+       MoveFileW(c.At(L".talvex-update").c_str(), (c.scratch / L"elsewhere").c_str());
+       MakeJunction(c.At(L".talvex-update"), c.scratch / L"elsewhere");
+     },
+     kOutside},
+    {"PreviousIsAJunction",
+     [](auto& c, auto&) { MakeJunction(c.At(L".talvex-update\\previous"), c.scratch / L"helper"); },
+     kOutside},
+    {"SignatureOfAnotherText",
+     [](auto& c, auto&) { WriteTestFile(c.stage + L"\\manifest.sig", SignWithDevelopmentKey("x")); },
+     L"The update manifest signature is invalid."},
+    {"SignedButNotTheNamedManifest",
+     [](auto& c, auto&) {
+       TestRelease other = c.new_release;
+       other.name = "other";
+       WriteTestFile(c.stage + L"\\manifest.txt", other.ManifestText());
+       WriteTestFile(c.stage + L"\\manifest.sig", other.Signature());
+     },
+     L"The signed update transaction is invalid."},
+    {"OlderRelease",
+     [](auto& c, auto& o) {
+       c.old_release.sequence = 3;
+       InstallTestRelease(c.old_release, c.root);
+       Restage(c, o);
+     },
+     L"The update server offered an older release. The update was rejected."},
+    {"ChangedRelease",
+     [](auto& c, auto& o) {
+       c.old_release.sequence = 2;
+       InstallTestRelease(c.old_release, c.root);
+       Restage(c, o);
+     },
+     L"The update server changed a release without increasing its sequence."},
+    {"ChangedPlan", [](auto& c, auto&) { WriteTestFile(c.stage + L"\\apply.plan", "changed\n"); },
+     L"The update apply plan failed verification."},
+    {"PlanOfUnsignedFile",
+     [](auto& c, auto& o) {
+       c.plan.retire.push_back("screenshots/mine.png");
+       Restage(c, o);
+     },
+     L"The update apply plan contains a file outside the signed manifest."},
+    {"StagedFileChanged",
+     [](auto& c, auto&) { WriteTestFile(c.stage + L"\\files\\new\\folder\\c.bin", "C"); },
+     L"A staged update file failed verification."},
+    {"StagedFileShorter", [](auto& c, auto&) { WriteTestFile(c.stage + L"\\files\\new\\folder\\c.bin", ""); },
+     L"A staged update file failed verification."},
+    {"StagedFileLonger",
+     [](auto& c, auto&) { WriteTestFile(c.stage + L"\\files\\new\\folder\\c.bin", "cc"); }, kNotRegular},
+    {"StagedFileHasASecondLink",
+     [](auto& c, auto&) {
+       CreateHardLinkW((c.scratch / L"link").c_str(), (c.stage + L"\\files\\new\\folder\\c.bin").c_str(),
+                       nullptr);
+     },
+     kNotRegular},
+    {"StagedFolderIsAJunction",
+     [](auto& c, auto&) {
+       MoveFileW((c.stage + L"\\files\\new").c_str(), (c.scratch / L"elsewhere").c_str());
+       MakeJunction(c.stage + L"\\files\\new", c.scratch / L"elsewhere");
+     },
+     L"An update path contains a reparse point."},
+    {"StagedFilesMissing", [](auto& c, auto&) { RemoveTestTree(c.stage + L"\\files"); },
+     L"The client directory is missing or is a reparse point."},
+    {"TargetFolderIsAJunction",
+     [](auto& c, auto&) {
+       MoveFileW(c.At(L"Data").c_str(), (c.scratch / L"elsewhere").c_str());
+       MakeJunction(c.At(L"Data"), c.scratch / L"elsewhere");
+     },
+     L"An update path contains a reparse point."},
+    {"TargetIsADirectory", [](auto& c, auto&) { MakeTestDirectory(c.At(L"new\\folder\\c.bin")); },
+     L"An update target is not a regular file."},
+    {"TargetHasASecondLink",
+     [](auto& c, auto&) {
+       CreateHardLinkW((c.scratch / L"link").c_str(), c.At(L"Data\\deep\\er\\b.bin").c_str(), nullptr);
+     },
+     L"An update target has unsafe file links."},
+    {"RetiredFileEdited", [](auto& c, auto&) { WriteTestFile(c.At(L"old\\retired.bin"), "RETIRED"); },
+     L"A retired managed file changed locally and was not deleted."},
+    {"RetiredFileGrown",
+     [](auto& c, auto&) { WriteTestFile(c.At(L"old\\retired.bin"), "retired and grown"); },
+     L"A retired managed file changed locally and was not deleted."},
+    {"OtherHelper",
+     [](auto& c, auto& o) {
+       c.new_release.files["TalvexUpdateHelper.exe"].back() ^= 1;
+       Restage(c, o);
+     },
+     L"The update helper could not prepare rollback recovery."},
+    {"ReleaseWithoutHelper",
+     [](auto& c, auto& o) {
+       c.new_release.files.erase("TalvexUpdateHelper.exe");
+       c.plan.install = {"Data/a.bin"};
+       c.plan.retire = {"TalvexUpdateHelper.exe"};
+       Restage(c, o);
+     },
+     L"The update helper could not prepare rollback recovery."},
+};
+
+class Refusals : public testing::TestWithParam<RefusalCase> {};
+
+TEST_P(Refusals, LeaveTheClientUntouched) {
+  ClientDirectory client;
+  client.Prepare();
+  std::vector<std::wstring> operands = client.ApplyOperands();
+  GetParam().arrange(client, operands);
+  const Tree before = client.AllFiles();
+  const HelperResult result = client.Run(L"--apply-plan", operands);
+  EXPECT_EQ(result.exit_code, 1u);
+  EXPECT_EQ(result.message, GetParam().message);
+  EXPECT_EQ(result.caption, L"Talvex Update");
+  EXPECT_EQ(TreeDifference(client.AllFiles(), before), "");
+  ExpectReleased(client.lock);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, Refusals, testing::ValuesIn(kRefusals),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST(Refusal, OfACacheThatIsAFile) {
+  ClientDirectory client;
+  client.Prepare();
+  RemoveTestTree(client.At(L".talvex-update-cache"));
+  WriteTestFile(client.At(L".talvex-update-cache"), "");
+  client.plan.retire.clear();  // without a cache no removal could be proven
+  client.stage = StageTestRelease(client.new_release, client.plan, client.root);
+  const Tree before = client.AllFiles();
+  EXPECT_EQ(client.Apply().message, L"The verified update cache directory is unsafe.");
+  EXPECT_EQ(TreeDifference(client.AllFiles(), before), "");
+}
+
+TEST(Refusal, OfALockThatStaysTaken) {
+  ClientDirectory client;
+  client.Prepare();
+  const Tree before = client.AllFiles();
+  WaitForSingleObject(client.lock.Get(), 0);
+  const HelperResult result = client.Apply();
+  EXPECT_EQ(result.exit_code, 1u);
+  EXPECT_EQ(result.message, L"Talvex could not retain its update ownership lock.");
+  EXPECT_EQ(TreeDifference(client.AllFiles(), before), "");
+  EXPECT_TRUE(ReleaseMutex(client.lock.Get())) << "the helper released a lock that it did not own";
+}
+
+struct FailureCase {
+  const char* name;
+  void (*arrange)(ClientDirectory& client, OwnedHandle& holder);
+  const wchar_t* message;
+};
+
+const FailureCase kFailures[] = {
+    {"UnchangedFileEdited",
+     [](ClientDirectory& c, OwnedHandle&) { WriteTestFile(c.At(L"keep.txt"), "Unchanged"); },
+     L"An installed update file failed verification."},
+    {"UnchangedFileMissing", [](ClientDirectory& c, OwnedHandle&) { DeleteFileW(c.At(L"keep.txt").c_str()); },
+     L"Could not open file for hashing: "},
+    {"TargetHeldForGood",
+     [](ClientDirectory& c, OwnedHandle& holder) {
+       holder = OwnedHandle(CreateFileW(c.At(L"Data\\deep\\er\\b.bin").c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                        nullptr, OPEN_EXISTING, 0, nullptr));
+     },
+     L"Could not atomically replace an update file."},
+    {"RetiredFileHeldForGood",
+     [](ClientDirectory& c, OwnedHandle& holder) {
+       holder = OwnedHandle(CreateFileW(c.At(L"old\\retired.bin").c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                        nullptr, OPEN_EXISTING, 0, nullptr));
+     },
+     L"Could not create a rollback copy for a retired update file."},
+};
+
+class Failures : public testing::TestWithParam<FailureCase> {};
+
+// After the first change every failure puts everything back, and the update can be tried again.
+TEST_P(Failures, RestoreEveryByte) {
+  ClientDirectory client;
+  client.Prepare();
+  OwnedHandle holder;
+  GetParam().arrange(client, holder);
+  const Tree before = client.AllFiles();
+  const HelperResult result = client.Apply();
+  EXPECT_EQ(result.exit_code, 1u);
+  EXPECT_TRUE(result.message.starts_with(GetParam().message)) << WideToUtf8(result.message);
+  EXPECT_TRUE(result.message.ends_with(L"\n\nYour existing files were restored."))
+      << WideToUtf8(result.message);
+  holder.Reset();
+  EXPECT_EQ(TreeDifference(client.AllFiles(), before), "");
+  ExpectReleased(client.lock);
+
+  WriteTestFile(client.At(L"keep.txt"), "unchanged");
+  EXPECT_EQ(client.Apply().exit_code, 0u);
+  WaitForReport(client.report);
+  ExpectInstalled(client, client.new_release);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, Failures, testing::ValuesIn(kFailures),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+}  // namespace
+}  // namespace talvex::test
