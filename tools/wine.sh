@@ -98,6 +98,9 @@ stop() {
     echo "$left"
     return 1
   fi
+  # Tests use symbolic links in place of junctions. Asked to remove one, Wine removes what it leads to.
+  find "$temporary" -type l -delete 2> /dev/null || true
+  find "$temporary" -mindepth 1 -depth -type d -empty -delete 2> /dev/null || true
   if [ -n "$(ls -A "$temporary" 2> /dev/null)" ]; then
     echo "Left behind in $temporary:"
     ls -A "$temporary"
