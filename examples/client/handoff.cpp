@@ -1,0 +1,42 @@
+#include "examples/client/handoff.h"
+
+#include <windows.h>
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "apply/client_relaunch.h"
+#include "core/text_encoding.h"
+
+namespace talvex::example {
+namespace {
+
+std::wstring TakeVariable(const wchar_t* name) {
+  std::array<wchar_t, kDigestHexLength + 1> value{};  // the longer of the two, and its closing zero
+  const DWORD length = GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size()));
+  SetEnvironmentVariableW(name, nullptr);
+  return length < value.size() ? std::wstring(value.data(), length) : std::wstring();
+}
+
+}  // namespace
+
+Handoff TakeHandoff() {
+  Handoff handoff;
+  const std::wstring digest_text = TakeVariable(kRelaunchedManifestVariable);
+  const std::wstring lock_text = TakeVariable(kHealthLockVariable);
+  std::uint64_t lock_value = 0;
+  DWORD flags = 0;
+  if (!ParseHexDigest(WideToUtf8(digest_text), handoff.manifest_digest) ||
+      !ParseDecimalU64(lock_text, lock_value) || lock_value == 0 || lock_value > UINT32_MAX) {
+    return handoff;
+  }
+  const auto lock = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(lock_value));
+  if (GetHandleInformation(lock, &flags)) {
+    handoff.lock.Reset(lock);
+    handoff.present = true;
+  }
+  return handoff;
+}
+
+}  // namespace talvex::example

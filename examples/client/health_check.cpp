@@ -1,0 +1,68 @@
+#include "examples/client/health_check.h"
+
+#include "core/publisher_key.h"
+#include "core/sha256.h"
+#include "core/whole_file.h"
+#include "formats/text_lines.h"
+#include "formats/verified_cache.h"
+#include "storage/client_root.h"
+
+namespace talvex::example {
+namespace {
+
+// The part of a game that a release can break. A client of yours has a real start here: load the engine, open
+// the archives, draw a frame.
+constexpr std::wstring_view kStartScriptName = L"start.cfg";
+constexpr std::uint32_t kStartScriptSizeLimit = 4'096;  // bytes
+constexpr std::string_view kStartScriptOfWorkingClient = "start=ok";
+
+constexpr std::wstring_view kFileDiffers = L"A file differs from its release.";
+constexpr std::wstring_view kNoneInstalled = L"No installed release can be proved.";
+constexpr std::wstring_view kOtherInstalled = L"Another release than the one just installed is recorded.";
+constexpr std::wstring_view kStartCrashes = L"The start script asks for a crash.";
+
+bool TryToStart(const std::wstring& client_root, UpdateError& error) {
+  const std::wstring path = JoinPath(client_root, kStartScriptName);
+  if (!PathExists(path)) {
+    return true;
+  }
+  ByteBuffer script;
+  if (!ReadWholeFile(path, kStartScriptSizeLimit, script, error)) {
+    return false;
+  }
+  return AsText(script).starts_with(kStartScriptOfWorkingClient) ? true : Refuse(error, kStartCrashes);
+}
+
+}  // namespace
+
+bool IsFileOfRelease(const std::wstring& directory, const ManifestEntry& entry, UpdateError& error) {
+  std::wstring path;
+  if (!ResolveCheckedPath(directory, entry.normalised_path, path, error)) {
+    return false;
+  }
+  Sha256Digest digest;
+  std::uint64_t size = 0;
+  if (!Sha256OfFile(path, entry.size, digest, size, error)) {
+    return false;
+  }
+  return size == entry.size && DigestsEqual(digest, entry.digest) ? true : Refuse(error, kFileDiffers);
+}
+
+bool CheckHealth(const std::wstring& client_root, const Sha256Digest* expected, Manifest& installed,
+                 UpdateError& error) {
+  InstalledState state;
+  if (!LoadTrustedState(client_root, PublisherKeyBlob(), state, installed)) {
+    return Refuse(error, kNoneInstalled);
+  }
+  if (expected != nullptr && !DigestsEqual(*expected, installed.digest)) {
+    return Refuse(error, kOtherInstalled);
+  }
+  for (const ManifestEntry& entry : installed.entries) {
+    if (!IsFileOfRelease(client_root, entry, error)) {
+      return Refuse(error, entry.normalised_path + L": " + error.Message());
+    }
+  }
+  return TryToStart(client_root, error);
+}
+
+}  // namespace talvex::example
