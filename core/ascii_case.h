@@ -21,10 +21,11 @@ template <typename Char>
   return folded;
 }
 
-// Lengths are compared first: a lookup that walks a thousand entries reads the characters of very few.
+// Lengths are compared first and characters from the end: the paths of one release share their beginnings,
+// and a lookup that walks a thousand entries reads only a few characters of each.
 [[nodiscard]] inline bool EqualIgnoringAsciiCase(std::wstring_view left, std::wstring_view right) noexcept {
   return left.size() == right.size() &&
-         std::equal(left.begin(), left.end(), right.begin(),
+         std::equal(left.rbegin(), left.rend(), right.rbegin(),
                     [](wchar_t a, wchar_t b) { return FoldAsciiLetter(a) == FoldAsciiLetter(b); });
 }
 

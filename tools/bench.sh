@@ -1,0 +1,19 @@
+#!/bin/sh
+# Builds and runs the benchmark, prints its table and writes it to build/bench.csv:
+#
+#   tools/bench.sh [NAME...]     NAME: size parse start hash memory apply growth; without one, all
+#
+# Needs about 3 GiB of free disk and a machine that does nothing else meanwhile. The exit code is 0 when every
+# figure keeps its bound.
+set -eu
+cd "$(dirname "$0")/.."
+
+tools/setup.sh
+cmake --preset mingw-release > /dev/null
+cmake --build --preset mingw-release --target bench
+wine=build/mingw-release/wine
+tools/wine.sh "$wine" start
+trap 'tools/wine.sh "$wine" stop' EXIT
+csv=$PWD/build/bench.csv
+cd build/mingw-release
+../../tools/wine.sh wine run bench/bench.exe "Z:$csv" "$@"

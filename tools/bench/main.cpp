@@ -1,0 +1,287 @@
+// The benchmark: each figure is a ratio to a floor that is measured beside it in the same run. Prints a table
+// and writes it as CSV to the file named on the command line. Run it through tools/bench.sh.
+
+#include <windows.h>
+
+#include <psapi.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <utility>
+
+#include "app/reporting.h"
+#include "apply/apply_transaction.h"
+#include "core/owned_handle.h"
+#include "core/sha256.h"
+#include "formats/apply_plan.h"
+#include "formats/text_lines.h"
+#include "storage/client_root.h"
+#include "tests/support/helper_run.h"
+#include "tests/support/test_release.h"
+#include "tools/bench/workload.h"
+
+namespace talvex::bench {
+namespace {
+
+constexpr double kCompletedTextSeconds = 1.2;  // the fixed wait at the end of an update
+constexpr std::uint64_t kMiB = 1'048'576;
+
+std::FILE* csv = nullptr;
+bool all_within = true;
+
+// `most` or `least` of 0: printed without a bound.
+void Report(const char* what, double value, const char* unit, double least, double most) {
+  const bool within = (least == 0 || value >= least) && (most == 0 || value <= most);
+  all_within = all_within && within;
+  char bound[64] = "";
+  if (least != 0) {
+    std::snprintf(bound, sizeof(bound), "at least %.2f", least);
+  } else if (most != 0) {
+    std::snprintf(bound, sizeof(bound), "at most %.2f", most);
+  }
+  std::printf("%-58s %10.3f %-6s %-16s %s\n", what, value, unit, bound, within ? "" : "MISSED");
+  std::fprintf(csv, "\"%s\",%.4f,%s,\"%s\",%s\n", what, value, unit, bound, within ? "yes" : "no");
+}
+
+double Median(std::vector<double> values) {
+  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
+                   values.end());
+  return values[values.size() / 2];
+}
+
+double TimeOf(const std::function<void()>& work) {
+  const double start = Seconds();
+  work();
+  return Seconds() - start;
+}
+
+const std::wstring& OwnPath() {
+  static const std::wstring path = [] {
+    std::array<wchar_t, MAX_PATH> buffer{};
+    return std::wstring(buffer.data(), GetModuleFileNameW(nullptr, buffer.data(), MAX_PATH));
+  }();
+  return path;
+}
+
+std::wstring EmptyProgram() {
+  return test::BuiltProgram(L"bench\\empty_program.exe");
+}
+
+// Seconds for an update in this process, its fixed wait taken off. The benchmark is its own running helper.
+double MeasureApply(const Workload& workload) {
+  const OwnedHandle parent = test::MakeInheritableEvent(true);
+  const OwnedHandle lock = test::MakeInheritableMutex();
+  // The transaction closes the handles that it is given.
+  const auto lend = [](const OwnedHandle& handle) {
+    HANDLE copy = nullptr;
+    DuplicateHandle(GetCurrentProcess(), handle.Get(), GetCurrentProcess(), &copy, 0, FALSE,
+                    DUPLICATE_SAME_ACCESS);
+    return copy;
+  };
+  const std::vector<std::wstring> operands = workload.ApplyOperands(lend(parent), lend(lock));
+  std::vector<const wchar_t*> arguments = {L"bench", L"--apply-plan"};
+  for (const std::wstring& operand : operands) {
+    arguments.push_back(operand.c_str());
+  }
+  int exit_code = 1;
+  const double seconds =
+      TimeOf([&] { exit_code = RunApplyTransaction(static_cast<int>(arguments.size()), arguments.data()); });
+  if (exit_code != 0) {
+    std::fprintf(stderr, "The benchmark's update failed.\n");
+    std::exit(1);
+  }
+  return seconds - kCompletedTextSeconds;
+}
+
+struct Cost {
+  double apply;
+  double floor;
+  std::uint64_t bytes;
+};
+
+// Medians of `rounds` pairs, each pair on two fresh directories one after the other.
+Cost MeasureCost(const WorkloadSize& size, int rounds) {
+  std::vector<double> apply;
+  std::vector<double> floor;
+  std::uint64_t bytes = 0;
+  for (int round = 0; round < rounds; ++round) {
+    {
+      const Workload workload(size, OwnPath(), EmptyProgram());
+      floor.push_back(workload.MeasureFloor());
+    }
+    const Workload workload(size, OwnPath(), EmptyProgram());
+    apply.push_back(MeasureApply(workload));
+    bytes = workload.Bytes();
+  }
+  return {Median(apply), Median(floor), bytes};
+}
+
+void BenchHash() {
+  test::ScratchDirectory scratch;
+  const std::wstring path = scratch / L"file";
+  test::WriteTestFile(path, std::string(256 * kMiB, 'x'));
+  std::vector<double> product;
+  std::vector<double> bare;
+  for (int round = 0; round < 7; ++round) {
+    Sha256Digest digest;
+    std::uint64_t size = 0;
+    UpdateError error;
+    product.push_back(TimeOf([&] { static_cast<void>(Sha256OfFile(path, ~0ull, digest, size, error)); }));
+    bare.push_back(TimeOf([&] { static_cast<void>(BareHash(path)); }));
+  }
+  Report("hashing a file: bare loop", 256 / Median(bare), "MiB/s", 0, 0);
+  Report("hashing a file: throughput against the bare loop", Median(bare) / Median(product), "x", 0.97, 0);
+}
+
+void BenchApply() {
+  const Cost large = MeasureCost({8, 64 * kMiB}, 3);
+  Report("update of 512 MiB in 8 files: floor", large.floor, "s", 0, 0);
+  Report("update of 512 MiB in 8 files: against the floor", large.apply / large.floor, "x", 0, 1.10);
+  const Cost many = MeasureCost({1'000, 65'536}, 5);
+  Report("update of 1,000 files of 64 KiB: floor", many.floor, "s", 0, 0);
+  Report("update of 1,000 files of 64 KiB: against the floor", many.apply / many.floor, "x", 0, 1.10);
+}
+
+// The cost per unit of the largest workload against that of the smallest. What an update costs at all, with
+// one tiny file, is taken off first.
+void BenchGrowth() {
+  const double fixed = MeasureCost({1, 1}, 3).apply;
+  const auto per_byte = [&](std::uint64_t mib) {
+    const Cost cost = MeasureCost({8, mib * kMiB / 8}, 3);
+    return (cost.apply - fixed) / static_cast<double>(mib);
+  };
+  const double small = per_byte(64);
+  Report("cost per byte: 256 MiB against 64 MiB", per_byte(256) / small, "x", 0.90, 1.10);
+  Report("cost per byte: 1 GiB against 64 MiB", per_byte(1024) / small, "x", 0.90, 1.10);
+  const auto per_file = [&](std::size_t files) {
+    return (MeasureCost({files, 16'384}, 5).apply - fixed) / static_cast<double>(files);
+  };
+  const double few = per_file(16);
+  Report("cost per file: 128 files against 16", per_file(128) / few, "x", 0, 1.10);
+  Report("cost per file: 1,022 files against 16", per_file(1'022) / few, "x", 0, 1.10);
+}
+
+void BenchParsers() {
+  Manifest manifest;
+  manifest.release = "limits";
+  manifest.sequence = 1;
+  std::vector<const ManifestEntry*> install;
+  const std::string name(90, 'n');
+  for (std::size_t i = 0; i < kManifestFileLimit; ++i) {
+    ManifestEntry entry;
+    entry.size = 1;
+    entry.path = name + "/" + name + "/" + std::to_string(i);
+    manifest.entries.push_back(std::move(entry));
+  }
+  for (const ManifestEntry& entry : manifest.entries) {
+    install.push_back(&entry);
+  }
+  const std::string manifest_text = FormatManifest(manifest);
+  Manifest parsed;
+  UpdateError error;
+  Report("parsing a manifest of 1,024 entries",
+         1000 * TimeOf([&] { static_cast<void>(ParseManifest(AsBytes(manifest_text), parsed, error)); }),
+         "ms", 0, 0);
+  const std::string plan = FormatApplyPlan(parsed.digest, install, {});
+  std::vector<const ManifestEntry*> found;
+  std::vector<const ManifestEntry*> retired;
+  Report("parsing a plan of 1,024 rows",
+         1000 * TimeOf([&] {
+           static_cast<void>(
+               ParseApplyPlan(AsBytes(plan), parsed, nullptr, parsed.digest, found, retired, error));
+         }),
+         "ms", 0, 0);
+}
+
+// Runs a program to its end and yields its peak of committed memory in MiB.
+double PeakMemory(const std::wstring& program, const std::vector<std::wstring>& arguments,
+                  const std::vector<HANDLE>& inherited) {
+  double peak = 0;
+  static_cast<void>(test::RunHelper(program, arguments, inherited, [&](DWORD process_id) {
+    const OwnedHandle process(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, process_id));
+    PROCESS_MEMORY_COUNTERS counters{};
+    if (process.IsValid() && GetProcessMemoryInfo(process.Get(), &counters, sizeof(counters))) {
+      peak = std::max(peak, static_cast<double>(counters.PeakWorkingSetSize) / static_cast<double>(kMiB));
+    }
+  }));
+  return peak;
+}
+
+void BenchMemory() {
+  const double empty = PeakMemory(EmptyProgram(), {}, {});
+  const std::wstring helper = test::BuiltProgram(L"TalvexUpdateHelper.exe");
+  Report("peak memory of an empty windowed program", empty, "MiB", 0, 0);
+  for (const auto& [what, size] : {std::pair<const char*, WorkloadSize>{"1 GiB in 8 files", {8, 128 * kMiB}},
+                                   std::pair<const char*, WorkloadSize>{"1,022 files", {1'022, 1'024}}}) {
+    const Workload workload(size, helper, EmptyProgram());
+    const OwnedHandle parent = test::MakeInheritableEvent(true);
+    const OwnedHandle lock = test::MakeInheritableMutex();
+    std::vector<std::wstring> arguments = workload.ApplyOperands(parent.Get(), lock.Get());
+    arguments.insert(arguments.begin(), L"--apply-plan");
+    const double peak = PeakMemory(helper, arguments, {parent.Get(), lock.Get()});
+    Report((std::string("peak memory above it: update of ") + what).c_str(), peak - empty, "MiB", 0, 8.0);
+  }
+}
+
+void BenchStart() {
+  const std::wstring helper = test::BuiltProgram(L"TalvexUpdateHelper.exe");
+  const auto time_start = [](const std::wstring& program, std::wstring arguments) {
+    return TimeOf([&] {
+      STARTUPINFOW startup{};
+      startup.cb = sizeof(startup);
+      PROCESS_INFORMATION started{};
+      CreateProcessW(program.c_str(), arguments.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                     &startup, &started);
+      const OwnedHandle process(started.hProcess);
+      const OwnedHandle thread(started.hThread);
+      WaitForSingleObject(process.Get(), INFINITE);
+    });
+  };
+  std::vector<double> verdict;
+  std::vector<double> empty;
+  for (int round = 0; round < 40; ++round) {
+    verdict.push_back(time_start(helper, L"helper --validate-path a/b.txt"));
+    empty.push_back(time_start(EmptyProgram(), L"empty nothing"));
+  }
+  Report("start of an empty program", 1000 * Median(empty), "ms", 0, 0);
+  Report("start to verdict of --validate-path against it", Median(verdict) / Median(empty), "x", 0, 1.15);
+}
+
+void BenchSize() {
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  GetFileAttributesExW(test::BuiltProgram(L"TalvexUpdateHelper.exe").c_str(), GetFileExInfoStandard,
+                       &data);
+  Report("size of TalvexUpdateHelper.exe", data.nFileSizeLow / 1024.0, "KiB", 0, 400);
+}
+
+}  // namespace
+}  // namespace talvex::bench
+
+int main(int count, char** arguments) {
+  using namespace talvex::bench;
+  struct {
+    const char* name;
+    void (*run)();
+  } const benches[] = {{"size", BenchSize},    {"parse", BenchParsers}, {"start", BenchStart},
+                       {"hash", BenchHash},    {"memory", BenchMemory}, {"apply", BenchApply},
+                       {"growth", BenchGrowth}};
+  csv = count > 1 ? std::fopen(arguments[1], "w") : nullptr;
+  if (csv == nullptr) {
+    std::fprintf(stderr, "Usage: bench.exe CSV [NAME...]\n");
+    return 2;
+  }
+  talvex::console_reporting = true;
+  std::setvbuf(stdout, nullptr, _IONBF, 0);
+  std::fprintf(csv, "figure,value,unit,bound,within\n");
+  for (const auto& bench : benches) {
+    if (count == 2 || std::any_of(arguments + 2, arguments + count,
+                                  [&](const char* name) { return std::strcmp(name, bench.name) == 0; })) {
+      bench.run();
+    }
+  }
+  std::fclose(csv);
+  return all_within ? 0 : 1;
+}

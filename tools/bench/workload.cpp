@@ -1,0 +1,164 @@
+#include "tools/bench/workload.h"
+
+#include <bcrypt.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include "core/sha256.h"
+#include "core/text_encoding.h"
+#include "core/whole_file.h"
+#include "formats/apply_plan.h"
+#include "formats/text_lines.h"
+#include "storage/client_root.h"
+#include "storage/work_storage.h"
+#include "tests/support/test_release.h"
+
+namespace talvex::bench {
+namespace {
+
+[[noreturn]] void Abandon(const char* step) {
+  std::fprintf(stderr, "The benchmark could not go on: %s (Windows error %lu)\n", step, GetLastError());
+  std::exit(1);
+}
+
+void WriteRandomFile(const std::wstring& path, std::uint64_t size, std::uint32_t seed) {
+  test::WriteTestFile(path, "");
+  const OwnedHandle file(
+      CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  std::vector<std::uint32_t> piece(kFilePieceSize / sizeof(std::uint32_t));
+  while (size != 0) {
+    for (std::uint32_t& word : piece) {
+      word = seed = seed * 1'664'525 + 1'013'904'223;
+    }
+    const auto length = static_cast<DWORD>(std::min<std::uint64_t>(size, kFilePieceSize));
+    DWORD written = 0;
+    if (!WriteFile(file.Get(), piece.data(), length, &written, nullptr) || written != length) {
+      Abandon("writing a file");
+    }
+    size -= length;
+  }
+}
+
+ManifestEntry EntryFor(const std::wstring& path, const std::string& relative_path) {
+  ManifestEntry entry;
+  UpdateError error;
+  if (!Sha256OfFile(path, kManagedFileSizeLimit, entry.digest, entry.size, error)) {
+    Abandon("hashing a file");
+  }
+  entry.path = relative_path;
+  entry.normalised_path = Utf8ToWide(relative_path);
+  std::replace(entry.normalised_path.begin(), entry.normalised_path.end(), L'/', L'\\');
+  return entry;
+}
+
+}  // namespace
+
+Workload::Workload(const WorkloadSize& size, const std::wstring& helper, const std::wstring& client) {
+  const std::wstring staging = scratch_ / L"client\\.talvex-update\\staging";
+  manifest_.release = "bench";
+  manifest_.sequence = 1;
+  test::WriteTestFile(JoinPath(root_, L"TalvexUpdateHelper.exe"), test::ReadTestFile(helper));
+  test::WriteTestFile(JoinPath(root_, L"Talvex.exe"), test::ReadTestFile(client));
+  for (std::size_t i = 0; i < size.files; ++i) {
+    const std::string name = "data/" + std::to_string(i % 16) + "/" + std::to_string(i) + ".bin";
+    const std::wstring relative = Utf8ToWide(name);
+    test::WriteTestFile(JoinPath(root_, relative), "old");
+    const std::wstring staged = JoinPath(JoinPath(staging, L"files"), relative);
+    WriteRandomFile(staged, size.bytes_per_file, static_cast<std::uint32_t>(i));
+    manifest_.entries.push_back(EntryFor(staged, name));
+  }
+  for (const wchar_t* const program : {L"Talvex.exe", L"TalvexUpdateHelper.exe"}) {
+    manifest_.entries.push_back(EntryFor(JoinPath(root_, program), WideToUtf8(program)));
+  }
+  const std::string text = FormatManifest(manifest_);
+  UpdateError error;
+  if (!ParseManifest(AsBytes(text), manifest_, error)) {
+    Abandon(WideToUtf8(error.Message()).c_str());
+  }
+  for (std::size_t i = 0; i < size.files; ++i) {
+    install_.push_back(&manifest_.entries[i]);
+  }
+  for (const ManifestEntry& entry : manifest_.entries) {
+    bytes_ += entry.size;
+  }
+  plan_ = FormatApplyPlan(manifest_.digest, install_, {});
+  test::WriteTestFile(JoinPath(staging, kManifestFileName), text);
+  test::WriteTestFile(JoinPath(staging, kSignatureFileName), test::SignWithDevelopmentKey(text));
+  test::WriteTestFile(JoinPath(staging, kApplyPlanFileName), plan_);
+  stage_ = JoinPath(JoinPath(root_, kWorkDirectoryName), DigestToHex(manifest_.digest));
+  if (!MoveFileW(staging.c_str(), stage_.c_str())) {
+    Abandon("naming the staging directory");
+  }
+}
+
+std::vector<std::wstring> Workload::ApplyOperands(HANDLE parent, HANDLE lock) const {
+  const auto value = [](HANDLE handle) { return std::to_wstring(reinterpret_cast<std::uintptr_t>(handle)); };
+  return {
+      root_,      stage_, value(parent), DigestToHex(manifest_.digest), Utf8ToWide(test::HexDigestOf(plan_)),
+      value(lock)};
+}
+
+double Workload::MeasureFloor() const {
+  const std::wstring staged_files = JoinPath(stage_, L"files");
+  test::MakeTestDirectory(copies_);
+  const double start = Seconds();
+  for (const ManifestEntry* const entry : install_) {
+    if (!BareHash(JoinPath(staged_files, entry->normalised_path))) {
+      Abandon("hashing a staged file");
+    }
+  }
+  for (std::size_t i = 0; i < install_.size(); ++i) {
+    const std::wstring target = JoinPath(root_, install_[i]->normalised_path);
+    const std::wstring staged = JoinPath(staged_files, install_[i]->normalised_path);
+    const std::wstring copy = JoinPath(copies_, std::to_wstring(i));
+    if (!ReplaceFileW(target.c_str(), staged.c_str(), copy.c_str(), REPLACEFILE_WRITE_THROUGH, nullptr,
+                      nullptr)) {
+      Abandon("replacing a file");
+    }
+    const OwnedHandle file(CreateFileW(target.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                       OPEN_EXISTING, FILE_FLAG_WRITE_THROUGH, nullptr));
+    if (!FlushFileBuffers(file.Get())) {
+      Abandon("flushing a file");
+    }
+  }
+  for (const ManifestEntry& entry : manifest_.entries) {
+    if (!BareHash(JoinPath(root_, entry.normalised_path))) {
+      Abandon("hashing an installed file");
+    }
+  }
+  return Seconds() - start;
+}
+
+bool BareHash(const std::wstring& path) {
+  static std::vector<UCHAR> buffer(kFilePieceSize);
+  const OwnedHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                     FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+  BCRYPT_ALG_HANDLE provider = nullptr;
+  BCRYPT_HASH_HANDLE hash = nullptr;
+  UCHAR digest[32] = {};
+  BCryptOpenAlgorithmProvider(&provider, BCRYPT_SHA256_ALGORITHM, nullptr, 0);
+  BCryptCreateHash(provider, &hash, nullptr, 0, nullptr, 0, 0);
+  DWORD read = 0;
+  bool hashed = true;
+  while ((hashed =
+              ReadFile(file.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr) != 0) &&
+         read != 0) {
+    BCryptHashData(hash, buffer.data(), read, 0);
+  }
+  hashed = hashed && BCRYPT_SUCCESS(BCryptFinishHash(hash, digest, sizeof(digest), 0));
+  BCryptDestroyHash(hash);
+  BCryptCloseAlgorithmProvider(provider, 0);
+  return hashed;
+}
+
+double Seconds() {
+  LARGE_INTEGER count{};
+  LARGE_INTEGER frequency{};
+  QueryPerformanceCounter(&count);
+  QueryPerformanceFrequency(&frequency);
+  return static_cast<double>(count.QuadPart) / static_cast<double>(frequency.QuadPart);
+}
+
+}  // namespace talvex::bench

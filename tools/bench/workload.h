@@ -1,0 +1,51 @@
+#pragma once
+
+// A client directory of any size, ready to be updated, and the bare work that no update can do without.
+
+#include <windows.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "formats/manifest.h"
+#include "tests/support/scratch_directory.h"
+
+namespace talvex::bench {
+
+struct WorkloadSize {
+  std::size_t files;
+  std::uint64_t bytes_per_file;
+};
+
+// `helper` becomes the release's TalvexUpdateHelper.exe, `client` its Talvex.exe; both are in place already.
+class Workload {
+ public:
+  Workload(const WorkloadSize& size, const std::wstring& helper, const std::wstring& client);
+
+  // The operands of --apply-plan after the mode word.
+  [[nodiscard]] std::vector<std::wstring> ApplyOperands(HANDLE parent, HANDLE lock) const;
+
+  // Seconds for the floor: every byte that an update has to hash, hashed by a bare loop before and after
+  // every file was replaced and flushed. Uses the directory up, as an update does.
+  [[nodiscard]] double MeasureFloor() const;
+
+  [[nodiscard]] std::uint64_t Bytes() const { return bytes_; }
+
+ private:
+  test::ScratchDirectory scratch_;
+  std::wstring root_ = scratch_ / L"client";
+  std::wstring stage_;
+  std::wstring copies_ = scratch_ / L"client\\.talvex-update\\floor";
+  Manifest manifest_;
+  std::string plan_;
+  std::vector<const ManifestEntry*> install_;
+  std::uint64_t bytes_ = 0;
+};
+
+// ReadFile and the CNG calls in a loop over one buffer, with nothing around them.
+[[nodiscard]] bool BareHash(const std::wstring& path);
+
+[[nodiscard]] double Seconds();  // since some moment
+
+}  // namespace talvex::bench
