@@ -232,6 +232,7 @@ void BenchStart() {
     return TimeOf([&] {
       STARTUPINFOW startup{};
       startup.cb = sizeof(startup);
+      startup.dwFlags = STARTF_USESTDHANDLES;  // and none given: the verdict goes nowhere
       PROCESS_INFORMATION started{};
       CreateProcessW(program.c_str(), arguments.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
                      &startup, &started);
