@@ -46,7 +46,9 @@ while [ $# -ge 2 ]; do
   esac
   shift 2
 done
-[ $# = 0 ] && [ -n "$release_id" ] && [ -n "$sequence" ] && [ -n "$key" ] || usage
+if [ $# != 0 ] || [ -z "$release_id" ] || [ -z "$sequence" ] || [ -z "$key" ]; then
+  usage
+fi
 
 [ -e "$build/TalvexPublish.exe" ] || fail "there is no $build/TalvexPublish.exe: build first"
 [ -d "$client" ] || fail "$client is not a directory"
@@ -71,11 +73,11 @@ publisher verify "Z:$making" --public-key "Z:$making/public.pem"
 rm "$making/public.pem"
 
 tab=$(printf '\t')
-sed -n "s/^file$tab[^$tab]*$tab[^$tab]*$tab//p" "$making/manifest.txt" |
+sed -n "s/^file${tab}[^$tab]*${tab}[^$tab]*${tab}//p" "$making/manifest.txt" |
   tar -C "$client" --no-recursion --verbatim-files-from -T - -cf - |
   tar -C "$making/files" -xf -
 # The tree could have changed since it was described.
-sed -n "s/^file$tab[^$tab]*$tab\([^$tab]*\)$tab/\1  /p" "$making/manifest.txt" |
+sed -n "s/^file${tab}[^$tab]*${tab}\([^$tab]*\)${tab}/\1  /p" "$making/manifest.txt" |
   (cd "$making/files" && sha256sum --quiet --check -) || fail "the client directory changed while it was published"
 mv "$making" "$release"
 echo "Published $release"

@@ -9,6 +9,7 @@
 namespace talvex::example {
 namespace {
 
+constexpr DWORD kClosingWaitMs = 2'000;
 constexpr DWORD kHandoverWaitMs = 10'000;
 constexpr DWORD kPathCapacity = 32'768;  // characters
 // Global: a second user of the machine, in another session, may start the same client.
@@ -47,7 +48,7 @@ bool ClientLock::Take(const std::wstring& client_root, UpdateError& error) {
     SetWindowsError(error, kNotOpened, GetLastError());
     return false;
   }
-  return Acquire(0) ? true : Refuse(error, kTaken);
+  return Acquire(kClosingWaitMs) ? true : Refuse(error, kTaken);
 }
 
 bool ClientLock::TakeOver(OwnedHandle mutex, UpdateError& error) {

@@ -20,7 +20,8 @@ class ClientLock {
   ClientLock& operator=(const ClientLock&) = delete;
   ~ClientLock() { Release(); }
 
-  // Takes the lock of the client in `client_root`, without waiting. Messages:
+  // Takes the lock of the client in `client_root`. A client that is just closing gets two seconds to do so.
+  // Messages:
   //   "Could not name the ownership lock: " + Windows text
   //   "Could not open the ownership lock: " + Windows text
   //   "Talvex already runs from this directory, or is being updated."
