@@ -111,11 +111,25 @@ exits_with() {
   [ "$code" = "$1" ] || { echo "   The client ended with exit code $code instead of $1."; return 1; }
 }
 
+# The lines of a comparison that matter: directories in which a release has left no file may stay.
+without_empty_directories() {
+  while read -r line; do
+    directory=$(echo "$line" | sed -n 's|^Only in \(.*\): \(.*\)$|\1/\2|p')
+    if [ ! -d "$directory" ] || [ -n "$(find "$directory" -type f | head -n 1)" ]; then
+      echo "$line"
+    fi
+  done
+}
+
 # Everything but the updater's own records has to be the release, byte for byte.
 client_equals() {
-  diff -r --exclude='.talvex-update*' --exclude='TalvexUpdateState.dat' --exclude='TalvexUpdateFailure.dat' \
-    "$place/releases/$1/files" "$client" &&
-    echo "   diff -r: the client directory equals release $1 ($(count "$place/releases/$1/files") files)."
+  differences=$(diff -r --exclude='.talvex-update*' --exclude='TalvexUpdateState.dat' \
+    --exclude='TalvexUpdateFailure.dat' "$place/releases/$1/files" "$client" | without_empty_directories)
+  if [ -n "$differences" ]; then
+    echo "$differences"
+    return 1
+  fi
+  echo "   diff -r: the client directory equals release $1 ($(count "$place/releases/$1/files") files)."
 }
 
 show_state() {
