@@ -19,7 +19,7 @@
 //   rollback started
 //   running release=ID sequence=N                or: running without a recorded release
 //   installed already release=ID sequence=N
-//   kept PATH: REASON                            a retired file that the player changed stays
+//   kept PATH                                    a retired file that the player changed stays
 //   staged release=ID sequence=N install=N retire=N
 //   update started
 //   ERROR: REASON

@@ -26,11 +26,13 @@ constexpr std::wstring_view kNoHelper = L"The release has no update helper of it
 // A retired file that the player changed would make the helper refuse the whole update. It is the player's
 // file now: the plan leaves it alone, and so does every later release.
 bool MayRetire(const std::wstring& client_root, const ManifestEntry& entry) {
-  UpdateError error;
-  if (IsFileOfRelease(client_root, entry, error)) {
+  UpdateError unreported;
+  if (IsFileOfRelease(client_root, entry, unreported)) {
     return true;
   }
-  LogLine(L"kept " + entry.normalised_path + L": " + error.Message());
+  if (PathExists(JoinPath(client_root, entry.normalised_path))) {
+    LogLine(L"kept " + entry.normalised_path);
+  }
   return false;
 }
 
