@@ -14,7 +14,7 @@ namespace talvex::test {
 
 struct HelperResult {
   DWORD exit_code = 0;
-  std::string console;   // what it printed
+  std::string console;   // what it printed, errors included
   std::wstring message;  // the text of its message box; empty when it showed none
   std::wstring caption;
   bool showed_window = false;  // its status window was seen
