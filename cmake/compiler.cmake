@@ -8,6 +8,8 @@ target_include_directories(talvex_compiler INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_definitions(talvex_compiler INTERFACE
   UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN STRICT _WIN32_WINNT=0x0601 WINVER=0x0601 _WIN32_IE=0x0900)
 
+option(TALVEX_COVERAGE "Count what the tests run (tools/coverage.sh); such a build is for nothing else" OFF)
+
 if(MSVC)
   target_compile_options(talvex_compiler INTERFACE /W4 /WX /permissive- /utf-8 /EHsc)
   set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
@@ -17,8 +19,6 @@ else()
   target_compile_options(talvex_compiler INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wcast-qual -Werror
     -ffunction-sections -fdata-sections -fno-ident
-    # Absolute paths must not reach the binary, or two checkouts would build different bytes.
-    -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=build
     $<$<CONFIG:Release>:-Os> $<$<CONFIG:Debug>:-O1>)
   target_compile_definitions(talvex_compiler INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
   # Version 6.1: made for Windows 7 or newer, as Visual Studio's linker says of its own accord. Under 4.0, ld's
@@ -27,4 +27,12 @@ else()
     -Wl,--major-subsystem-version,6,--minor-subsystem-version,1
     -static -Wl,--gc-sections -Wl,--nxcompat -Wl,--dynamicbase -Wl,--no-insert-timestamp
     $<$<CONFIG:Release>:-s>)
+  if(TALVEX_COVERAGE)
+    target_compile_options(talvex_compiler INTERFACE --coverage -fprofile-update=atomic)
+    target_link_options(talvex_compiler INTERFACE --coverage)
+  else()
+    # Absolute paths must not reach the binary, or two checkouts would build different bytes.
+    target_compile_options(talvex_compiler INTERFACE
+      -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
+  endif()
 endif()
