@@ -11,7 +11,7 @@
 namespace talvex {
 namespace {
 
-constexpr ULONGLONG kProgressInterval_ms = 2'000;
+constexpr ULONGLONG kProgressIntervalMs = 2'000;
 constexpr std::uint64_t kMebibyte = 1'048'576;  // bytes
 
 constexpr std::wstring_view kMoveFailed = L"Could not put the manifest in its place";
@@ -29,7 +29,7 @@ class HashProgress {
   static void Report(std::uint64_t bytes_of_file, void* context) {
     HashProgress& self = *static_cast<HashProgress*>(context);
     const ULONGLONG now = GetTickCount64();
-    if (now - self.last_line_ms_ < kProgressInterval_ms) {
+    if (now - self.last_line_ms_ < kProgressIntervalMs) {
       return;
     }
     self.last_line_ms_ = now;
