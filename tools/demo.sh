@@ -146,7 +146,8 @@ publish() {
 
 step "Installing what is missing, and building"
 tools/setup.sh
-cmake --preset mingw-release > "$root/build/demo-configure.log" 2>&1 || { cat "$root/build/demo-configure.log"; exit 1; }
+mkdir -p "$demo"
+cmake --preset mingw-release > "$demo/configure.log" 2>&1 || { cat "$demo/configure.log"; exit 1; }
 cmake --build --preset mingw-release
 
 step "Starting a Wine of the demo's own, with a display nobody sees"
