@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "app/exit_code.h"
 #include "app/reporting.h"
 #include "core/publisher_key.h"
 #include "core/text_encoding.h"

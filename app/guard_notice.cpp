@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "app/exit_code.h"
 #include "app/handle_operand.h"
 #include "app/reporting.h"
 

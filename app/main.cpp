@@ -5,12 +5,14 @@
 
 #include <shellapi.h>
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
+#include <new>
 #include <string_view>
 
 #include "app/diagnostic_modes.h"
 #include "app/dll_search.h"
-#include "app/exit_code.h"
 #include "app/guard_notice.h"
 #include "app/reporting.h"
 #include "app/rollback_mode.h"
@@ -39,6 +41,13 @@ constexpr Mode kModes[] = {
     {L"--apply-plan", RunApplyTransaction},
 };
 
+const Mode* FindMode(std::wstring_view word) {
+  const auto* const found = std::find_if(std::begin(kModes), std::end(kModes), [word](const Mode& mode) {
+    return EqualIgnoringAsciiCase(word, mode.word);
+  });
+  return found == std::end(kModes) ? nullptr : found;
+}
+
 struct LocalFreeDeleter {
   void operator()(wchar_t** arguments) const noexcept { LocalFree(arguments); }
 };
@@ -49,15 +58,16 @@ int RunMode() {
   if (arguments == nullptr) {
     return kExitUnusable;
   }
-  if (count >= 2) {
-    for (const Mode& mode : kModes) {
-      if (EqualIgnoringAsciiCase(arguments.get()[1], mode.word)) {
-        return mode.run(count, arguments.get());
-      }
-    }
+  const Mode* const mode = count < 2 ? nullptr : FindMode(arguments.get()[1]);
+  if (mode == nullptr) {
+    WriteConsoleLine(kUsage);
+    return kExitUnusable;
   }
-  WriteConsoleLine(kUsage);
-  return kExitUnusable;
+  try {
+    return mode->run(count, arguments.get());
+  } catch (const std::bad_alloc&) {
+    return kExitFailed;  // without even the memory for a sentence
+  }
 }
 
 }  // namespace

@@ -1,11 +1,16 @@
 #pragma once
 
-// How the helper speaks: one line on the console of the process that started it, or a message box.
+// How the helper speaks: one line on the console of the process that started it, a message box, an exit code.
 
 #include <string>
 #include <string_view>
 
 namespace talvex {
+
+// How every mode ends.
+inline constexpr int kExitDone = 0;      // the mode did its job
+inline constexpr int kExitFailed = 1;    // the mode ran and failed
+inline constexpr int kExitUnusable = 2;  // the command line could not be used
 
 // Whether the transaction modes print their failures as console lines and keep their notices to themselves.
 // False at start, and nothing in the program sets it.
@@ -23,7 +28,8 @@ void WriteConsoleLine(std::wstring_view text);
 // "The update failed. Your existing files were restored."
 void ShowUpdateFailure(const std::wstring& message);
 
-// Shows a notice that asks for no decision and returns when the user has closed it.
+// Shows a notice that asks for no decision and returns when the user has closed it. Shows nothing while
+// console_reporting is set.
 void ShowNotice(const wchar_t* caption, const std::wstring& message);
 
 }  // namespace talvex

@@ -2,12 +2,12 @@
 
 #include <windows.h>
 
-#include <new>
+#include <cstdint>
 #include <string>
 
-#include "app/exit_code.h"
 #include "app/handle_operand.h"
 #include "app/reporting.h"
+#include "core/memory_shortage.h"
 #include "rollback/rollback_transaction.h"
 #include "storage/client_root.h"
 
@@ -40,16 +40,6 @@ int FailWith(const std::wstring& message) {
   return kExitFailed;
 }
 
-// Memory that runs out is a failure like any other: the journal and the copies stay, and a second run of the
-// mode finishes what this one began.
-bool RestorePreviousRelease(const std::wstring& client_root, UpdateError& error) {
-  try {
-    return RunRollbackTransaction(client_root, error);
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
-}
-
 }  // namespace
 
 int RunRollbackMode(int argument_count, const wchar_t* const* arguments) {
@@ -76,10 +66,12 @@ int RunRollbackMode(int argument_count, const wchar_t* const* arguments) {
     return FailWith(kLockNotAcquired);
   }
   UpdateError error;
-  const bool restored = RestorePreviousRelease(client_root, error);
+  // Should memory run out, the journal and the copies stay, and the next run finishes what this one began.
+  const bool restored = SucceedsInMemory([&] { return RunRollbackTransaction(client_root, error); });
   handles.ReleaseTransactionHandles();
   if (!restored) {
-    return FailWith(std::wstring(kRestoreFailed) + kReasonSeparator + error.Message());
+    return FailWith(error.IsEmpty() ? std::wstring(kRestoreFailed)
+                                    : std::wstring(kRestoreFailed) + kReasonSeparator + error.Message());
   }
   ShowNotice(kUpdateCaption, kRestored);
   return kExitDone;

@@ -3,13 +3,13 @@
 #include <windows.h>
 
 #include <array>
+#include <cstdint>
 #include <new>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include "app/exit_code.h"
 #include "app/handle_operand.h"
 #include "app/reporting.h"
 #include "app/status_window.h"
@@ -17,6 +17,7 @@
 #include "apply/file_installation.h"
 #include "apply/file_verification.h"
 #include "core/ascii_case.h"
+#include "core/memory_shortage.h"
 #include "core/publisher_key.h"
 #include "core/sha256.h"
 #include "core/text_encoding.h"
@@ -120,7 +121,9 @@ class ApplyTransaction {
     if (!ClearStaleRollbackData() || !PrepareRollbackData()) {
       return FailWith(error_.Message());
     }
-    if (!ChangeClient()) {
+    // Memory that runs out from here on must not end the process with files half replaced: it is a failure
+    // like any other.
+    if (!SucceedsInMemory([&] { return ChangeClient(); })) {
       return FailRestored();
     }
     return FinishAndRelaunch();
@@ -213,22 +216,17 @@ class ApplyTransaction {
     return false;
   }
 
-  // Every step that changes the client. Order: the cache before the state, because a state without its cache
-  // is not believed, while a cache without its state is not asked for. Memory that runs out here must not
-  // end the process with files half replaced, so it is a failure like any other.
+  // Every step that changes the client. Order: the state last, so that it never names a release whose proof
+  // is not beside it.
   [[nodiscard]] bool ChangeClient() {
-    try {
-      window_.SetStatusText(kApplyingText);
-      window_.SetStatusProgress(0, operations_.size());
-      return InstallApplyOperations(operands_.client_root, rollback_files_directory_, operations_, window_,
-                                    kNoFaultInjection, error_) &&
-             VerifyInstalledFiles(operands_.client_root, new_manifest_, window_, error_) &&
-             VerifyRetiredFilesAreGone() &&
-             SaveVerifiedCache(operands_.client_root, manifest_bytes_, signature_, error_) &&
-             SaveInstalledState(operands_.client_root, new_manifest_, error_);
-    } catch (const std::bad_alloc&) {
-      return false;
-    }
+    window_.SetStatusText(kApplyingText);
+    window_.SetStatusProgress(0, operations_.size());
+    return InstallApplyOperations(operands_.client_root, rollback_files_directory_, operations_, window_,
+                                  kNoFaultInjection, error_) &&
+           VerifyInstalledFiles(operands_.client_root, new_manifest_, window_, error_) &&
+           VerifyRetiredFilesAreGone() &&
+           SaveVerifiedCache(operands_.client_root, manifest_bytes_, signature_, error_) &&
+           SaveInstalledState(operands_.client_root, new_manifest_, error_);
   }
 
   [[nodiscard]] bool VerifyRetiredFilesAreGone() {
@@ -257,7 +255,10 @@ class ApplyTransaction {
 
   int FailRestored() {
     UpdateError restore_error;
-    const bool restored = Restore(restore_error);
+    const bool restored = SucceedsInMemory([&] { return Restore(restore_error); });
+    if (!restored && restore_error.IsEmpty()) {
+      SetRestorationIncomplete(restore_error, rollback_files_directory_);
+    }
     std::wstring message(ErrorOr(kUpdateFailed));
     message += kReasonSeparator;
     message += restored ? kFilesRestored : std::wstring_view(restore_error.Message());
@@ -267,7 +268,8 @@ class ApplyTransaction {
   // From here on the release counts as installed: nothing that fails now is a reason to take it back.
   int FinishAndRelaunch() {
     UpdateError unreported;
-    static_cast<void>(ClearWorkDirectoryExcept(work_directory_, kPreviousDirectoryName, unreported));
+    static_cast<void>(SucceedsInMemory(
+        [&] { return ClearWorkDirectoryExcept(work_directory_, kPreviousDirectoryName, unreported); }));
     window_.SetStatusText(kCompletedText);
     window_.SetStatusProgress(1, 1);
     Sleep(kCompletedTextMs);
@@ -279,7 +281,7 @@ class ApplyTransaction {
     if (!relaunched) {
       ShowUpdateFailure(error_.Message());
     }
-    // Only now: the restarted client holds its inherited handle, so nobody can take the lock in between.
+    // Only now: the restarted client has its handle to the mutex, which therefore outlives the helper.
     handles_.ReleaseTransactionHandles();
     client = RelaunchedClient();
     DeleteOwnProgramAtRestart();
@@ -324,12 +326,12 @@ int RunApplyTransaction(int argument_count, const wchar_t* const* arguments) {
   if (argument_count != kArgumentCount) {
     return kExitUnusable;
   }
-  Operands operands;
-  if (!ParseOperands(arguments, operands)) {
-    ShowUpdateFailure(std::wstring(kInvalidData));
-    return kExitFailed;
-  }
   try {
+    Operands operands;
+    if (!ParseOperands(arguments, operands)) {
+      ShowUpdateFailure(std::wstring(kInvalidData));
+      return kExitFailed;
+    }
     return ApplyTransaction(std::move(operands)).Run();
   } catch (const std::bad_alloc&) {
     ShowUpdateFailure(std::wstring(kUpdateFailed));

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "core/inherited_handle_list.h"
+#include "core/memory_shortage.h"
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
 
@@ -66,12 +67,14 @@ bool RelaunchClient(const std::wstring& client_root, const Manifest& new_manifes
   if (!MakeInheritable(lock)) {
     return Refuse(error, kLockNotInherited);
   }
-  const HandoffEnvironment handoff;
+  // The release is installed: should memory run out, that must not read like an update that failed.
+  const HandoffEnvironment handoff{};
   const auto lock_value = reinterpret_cast<std::uintptr_t>(lock);
-  if (!handoff.Set(DigestToHex(new_manifest.digest), std::to_wstring(lock_value))) {
+  if (!SucceedsInMemory(
+          [&] { return handoff.Set(DigestToHex(new_manifest.digest), std::to_wstring(lock_value)); })) {
     return Refuse(error, kHandoffFailed);
   }
-  if (!StartClient(client_root, lock, client)) {
+  if (!SucceedsInMemory([&] { return StartClient(client_root, lock, client); })) {
     return Refuse(error, kRestartFailed);
   }
   return true;

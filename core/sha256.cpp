@@ -4,7 +4,6 @@
 
 #include <bcrypt.h>
 
-#include <limits>
 #include <vector>
 
 #include "core/whole_file.h"
@@ -55,9 +54,6 @@ class Sha256Hash {
 
   // CNG takes its input through a pointer to non-const and does not write there.
   [[nodiscard]] bool Add(std::span<const std::byte> bytes) {
-    if (bytes.size() > std::numeric_limits<ULONG>::max()) {
-      return false;
-    }
     auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(bytes.data()));
     return BCRYPT_SUCCESS(BCryptHashData(hash_, input, static_cast<ULONG>(bytes.size()), 0));
   }

@@ -22,8 +22,8 @@ using HashProgressCallback = void (*)(std::uint64_t bytes_digested, void* contex
 
 // Digests the regular file at `path` in pieces of 1 MiB through one buffer. `size_limit` is in bytes; a
 // larger file is refused before anything is read. `size` becomes the size that was found when the file was
-// opened, and 0 when it could not be opened. It compares with no expected value; the callers do. A failure
-// leaves `digest` zeroed. Messages:
+// opened, and 0 when it was refused or could not be opened. It compares with no expected value; the callers
+// do. A failure leaves `digest` zeroed. Messages:
 //   "Could not open file for hashing: " + Windows text
 //   "The update target is too large or is not a regular file."   above the limit; reparse point; second link
 //   "Windows could not hash an update target."                   a read or a CNG call failed

@@ -4,6 +4,7 @@
 // console, lowercase hexadecimal for digests, decimal for numbers. Every conversion is strict; none sets an
 // UpdateError, because only the caller knows what the text was meant to be.
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>

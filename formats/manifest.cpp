@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <set>
+#include <utility>
 
 #include "core/ascii_case.h"
 #include "core/sha256.h"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "core/ascii_case.h"
 #include "core/text_encoding.h"

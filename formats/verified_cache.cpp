@@ -21,7 +21,7 @@ constexpr std::wstring_view kChangedRelease =
     L"The update server changed a release without increasing its sequence.";
 
 struct CacheFile {
-  explicit CacheFile(const std::wstring& directory, std::wstring_view name)
+  CacheFile(const std::wstring& directory, std::wstring_view name)
       : path(JoinPath(directory, name)), temporary_path(path + std::wstring(kTemporarySuffix)) {}
 
   [[nodiscard]] bool MoveIntoPlace() const {
@@ -44,8 +44,12 @@ bool LoadVerifiedCache(std::wstring_view client_root, ByteBuffer& manifest_bytes
   if (!IsRealDirectory(directory)) {
     return Refuse(error, kNoCache);
   }
-  return ReadWholeFile(JoinPath(directory, kManifestFileName), kManifestSizeLimit, manifest_bytes, error) &&
-         ReadWholeFile(JoinPath(directory, kSignatureFileName), kSignatureSizeLimit, signature, error);
+  if (!ReadWholeFile(JoinPath(directory, kManifestFileName), kManifestSizeLimit, manifest_bytes, error) ||
+      !ReadWholeFile(JoinPath(directory, kSignatureFileName), kSignatureSizeLimit, signature, error)) {
+    manifest_bytes.clear();
+    return false;
+  }
+  return true;
 }
 
 // Two files move here where ReplaceWholeFile moves one: both are written before either is moved, so that a

@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <ranges>
 #include <string_view>
 
@@ -87,6 +86,10 @@ bool RestoreFromRollback(const std::wstring& client_root, const std::wstring& pr
   return false;
 }
 
+void SetRestorationIncomplete(UpdateError& error, const std::wstring& copy_path) {
+  SetError(error, std::wstring(kIncomplete) + copy_path);
+}
+
 bool RestoreRollbackFiles(std::span<const ApplyOperation> operations, UpdateError& error) {
   bool all_restored = true;
   for (const ApplyOperation& operation : operations | std::views::reverse) {
@@ -99,7 +102,7 @@ bool RestoreRollbackFiles(std::span<const ApplyOperation> operations, UpdateErro
       error = operation_error;
     }
     if (error.IsEmpty()) {
-      SetError(error, std::wstring(kIncomplete) + operation.rollback_copy_path);
+      SetRestorationIncomplete(error, operation.rollback_copy_path);
     }
   }
   return all_restored;

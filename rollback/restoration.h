@@ -23,10 +23,14 @@ namespace talvex {
                                        const std::wstring& previous_directory, const RollbackJournal& journal,
                                        std::span<const ApplyOperation> operations, UpdateError& error);
 
+// Says that files could not be put back, and that their copies lie at `copy_path`:
+//   "Automatic restoration was incomplete. The rollback copy is at:\n" + `copy_path`
+void SetRestorationIncomplete(UpdateError& error, const std::wstring& copy_path);
+
 // Undoes the operations from the last to the first, going on past those that fail. Only the first failure
-// sets a message: that of RemoveRollbackTarget or MakeRecoveryCopy, or
+// sets a message: that of RemoveRollbackTarget or MakeRecoveryCopy, or, with the path of the copy, that of
+// SetRestorationIncomplete, or
 //   "A required rollback copy is missing."
-//   "Automatic restoration was incomplete. The rollback copy is at:\n" + the copy's path
 [[nodiscard]] bool RestoreRollbackFiles(std::span<const ApplyOperation> operations, UpdateError& error);
 
 // Puts the installed state and the verified cache back as the journal's flags say, removing what did not

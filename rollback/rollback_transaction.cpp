@@ -5,6 +5,7 @@
 #include <string_view>
 #include <utility>
 
+#include "core/memory_shortage.h"
 #include "core/publisher_key.h"
 #include "core/whole_file.h"
 #include "formats/failure_marker.h"
@@ -75,7 +76,7 @@ bool RunRollbackTransaction(const std::wstring& client_root, UpdateError& error)
   // The journal first: what is left of the tree after a crash from here on must not look like a promise.
   DeleteFileW(journal_path.c_str());
   UpdateError unreported;
-  static_cast<void>(RemoveWorkTree(previous_directory, unreported));
+  static_cast<void>(SucceedsInMemory([&] { return RemoveWorkTree(previous_directory, unreported); }));
   return true;
 }
 

@@ -48,8 +48,9 @@ enum class LastComponent { kChecked, kUnchecked };
                                       std::wstring& full_path, UpdateError& error);
 
 // Makes the directory `relative_path` below the client directory, every missing ancestor included, and proves
-// each component, new or old, to be a real directory. What was made before a failure stays. Messages: those
-// of ResolveCheckedPath, and
+// each component, new or old, to be a real directory. `full_path` is its full path, also when a component
+// could not be made or is unsafe. What was made before a failure stays. Messages: those of
+// ResolveCheckedPath, and
 //   "Could not create an update directory: " + Windows text
 //   "An update directory is unsafe."   a component is a plain file or a reparse point
 [[nodiscard]] bool CreateUpdateDirectory(std::wstring_view client_directory, std::wstring_view relative_path,
