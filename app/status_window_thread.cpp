@@ -340,8 +340,8 @@ LRESULT WindowThread::HandleMessage(HWND window, UINT message, WPARAM wparam, LP
 
 }  // namespace
 
-DWORD WINAPI RunStatusWindowThread(void* parameter) {
-  WindowThread(*static_cast<const StatusWindowThreadStart*>(parameter)).Run();
+DWORD WINAPI RunStatusWindowThread(void* start) {
+  WindowThread(*static_cast<const StatusWindowThreadStart*>(start)).Run();
   return 0;
 }
 

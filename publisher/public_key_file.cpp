@@ -38,7 +38,7 @@ bool LoadPublicKey(const std::wstring& path, ByteBuffer& key_blob, UpdateError& 
     return false;
   }
   const std::string_view text = AsText(pem);
-  DWORD der_size = static_cast<DWORD>(text.size());
+  auto der_size = static_cast<DWORD>(text.size());
   ByteBuffer der(text.size());
   if (!text.starts_with(kPemHeader) ||
       !CryptStringToBinaryA(text.data(), der_size, CRYPT_STRING_BASE64HEADER,

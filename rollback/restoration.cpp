@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <ranges>
 #include <string_view>
 
 #include "formats/installed_state.h"
@@ -92,9 +91,9 @@ void SetRestorationIncomplete(UpdateError& error, const std::wstring& copy_path)
 
 bool RestoreRollbackFiles(std::span<const ApplyOperation> operations, UpdateError& error) {
   bool all_restored = true;
-  for (const ApplyOperation& operation : operations | std::views::reverse) {
+  for (auto operation = operations.rbegin(); operation != operations.rend(); ++operation) {
     UpdateError operation_error;
-    if (UndoOperation(operation, operation_error)) {
+    if (UndoOperation(*operation, operation_error)) {
       continue;
     }
     all_restored = false;
@@ -102,7 +101,7 @@ bool RestoreRollbackFiles(std::span<const ApplyOperation> operations, UpdateErro
       error = operation_error;
     }
     if (error.IsEmpty()) {
-      SetRestorationIncomplete(error, operation.rollback_copy_path);
+      SetRestorationIncomplete(error, operation->rollback_copy_path);
     }
   }
   return all_restored;

@@ -1,6 +1,5 @@
 #!/bin/sh
 # A DLL planted beside the helper is never loaded: dll_planting_test.sh SOURCE_FOLDER BUILD_FOLDER
-# shellcheck source-path=SCRIPTDIR source=support/checks.sh
 . "$(dirname "$0")/support/checks.sh"
 source=$1
 build=$2

@@ -1,6 +1,5 @@
 #!/bin/sh
 # The helper's file as Windows' loader sees it: program_file_test.sh SOURCE_FOLDER BUILD_FOLDER CONFIGURATION
-# shellcheck source-path=SCRIPTDIR source=support/checks.sh
 . "$(dirname "$0")/support/checks.sh"
 build=$2
 configuration=$3

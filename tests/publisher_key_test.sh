@@ -1,6 +1,5 @@
 #!/bin/sh
 # Which public keys the build accepts: publisher_key_test.sh SOURCE_FOLDER
-# shellcheck source-path=SCRIPTDIR source=support/checks.sh
 . "$(dirname "$0")/support/checks.sh"
 source=$1
 

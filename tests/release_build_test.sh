@@ -1,6 +1,5 @@
 #!/bin/sh
 # Builds for players: release_build_test.sh SOURCE_FOLDER BUILD_FOLDER CONFIGURATION
-# shellcheck source-path=SCRIPTDIR source=support/checks.sh
 . "$(dirname "$0")/support/checks.sh"
 source=$1
 build=$2

@@ -134,8 +134,8 @@ void MakeJunction(const std::wstring& link, const std::wstring& target) {
   PROCESS_INFORMATION started{};
   ASSERT_TRUE(CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr,
                              nullptr, &startup, &started));
-  OwnedHandle(started.hProcess);
-  OwnedHandle(started.hThread);
+  CloseHandle(started.hProcess);
+  CloseHandle(started.hThread);
   // Wine gives no handle to wait for the Unix program with.
   for (int i = 0; i < 200 && !PathExists(link); ++i) {
     Sleep(25);
