@@ -148,7 +148,7 @@ step "Installing what is missing, and building"
 tools/setup.sh
 mkdir -p "$demo"
 cmake --preset mingw-release > "$demo/configure.log" 2>&1 || { cat "$demo/configure.log"; exit 1; }
-cmake --build --preset mingw-release
+cmake --build --preset mingw-release --target TalvexUpdateHelper Talvex TalvexPublish DemoHands
 
 step "Starting a Wine of the demo's own, with a display nobody sees"
 unset DISPLAY
