@@ -3,7 +3,7 @@
 //   DemoHands.exe press-ok       waits for a message box of the updater, prints its text and presses OK
 //   DemoHands.exe hold FILE      waits for the status window, holds FILE open as a virus scanner would until
 //   the
-//                                update has come to it, prints "held" and lets go a second later
+//                                update has come to it, prints "held" and lets go about a second later
 //
 // Exit codes: 0 done; 1 nothing to see within a minute, or FILE cannot be held; 2 the command line is
 // neither.
@@ -25,7 +25,7 @@ namespace {
 constexpr DWORD kPollMs = 50;
 constexpr int kMostPolls = 60'000 / kPollMs;
 // The helper tries again for about two seconds: long enough for a picture, short enough to go on after it.
-constexpr DWORD kHoldMs = 1'200;
+constexpr DWORD kHoldMs = 900;
 // A progress bar that stands still for so many polls waits for the held file.
 constexpr int kStandstillPolls = 3;
 
