@@ -39,8 +39,12 @@ void ExpectInstalled(const ClientDirectory& client, const TestRelease& release) 
   EXPECT_EQ(ReadTestFile(client.At(L".talvex-update-cache\\manifest.sig")), release.Signature());
 }
 
-OwnedHandle HoldOpen(const std::wstring& path) {
-  return OwnedHandle(CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+// Others may read the file meanwhile, but nobody can replace, move or delete it.
+OwnedHandle HoldAgainstChange(const std::wstring& path) {
+  OwnedHandle file(
+      CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+  EXPECT_TRUE(file.IsValid());
+  return file;
 }
 
 TEST(Console, AnswersTheDiagnosticModes) {
@@ -172,22 +176,38 @@ TEST(Update, InstallsAFirstReleaseUnderAnAbandonedLockIntoFoldersInAnyCase) {
   ExpectInstalled(client, client.new_release);
 }
 
+TEST(Update, WaitsForTheClientToExitBeforeAnythingChanges) {
+  ClientDirectory client;
+  client.Prepare();
+  client.parent = MakeInheritableEvent(false);
+  const Tree before = client.AllFiles();
+  ULONGLONG started = 0;
+  const HelperResult result = client.Run(L"--apply-plan", client.ApplyOperands(), [&](DWORD) {
+    started = started == 0 ? GetTickCount64() : started;
+    if (GetTickCount64() - started > 1'000 && WaitForSingleObject(client.parent.Get(), 0) == WAIT_TIMEOUT) {
+      EXPECT_EQ(TreeDifference(client.AllFiles(), before), "");
+      SetEvent(client.parent.Get());
+    }
+  });
+  EXPECT_EQ(result.exit_code, 0u);
+  WaitForReport(client.report);
+  ExpectInstalled(client, client.new_release);
+}
+
 TEST(Update, WaitsForAFileThatIsHeldForASecond) {
   ClientDirectory client;
   client.Prepare();
-  OwnedHandle holder;
-  ULONGLONG held_since = 0;
+  OwnedHandle holder = HoldAgainstChange(client.At(L"Data\\deep\\er\\b.bin"));
+  const std::wstring journal = client.At(L".talvex-update\\previous\\rollback.journal");
+  ULONGLONG changing_since = 0;
   const HelperResult result = client.Run(L"--apply-plan", client.ApplyOperands(), [&](DWORD) {
-    // From the journal on nothing but the retries stands between the helper and the file.
-    if (held_since == 0 && PathExists(client.At(L".talvex-update\\previous\\recovery"))) {
-      holder = HoldOpen(client.At(L"Data\\deep\\er\\b.bin"));
-      held_since = GetTickCount64();
-    } else if (holder.IsValid() && GetTickCount64() - held_since > 1'000) {
+    if (changing_since == 0 && PathExists(journal)) {
+      changing_since = GetTickCount64();
+    } else if (changing_since != 0 && GetTickCount64() - changing_since > 1'000) {
       holder.Reset();
     }
   });
   EXPECT_EQ(result.exit_code, 0u) << WideToUtf8(result.message);
-  EXPECT_NE(held_since, 0u);
   WaitForReport(client.report);
   ExpectInstalled(client, client.new_release);
 }
@@ -371,6 +391,19 @@ TEST(Refusal, OfACacheThatIsAFile) {
   EXPECT_EQ(TreeDifference(client.AllFiles(), before), "");
 }
 
+// A handle that cannot be waited for stands for a client that does not exit: the wait fails at once.
+TEST(Refusal, OfAClientThatDoesNotExit) {
+  ClientDirectory client;
+  client.Prepare();
+  const Tree before = client.AllFiles();
+  client.parent = MakeInheritable(
+      CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READONLY | SEC_RESERVE, 0, 4096, nullptr));
+  ASSERT_TRUE(client.parent.IsValid());
+  EXPECT_EQ(client.Apply().message, L"Talvex did not close in time for the update.");
+  EXPECT_EQ(client.Rollback().message, L"Talvex did not close in time for rollback.");
+  EXPECT_EQ(TreeDifference(client.AllFiles(), before), "");
+}
+
 TEST(Refusal, OfALockThatStaysTaken) {
   ClientDirectory client;
   client.Prepare();
@@ -397,15 +430,11 @@ const FailureCase kFailures[] = {
      L"Could not open file for hashing: "},
     {"TargetHeldForGood",
      [](ClientDirectory& c, OwnedHandle& holder) {
-       holder = OwnedHandle(CreateFileW(c.At(L"Data\\deep\\er\\b.bin").c_str(), GENERIC_READ, FILE_SHARE_READ,
-                                        nullptr, OPEN_EXISTING, 0, nullptr));
+       holder = HoldAgainstChange(c.At(L"Data\\deep\\er\\b.bin"));
      },
      L"Could not atomically replace an update file."},
     {"RetiredFileHeldForGood",
-     [](ClientDirectory& c, OwnedHandle& holder) {
-       holder = OwnedHandle(CreateFileW(c.At(L"old\\retired.bin").c_str(), GENERIC_READ, FILE_SHARE_READ,
-                                        nullptr, OPEN_EXISTING, 0, nullptr));
-     },
+     [](ClientDirectory& c, OwnedHandle& holder) { holder = HoldAgainstChange(c.At(L"old\\retired.bin")); },
      L"Could not create a rollback copy for a retired update file."},
 };
 
@@ -435,6 +464,20 @@ TEST_P(Failures, RestoreEveryByte) {
 
 INSTANTIATE_TEST_SUITE_P(Table, Failures, testing::ValuesIn(kFailures),
                          [](const auto& row) { return std::string(row.param.name); });
+
+TEST(Failure, ThatCannotBePutRightSaysWhy) {
+  ClientDirectory client;
+  client.Prepare();
+  const OwnedHandle holder = HoldAgainstChange(client.At(L"old\\retired.bin"));
+  const std::wstring journal = client.At(L".talvex-update\\previous\\rollback.journal");
+  const HelperResult result =
+      client.Run(L"--apply-plan", client.ApplyOperands(), [&](DWORD) { DeleteFileW(journal.c_str()); });
+  EXPECT_EQ(result.exit_code, 1u);
+  EXPECT_TRUE(result.message.starts_with(
+      L"Could not create a rollback copy for a retired update file.\n\nCould not open file: "))
+      << WideToUtf8(result.message);
+  EXPECT_TRUE(PathExists(client.At(L".talvex-update\\previous\\files\\Data\\a.bin")));
+}
 
 }  // namespace
 }  // namespace talvex::test

@@ -47,11 +47,6 @@ BOOL CALLBACK LookAtWindow(HWND window, LPARAM parameter) {
   return TRUE;
 }
 
-OwnedHandle MakeInheritable(HANDLE handle) {
-  SetHandleInformation(handle, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
-  return OwnedHandle(handle);
-}
-
 std::string ReadToEnd(HANDLE pipe) {
   std::string text;
   std::array<char, 4096> piece{};
@@ -110,6 +105,11 @@ HelperResult RunHelper(const std::wstring& program, const std::vector<std::wstri
   GetExitCodeProcess(process.Get(), &result.exit_code);
   result.console = ReadToEnd(console.Get());
   return result;
+}
+
+OwnedHandle MakeInheritable(HANDLE handle) {
+  SetHandleInformation(handle, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
+  return OwnedHandle(handle);
 }
 
 OwnedHandle MakeInheritableEvent(bool signalled) {

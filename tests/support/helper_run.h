@@ -27,6 +27,7 @@ struct HelperResult {
                                      std::vector<HANDLE> inherited,
                                      const std::function<void(DWORD process_id)>& while_running = {});
 
+[[nodiscard]] OwnedHandle MakeInheritable(HANDLE handle);  // and owned
 [[nodiscard]] OwnedHandle MakeInheritableEvent(bool signalled);
 [[nodiscard]] OwnedHandle MakeInheritableMutex();
 [[nodiscard]] std::wstring HandleText(HANDLE handle);
