@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <utility>
+
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/text_lines.h"
@@ -26,7 +28,10 @@ constexpr std::wstring_view kReleaseInvalid = L"The installed update state has i
 constexpr std::wstring_view kDigestInvalid = L"The installed update state has an invalid manifest digest.";
 constexpr std::wstring_view kSaveFailed = L"Could not save the installed update state";
 
-bool ParseInstalledState(std::string_view text, InstalledState& state, UpdateError& error) {
+}  // namespace
+
+bool ParseInstalledStateText(std::string_view text, InstalledState& state, UpdateError& error) {
+  state = {};
   if (!IsLineText(text, kSizeLimit)) {
     return Refuse(error, kEncodingInvalid);
   }
@@ -38,22 +43,24 @@ bool ParseInstalledState(std::string_view text, InstalledState& state, UpdateErr
   if (line_count != kLines || TakeLine(text) != kMagic) {
     return Refuse(error, kFormatInvalid);
   }
+  InstalledState parsed;
   // line 2          "sequence"         TAB  decimal, not 0
   std::string_view value;
-  if (!CutKeyedValue(TakeLine(text), kSequenceKey, value) || !ParseDecimalU64(value, state.sequence) ||
-      state.sequence == 0) {
+  if (!CutKeyedValue(TakeLine(text), kSequenceKey, value) || !ParseDecimalU64(value, parsed.sequence) ||
+      parsed.sequence == 0) {
     return Refuse(error, kReleaseInvalid);
   }
   // line 3          "release"          TAB  identifier
   if (!CutKeyedValue(TakeLine(text), kReleaseKey, value) || !IsReleaseIdentifier(value)) {
     return Refuse(error, kReleaseInvalid);
   }
-  state.release = value;
+  parsed.release = value;
   // line 4          "manifest-sha256"  TAB  digest
-  if (!CutKeyedValue(TakeLine(text), kDigestKey, value) || !ParseHexDigest(value, state.manifest_digest)) {
+  if (!CutKeyedValue(TakeLine(text), kDigestKey, value) || !ParseHexDigest(value, parsed.manifest_digest)) {
     return Refuse(error, kDigestInvalid);
   }
-  state.present = true;
+  parsed.present = true;
+  state = std::move(parsed);
   return true;
 }
 
@@ -66,8 +73,6 @@ std::string FormatInstalledState(const Manifest& installed) {
   return text;
 }
 
-}  // namespace
-
 bool LoadInstalledState(std::wstring_view client_root, InstalledState& state, UpdateError& error) {
   state = {};
   const std::wstring path = JoinPath(client_root, kInstalledStateFileName);
@@ -75,14 +80,8 @@ bool LoadInstalledState(std::wstring_view client_root, InstalledState& state, Up
     return true;
   }
   ByteBuffer bytes;
-  if (!ReadWholeFile(path, kSizeLimit, bytes, error)) {
-    return false;
-  }
-  if (!ParseInstalledState(AsText(bytes), state, error)) {
-    state = {};
-    return false;
-  }
-  return true;
+  return ReadWholeFile(path, kSizeLimit, bytes, error) &&
+         ParseInstalledStateText(AsText(bytes), state, error);
 }
 
 bool SaveInstalledState(std::wstring_view client_root, const Manifest& installed, UpdateError& error) {

@@ -29,13 +29,20 @@ struct InstalledState {
   Sha256Digest manifest_digest;
 };
 
-// Reads the state file. A missing file is success with a record that is not present: nothing was installed
-// through the updater yet. A failure leaves the record not present. Messages: those of ReadWholeFile, and
-//   "The installed update state has an invalid encoding."
+// Parses the text of a state file. A failure leaves the record not present. Messages:
+//   "The installed update state has an invalid encoding."      also above 4,096 bytes
 //   "The installed update state is incomplete."
 //   "The installed update state has an invalid format."
 //   "The installed update state has invalid release information."
 //   "The installed update state has an invalid manifest digest."
+[[nodiscard]] bool ParseInstalledStateText(std::string_view text, InstalledState& state, UpdateError& error);
+
+// The file text that records `installed` as the installed release. Nothing is judged: the parser does that.
+[[nodiscard]] std::string FormatInstalledState(const Manifest& installed);
+
+// Reads the state file. A missing file is success with a record that is not present: nothing was installed
+// through the updater yet. A failure leaves the record not present. Messages: those of ReadWholeFile and
+// ParseInstalledStateText.
 [[nodiscard]] bool LoadInstalledState(std::wstring_view client_root, InstalledState& state,
                                       UpdateError& error);
 

@@ -81,7 +81,26 @@ bool ParseRow(std::string_view line, RollbackEntry& entry, UpdateError& error) {
   return ValidateRelativePath(fields[2], entry.wide_path, error);
 }
 
-bool ParseJournalText(std::string_view text, RollbackJournal& journal, UpdateError& error) {
+bool AppendRows(const RollbackJournal& journal, std::string& text, UpdateError& error) {
+  SeenPaths seen_paths;
+  for (const RollbackEntry& entry : journal.entries) {
+    std::wstring validated;
+    if (!ValidateRelativePath(entry.path, validated, error) || validated != entry.wide_path) {
+      return RefuseUnlessExplained(error, kUnsafeFile);
+    }
+    if (!seen_paths.Add(entry.wide_path)) {
+      return Refuse(error, kDuplicateFile);
+    }
+    text.append(entry.retired ? kRetireKind : kInstallKind).append("\t");
+    text.append(FlagText(entry.existed)).append("\t").append(entry.path).append("\n");
+  }
+  return true;
+}
+
+}  // namespace
+
+bool ParseRollbackJournalText(std::string_view text, RollbackJournal& journal, UpdateError& error) {
+  journal = {};
   if (!IsLineText(text, kJournalSizeLimit)) {
     return Refuse(error, kEncodingInvalid);
   }
@@ -119,41 +138,29 @@ bool ParseJournalText(std::string_view text, RollbackJournal& journal, UpdateErr
   return IsValidCount(journal.entries.size()) ? true : Refuse(error, kCountInvalid);
 }
 
-bool AppendRows(const RollbackJournal& journal, std::string& text, UpdateError& error) {
-  SeenPaths seen_paths;
-  for (const RollbackEntry& entry : journal.entries) {
-    std::wstring validated;
-    if (!ValidateRelativePath(entry.path, validated, error) || validated != entry.wide_path) {
-      return RefuseUnlessExplained(error, kUnsafeFile);
-    }
-    if (!seen_paths.Add(entry.wide_path)) {
-      return Refuse(error, kDuplicateFile);
-    }
-    text.append(entry.retired ? kRetireKind : kInstallKind).append("\t");
-    text.append(FlagText(entry.existed)).append("\t").append(entry.path).append("\n");
-  }
-  return true;
-}
-
-}  // namespace
-
-bool SaveRollbackJournal(const std::wstring& path, const RollbackJournal& journal, UpdateError& error) {
+bool FormatRollbackJournal(const RollbackJournal& journal, std::string& text, UpdateError& error) {
+  text.clear();
   if (!IsValidCount(journal.entries.size())) {
     return Refuse(error, kCountInvalid);
   }
-  std::string text(kMagic);
-  text.append("\n").append(kDigestKey).append("\t").append(WideToUtf8(DigestToHex(journal.manifest_digest)));
-  text.append("\n").append(kStateKey).append("\t").append(FlagText(journal.previous_state));
-  text.append("\n").append(kCacheManifestKey).append("\t").append(FlagText(journal.previous_cache_manifest));
-  text.append("\n").append(kCacheSignatureKey).append("\t");
-  text.append(FlagText(journal.previous_cache_signature)).append("\n");
+  text.append(kMagic).append("\n");
+  text.append(kDigestKey).append("\t").append(WideToUtf8(DigestToHex(journal.manifest_digest))).append("\n");
+  text.append(kStateKey).append("\t").append(FlagText(journal.previous_state)).append("\n");
+  text.append(kCacheManifestKey).append("\t").append(FlagText(journal.previous_cache_manifest)).append("\n");
+  text.append(kCacheSignatureKey)
+      .append("\t")
+      .append(FlagText(journal.previous_cache_signature))
+      .append("\n");
   if (!AppendRows(journal, text, error)) {
     return false;
   }
-  if (text.size() > kJournalSizeLimit) {
-    return Refuse(error, kTooLarge);
-  }
-  return ReplaceWholeFile(path, path + std::wstring(kTemporarySuffix), AsBytes(text), kSaveFailed,
+  return text.size() <= kJournalSizeLimit ? true : Refuse(error, kTooLarge);
+}
+
+bool SaveRollbackJournal(const std::wstring& path, const RollbackJournal& journal, UpdateError& error) {
+  std::string text;
+  return FormatRollbackJournal(journal, text, error) &&
+         ReplaceWholeFile(path, path + std::wstring(kTemporarySuffix), AsBytes(text), kSaveFailed,
                           MoveFailureText::kPrefixOfWindowsText, error);
 }
 
@@ -161,7 +168,7 @@ bool ParseRollbackJournal(const std::wstring& path, RollbackJournal& journal, Up
   journal = {};
   ByteBuffer bytes;
   return ReadWholeFile(path, kJournalSizeLimit, bytes, error) &&
-         ParseJournalText(AsText(bytes), journal, error);
+         ParseRollbackJournalText(AsText(bytes), journal, error);
 }
 
 }  // namespace talvex

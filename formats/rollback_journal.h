@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/sha256_digest.h"
@@ -43,18 +44,8 @@ struct RollbackJournal {
   std::vector<RollbackEntry> entries;
 };
 
-// Writes the journal to `path` through a temporary file. A failure leaves an earlier journal in place.
-// Messages: those of ValidateRelativePath and WriteNewFile, and
-//   "The update rollback journal has an invalid file count."
-//   "The update rollback journal contains an unsafe file."    the two forms of an entry's path differ
-//   "The update rollback journal contains a duplicate file."
-//   "The update rollback journal is too large."
-//   "Could not save the update rollback journal: " + Windows text
-[[nodiscard]] bool SaveRollbackJournal(const std::wstring& path, const RollbackJournal& journal,
-                                       UpdateError& error);
-
-// Reads the journal at `path`. A failure may leave `journal` partly filled. Messages: those of ReadWholeFile
-// and ValidateRelativePath, and
+// Parses the text of a journal file. A failure may leave `journal` partly filled. Messages: those of
+// ValidateRelativePath, and
 //   "The update rollback journal has an invalid encoding."
 //   "The update rollback journal is incomplete."
 //   "The update rollback journal has an invalid format."        also when there is no row
@@ -63,6 +54,26 @@ struct RollbackJournal {
 //   "The update rollback journal has an invalid file row."
 //   "The update rollback journal contains a duplicate file."
 //   "The update rollback journal has an invalid file count."
+[[nodiscard]] bool ParseRollbackJournalText(std::string_view text, RollbackJournal& journal,
+                                            UpdateError& error);
+
+// Yields the file text of `journal`, once the parser is sure to accept it; after a failure `text` must not be
+// used. Messages: those of ValidateRelativePath, and
+//   "The update rollback journal has an invalid file count."
+//   "The update rollback journal contains an unsafe file."      the two forms of an entry's path differ
+//   "The update rollback journal contains a duplicate file."
+//   "The update rollback journal is too large."
+[[nodiscard]] bool FormatRollbackJournal(const RollbackJournal& journal, std::string& text,
+                                         UpdateError& error);
+
+// Writes the journal to `path` through a temporary file. A failure leaves an earlier journal in place.
+// Messages: those of FormatRollbackJournal and WriteNewFile, and
+//   "Could not save the update rollback journal: " + Windows text
+[[nodiscard]] bool SaveRollbackJournal(const std::wstring& path, const RollbackJournal& journal,
+                                       UpdateError& error);
+
+// Reads the journal at `path`. A failure may leave `journal` partly filled. Messages: those of ReadWholeFile
+// and ParseRollbackJournalText.
 [[nodiscard]] bool ParseRollbackJournal(const std::wstring& path, RollbackJournal& journal,
                                         UpdateError& error);
 
