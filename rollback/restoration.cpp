@@ -124,9 +124,10 @@ bool RestoreRecoveryCopy(const std::wstring& copy, const std::wstring& target, U
 
 bool RemoveRollbackTarget(const std::wstring& target, UpdateError& error) {
   const DWORD attributes = GetFileAttributesW(target.c_str());
-  if (attributes == INVALID_FILE_ATTRIBUTES) {
+  if (attributes == INVALID_FILE_ATTRIBUTES && !PathExists(target)) {
     return true;
   }
+  // Attributes that could not be read have every bit set.
   if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) != 0) {
     return Refuse(error, kTargetNotRegular);
   }

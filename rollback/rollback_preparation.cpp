@@ -135,10 +135,11 @@ bool PrepareRollback(const std::wstring& client_root, const std::wstring& previo
 
 bool CheckUpdateTarget(ApplyOperation& operation, UpdateError& error) {
   const DWORD attributes = GetFileAttributesW(operation.target_path.c_str());
-  operation.existed = attributes != INVALID_FILE_ATTRIBUTES;
+  operation.existed = attributes != INVALID_FILE_ATTRIBUTES || PathExists(operation.target_path);
   if (!operation.existed) {
     return true;
   }
+  // Attributes that could not be read have every bit set.
   if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) != 0) {
     return Refuse(error, kTargetNotRegular);
   }

@@ -172,7 +172,11 @@ std::wstring_view ParentOfRelativePath(std::wstring_view relative_path) noexcept
 }
 
 bool PathExists(const std::wstring& path) {
-  return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+  if (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) {
+    return true;
+  }
+  const DWORD code = GetLastError();
+  return code != ERROR_FILE_NOT_FOUND && code != ERROR_PATH_NOT_FOUND;
 }
 
 bool IsRealDirectory(const std::wstring& path) {

@@ -59,7 +59,8 @@ enum class LastComponent { kChecked, kUnchecked };
 // The part of a relative path before its last separator; empty for a name at the top.
 [[nodiscard]] std::wstring_view ParentOfRelativePath(std::wstring_view relative_path) noexcept;
 
-// Whether something, of whatever kind, exists at `path`.
+// Whether something, of whatever kind, exists at `path`. Only Windows' word that there is nothing counts:
+// were a failed look taken for absence, rollback would leave the new file in its place, or remove an old one.
 [[nodiscard]] bool PathExists(const std::wstring& path);
 
 // Whether `path` is a directory and not a reparse point.
