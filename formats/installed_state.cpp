@@ -76,7 +76,7 @@ std::string FormatInstalledState(const Manifest& installed) {
 bool LoadInstalledState(std::wstring_view client_root, InstalledState& state, UpdateError& error) {
   state = {};
   const std::wstring path = JoinPath(client_root, kInstalledStateFileName);
-  if (!PathExists(path)) {
+  if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) {
     return true;
   }
   ByteBuffer bytes;
