@@ -23,11 +23,11 @@ fi
 
 folder=build/fuzz
 mkdir -p "$folder"
-flags="-std=c++20 -O1 -gline-tables-only -Wall -Wextra -Werror -fno-sanitize-recover=all -I. -Itests/fuzz/host"
+flags="-std=c++20 -O1 -gline-tables-only -Wall -Wextra -Werror -fno-sanitize-recover=all -I. -Itools/fuzz/host"
 objects=
 for source in app/handle_operand core/text_encoding core/update_error formats/apply_plan \
   formats/installed_state formats/manifest formats/relative_path formats/rollback_journal formats/text_lines \
-  tests/support/input_generator tests/support/naive_parsers tests/support/parser_check tests/fuzz/host/host; do
+  tests/support/input_generator tests/support/naive_parsers tests/support/parser_check tools/fuzz/host/host; do
   object=$folder/$(basename "$source").o
   # shellcheck disable=SC2086
   "$clang" $flags -fsanitize=fuzzer-no-link,address,undefined -c "$source.cpp" -o "$object"
@@ -38,7 +38,7 @@ index=0
 for parser in $all; do
   # shellcheck disable=SC2086
   "$clang" $flags -fsanitize=fuzzer,address,undefined -DTALVEX_PARSER=$index \
-    tests/fuzz/parser_fuzzer.cpp $objects -o "$folder/$parser-fuzzer"
+    tools/fuzz/parser_fuzzer.cpp $objects -o "$folder/$parser-fuzzer"
   index=$((index + 1))
 done
 
@@ -56,7 +56,7 @@ for parser in "$@"; do
   esac
   # One allocation of more than 16 MiB, or five seconds spent on one text, is a fault too.
   "$folder/$parser-fuzzer" -runs="$runs" -max_len=$longest -timeout=5 -malloc_limit_mb=16 -print_funcs=0 \
-    -print_final_stats=1 -dict=tests/fuzz/words.dict -artifact_prefix="$folder/$parser-" "$folder/$parser" \
+    -print_final_stats=1 -dict=tools/fuzz/words.dict -artifact_prefix="$folder/$parser-" "$folder/$parser" \
     > "$folder/$parser.log" 2>&1 || {
     tail -40 "$folder/$parser.log" >&2
     exit 1
