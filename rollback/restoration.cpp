@@ -32,7 +32,11 @@ bool MoveBackToStage(const ApplyOperation& operation) {
 }
 
 bool UndoOperation(const ApplyOperation& operation, UpdateError& error) {
-  if (PathExists(operation.rollback_copy_path)) {
+  const Presence copy = LookFor(operation.rollback_copy_path);
+  if (copy == Presence::kUnknown) {
+    return false;  // whether the file in place is the old or the new one cannot be told: hands off
+  }
+  if (copy == Presence::kPresent) {
     if (BelongsBackInStage(operation) && !MoveBackToStage(operation)) {
       return false;
     }

@@ -171,12 +171,17 @@ std::wstring_view ParentOfRelativePath(std::wstring_view relative_path) noexcept
   return separator == std::wstring_view::npos ? std::wstring_view() : relative_path.substr(0, separator);
 }
 
-bool PathExists(const std::wstring& path) {
+Presence LookFor(const std::wstring& path) {
   if (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) {
-    return true;
+    return Presence::kPresent;
   }
   const DWORD code = GetLastError();
-  return code != ERROR_FILE_NOT_FOUND && code != ERROR_PATH_NOT_FOUND;
+  return code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND ? Presence::kAbsent
+                                                                      : Presence::kUnknown;
+}
+
+bool PathExists(const std::wstring& path) {
+  return LookFor(path) != Presence::kAbsent;
 }
 
 bool IsRealDirectory(const std::wstring& path) {
