@@ -1,0 +1,444 @@
+#include "tests/support/fault_injection.h"
+
+#include <windows.h>
+
+#include <bcrypt.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <exception>
+#include <list>
+#include <map>
+#include <new>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include "core/text_encoding.h"
+#include "tests/support/import_patch.h"
+
+namespace talvex::test {
+namespace {
+
+constexpr std::uintptr_t kNone = 0;
+constexpr std::uintptr_t kAllBits = ~std::uintptr_t{0};  // INVALID_HANDLE_VALUE, -1, WAIT_FAILED
+constexpr std::uintptr_t kBadStatus = 0xC0000001;        // STATUS_UNSUCCESSFUL
+
+// What a call returns when it fails, and the codes that it may then plausibly leave.
+struct Failure {
+  std::uintptr_t result = kNone;
+  DWORD codes[2] = {ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_MEMORY};
+};
+
+// The name of a function, as a template argument.
+template <std::size_t size>
+struct Name {
+  char text[size]{};
+  consteval Name(const char (&name)[size]) { std::copy_n(name, size, text); }
+  [[nodiscard]] constexpr bool operator==(std::string_view other) const {
+    return std::string_view(text) == other;
+  }
+};
+
+template <Name api>
+Failure failure_of;
+
+constexpr bool ClosesHandle(std::string_view name) {
+  return name == "CloseHandle" || name == "FindClose" || name == "BCryptDestroyHash" ||
+         name == "BCryptDestroyKey" || name == "BCryptCloseAlgorithmProvider";
+}
+
+// Memory of the run, so that what a dead one has left can be given back.
+struct alignas(16) Block {
+  Block* previous = nullptr;
+  Block* next = nullptr;
+};
+
+void FreeBlock(Block* block) {
+  if (block->previous != nullptr) {
+    block->previous->next = block->next;
+    if (block->next != nullptr) {
+      block->next->previous = block->previous;
+    }
+  }
+  std::free(block);
+}
+
+struct OpenHandle {
+  std::string_view opened_by;
+  std::wstring path;
+};
+
+// The run in progress.
+std::atomic<DWORD> run_thread = 0;  // the thread whose calls count; 0: none
+bool in_hook = false;               // what the run's thread does now is the test's own
+FaultPoint fault;
+std::string_view failing_kind;  // of the calls that fail from the fault on
+const RunSettings* settings = nullptr;
+RunRecord* record = nullptr;
+std::map<void*, OpenHandle> open_handles;
+Block run_blocks;
+
+bool OnRun() {
+  return run_thread != 0 && run_thread == GetCurrentThreadId() && !in_hook;
+}
+
+[[noreturn]] void Die() {
+  if (settings->die_for_good) {
+    TerminateProcess(GetCurrentProcess(), kDeathExitCode);
+  }
+  run_thread = 0;
+  ExitThread(kDeathExitCode);
+}
+
+void AddText(std::vector<std::wstring>& texts, const wchar_t* text) {
+  if (text != nullptr) {
+    texts.emplace_back(text);
+  }
+}
+void AddText(std::vector<std::wstring>& texts, void* handle) {
+  if (const auto found = open_handles.find(handle); found != open_handles.end()) {
+    texts.push_back(found->second.path);
+  }
+}
+template <typename Other>
+void AddText(std::vector<std::wstring>&, const Other&) {}
+
+template <typename Result>
+Result FromValue(std::uintptr_t value) {
+  if constexpr (std::is_pointer_v<Result>) {
+    return reinterpret_cast<Result>(value);
+  } else {
+    return static_cast<Result>(value);
+  }
+}
+
+template <Name api, typename... Arguments>
+constexpr bool ChangesFiles(const Arguments&... arguments) {
+  const auto all = std::tie(arguments...);
+  if constexpr (api == "CreateFileW") {
+    return std::get<4>(all) != OPEN_EXISTING;
+  } else if constexpr (api == "MoveFileExW") {
+    return std::get<1>(all) != nullptr;
+  } else {
+    return api == "WriteFile" || api == "CreateDirectoryW" || api == "RemoveDirectoryW" ||
+           api == "DeleteFileW" || api == "CopyFileW" || api == "ReplaceFileW";
+  }
+}
+
+// The call as a run makes it when nothing fails: the real one, but for what would leave the test's directory,
+// and for flushes, which a process that dies does not need.
+template <Name api, typename Result, typename... Arguments>
+Result Perform(Result(WINAPI* original)(Arguments...), Arguments... arguments) {
+  const auto all = std::tie(arguments...);
+  if constexpr (api == "FlushFileBuffers") {
+    return TRUE;
+  } else if constexpr (api == "MoveFileExW") {
+    return std::get<1>(all) == nullptr ? TRUE : original(arguments...);  // deletion at the next restart
+  } else if constexpr (api == "GetModuleFileNameW") {
+    const auto length = static_cast<DWORD>(settings->program.copy(std::get<1>(all), std::get<2>(all) - 1));
+    std::get<1>(all)[length] = L'\0';
+    return length;
+  } else if constexpr (api == "CreateProcessW") {
+    auto& started = *std::get<9>(all);
+    started.hProcess = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+    started.hThread = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+    open_handles[started.hProcess] = open_handles[started.hThread] = {"CreateEventW", L"client"};
+    record->client_started = true;
+    return TRUE;
+  } else {
+    return original(arguments...);
+  }
+}
+
+// The call as it fails: without effect, but for those below.
+template <Name api, typename Result, typename... Arguments>
+Result FailCall(DWORD code, Result(WINAPI* original)(Arguments...), Arguments... arguments) {
+  const auto all = std::tie(arguments...);
+  if constexpr (ClosesHandle(api.text)) {
+    original(arguments...);  // whatever it says, the handle is gone
+    open_handles.erase(std::get<0>(all));
+  } else if constexpr (api == "ReplaceFileW") {
+    // With a backup name given, both files keep their names after 1175 and 1176; after 1177 the replaced
+    // file has the backup's name already, and nothing has its own.
+    if (code == ERROR_UNABLE_TO_MOVE_REPLACEMENT_2) {
+      MoveFileExW(std::get<0>(all), std::get<2>(all), 0);
+    }
+  }
+  return FromValue<Result>(failure_of<api>.result);
+}
+
+// Half of what the call should have written.
+template <Name api, typename... Arguments>
+void LeaveHalf(Arguments... arguments) {
+  if constexpr (api == "CopyFileW") {
+    const HANDLE file = CreateFileW(std::get<1>(std::tie(arguments...)), GENERIC_WRITE, 0, nullptr,
+                                    OPEN_EXISTING, 0, nullptr);
+    SetFilePointer(file, static_cast<LONG>(GetFileSize(file, nullptr) / 2), nullptr, FILE_BEGIN);
+    SetEndOfFile(file);
+    CloseHandle(file);
+  }
+}
+
+template <Name api, typename Result, typename... Arguments>
+void TrackHandles(Result result, const std::vector<std::wstring>& texts, Arguments... arguments) {
+  const auto all = std::tie(arguments...);
+  const auto opened = [&](void* handle) {
+    open_handles[handle] = {api.text, texts.empty() ? L"" : texts[0]};
+  };
+  if constexpr (api == "CreateFileW" || api == "FindFirstFileW" || api == "CreateEventW") {
+    if (result != FromValue<Result>(failure_of<api>.result)) {
+      opened(result);
+    }
+  } else if constexpr (api == "BCryptOpenAlgorithmProvider") {
+    opened(*std::get<0>(all));
+  } else if constexpr (api == "BCryptCreateHash") {
+    opened(*std::get<1>(all));
+  } else if constexpr (api == "BCryptImportKeyPair") {
+    opened(*std::get<3>(all));
+  } else if constexpr (ClosesHandle(api.text)) {
+    open_handles.erase(std::get<0>(all));
+  }
+}
+
+template <Name api, typename Result, typename... Arguments>
+Result Intercept(Result(WINAPI* original)(Arguments...), Arguments... arguments) {
+  const DWORD last_error = GetLastError();
+  in_hook = true;
+  const std::size_t index = record->calls.size();
+  record->calls.push_back({api.text, {}, record->allocations});
+  std::vector<std::wstring>& texts = record->calls.back().texts;
+  (AddText(texts, arguments), ...);
+  const bool here = index == fault.index;
+  if (here && fault.fault == Fault::kDieBefore) {
+    Die();
+  }
+  if (here && fault.fault == Fault::kFailFromHere) {
+    failing_kind = api.text;
+  }
+  Result result{};
+  DWORD code = fault.code != 0 ? fault.code : failure_of<api>.codes[fault.index % 2];
+  if ((here && fault.fault == Fault::kFailOnce) || failing_kind == api.text) {
+    result = FailCall<api>(code, original, arguments...);
+  } else {
+    SetLastError(last_error);
+    result = Perform<api>(original, arguments...);
+    code = GetLastError();
+    TrackHandles<api>(result, texts, arguments...);
+    if (here && fault.fault == Fault::kDieInside) {
+      LeaveHalf<api>(arguments...);
+      Die();
+    }
+  }
+  if (ChangesFiles<api>(arguments...) && settings->after_change) {
+    if (const std::string wrong = settings->after_change(*record); !wrong.empty()) {
+      record->violations.push_back(wrong);
+    }
+  }
+  if (here && fault.fault == Fault::kDieAfter) {
+    Die();
+  }
+  in_hook = false;
+  SetLastError(code);
+  return result;
+}
+
+// One patched import.
+template <Name api, typename Result, typename... Arguments>
+struct Hook {
+  using Function = Result(WINAPI*)(Arguments...);
+  static inline Function original = nullptr;
+
+  static Result WINAPI Replacement(Arguments... arguments) {
+    if (!OnRun()) {
+      return original(arguments...);
+    }
+    if constexpr (api == "Sleep") {
+      return;
+    } else if constexpr (api == "CreateThread") {
+      return nullptr;
+    } else if constexpr (api == "GetCurrentProcessId") {
+      return settings->process_id;
+    } else if constexpr (api == "MessageBoxW") {
+      in_hook = true;
+      record->message = std::get<1>(std::tie(arguments...));
+      in_hook = false;
+      return IDOK;
+    } else {
+      return Intercept<api>(original, arguments...);
+    }
+  }
+};
+
+std::list<ImportPatch> patches;
+
+template <Name api, typename Result, typename... Arguments>
+void Patch(Result(WINAPI*)(Arguments...), const Failure& failure = {}) {
+  using ThisHook = Hook<api, Result, Arguments...>;
+  ThisHook::original = reinterpret_cast<typename ThisHook::Function>(*FindImportSlot(api.text));
+  failure_of<api> = failure;
+  patches.emplace_back(api.text, &ThisHook::Replacement);
+}
+
+// Every call of the product that touches a file, a handle, a mutex, a process or a hash. The patches stay for
+// the rest of the program; calls outside a run go straight through.
+void PatchImports() {
+  if (!patches.empty()) {
+    return;
+  }
+  constexpr Failure kBadHandle = {kAllBits, {ERROR_SHARING_VIOLATION, ERROR_ACCESS_DENIED}};
+  constexpr Failure kInUse = {kNone, {ERROR_SHARING_VIOLATION, ERROR_ACCESS_DENIED}};
+  constexpr Failure kDiskFull = {kNone, {ERROR_DISK_FULL, ERROR_ACCESS_DENIED}};
+  constexpr Failure kStatus = {kBadStatus};
+  Patch<"CreateFileW">(CreateFileW, kBadHandle);
+  Patch<"ReadFile">(ReadFile, {kNone, {ERROR_CRC, ERROR_LOCK_VIOLATION}});
+  Patch<"WriteFile">(WriteFile, kDiskFull);
+  Patch<"GetFileSizeEx">(GetFileSizeEx);
+  Patch<"GetFileInformationByHandle">(GetFileInformationByHandle);
+  Patch<"FlushFileBuffers">(FlushFileBuffers, kDiskFull);
+  Patch<"GetFileAttributesW">(GetFileAttributesW, kBadHandle);
+  Patch<"SetFileAttributesW">(SetFileAttributesW);
+  Patch<"GetFullPathNameW">(GetFullPathNameW);
+  Patch<"CreateDirectoryW">(CreateDirectoryW, kDiskFull);
+  Patch<"RemoveDirectoryW">(RemoveDirectoryW, {kNone, {ERROR_DIR_NOT_EMPTY, ERROR_SHARING_VIOLATION}});
+  Patch<"DeleteFileW">(DeleteFileW, kInUse);
+  Patch<"CopyFileW">(CopyFileW, kDiskFull);
+  Patch<"MoveFileExW">(MoveFileExW, kInUse);
+  Patch<"ReplaceFileW">(ReplaceFileW, kInUse);
+  Patch<"FindFirstFileW">(FindFirstFileW, kBadHandle);
+  Patch<"FindNextFileW">(FindNextFileW);
+  Patch<"FindClose">(FindClose);
+  Patch<"BCryptOpenAlgorithmProvider">(BCryptOpenAlgorithmProvider, kStatus);
+  Patch<"BCryptCloseAlgorithmProvider">(BCryptCloseAlgorithmProvider, kStatus);
+  Patch<"BCryptGetProperty">(BCryptGetProperty, kStatus);
+  Patch<"BCryptCreateHash">(BCryptCreateHash, kStatus);
+  Patch<"BCryptHashData">(BCryptHashData, kStatus);
+  Patch<"BCryptFinishHash">(BCryptFinishHash, kStatus);
+  Patch<"BCryptDestroyHash">(BCryptDestroyHash, kStatus);
+  Patch<"BCryptImportKeyPair">(BCryptImportKeyPair, kStatus);
+  Patch<"BCryptVerifySignature">(BCryptVerifySignature, kStatus);
+  Patch<"BCryptDestroyKey">(BCryptDestroyKey, kStatus);
+  Patch<"GetHandleInformation">(GetHandleInformation);
+  Patch<"SetHandleInformation">(SetHandleInformation);
+  Patch<"WaitForSingleObject">(WaitForSingleObject, kBadHandle);
+  Patch<"ReleaseMutex">(ReleaseMutex);
+  Patch<"CloseHandle">(CloseHandle);
+  Patch<"CreateEventW">(CreateEventW);
+  Patch<"CreateProcessW">(CreateProcessW, {kNone, {ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED}});
+  Patch<"SetEnvironmentVariableW">(SetEnvironmentVariableW);
+  Patch<"InitializeProcThreadAttributeList">(InitializeProcThreadAttributeList);
+  Patch<"UpdateProcThreadAttribute">(UpdateProcThreadAttribute);
+  Patch<"GetModuleFileNameW">(GetModuleFileNameW);
+  // Not counted, only replaced for the time of a run.
+  Patch<"CreateThread">(CreateThread);  // no status window
+  Patch<"Sleep">(Sleep);
+  Patch<"MessageBoxW">(MessageBoxW);
+  Patch<"GetCurrentProcessId">(GetCurrentProcessId);
+}
+
+DWORD WINAPI RunOnThread(void* transaction) {
+  run_thread = GetCurrentThreadId();
+  try {
+    const int exit_code = (*static_cast<const std::function<int()>*>(transaction))();
+    run_thread = 0;
+    return static_cast<DWORD>(exit_code);
+  } catch (const std::bad_alloc&) {
+    Die();  // nobody else would catch it
+  }
+}
+
+void CloseLeftOver(void* handle, std::string_view opened_by) {
+  if (opened_by == "FindFirstFileW") {
+    FindClose(handle);
+  } else if (opened_by == "BCryptOpenAlgorithmProvider") {
+    BCryptCloseAlgorithmProvider(handle, 0);
+  } else if (opened_by == "BCryptCreateHash") {
+    BCryptDestroyHash(handle);
+  } else if (opened_by == "BCryptImportKeyPair") {
+    BCryptDestroyKey(handle);
+  } else {
+    CloseHandle(handle);
+  }
+}
+
+// What Windows does when a process ends, the hash objects before the memory that they lie in.
+void GiveBack(const std::vector<HANDLE>& handed_over) {
+  for (const auto& [handle, open] : std::exchange(open_handles, {})) {
+    if (!record->died && std::ranges::find(handed_over, handle) == handed_over.end()) {
+      record->violations.push_back("left open: " + std::string(open.opened_by) + " " + WideToUtf8(open.path));
+    }
+    CloseLeftOver(handle, open.opened_by);
+  }
+  while (run_blocks.next != nullptr) {
+    FreeBlock(run_blocks.next);
+  }
+}
+
+}  // namespace
+
+std::size_t RunRecord::Count(std::string_view name, std::wstring_view text) const {
+  return static_cast<std::size_t>(std::ranges::count_if(calls, [&](const ApiCall& call) {
+    return call.name == name && (text.empty() || std::ranges::find(call.texts, text) != call.texts.end());
+  }));
+}
+
+RunRecord RunWithFault(const std::function<int()>& transaction, const FaultPoint& point,
+                       const RunSettings& with) {
+  PatchImports();
+  std::set_terminate([] { run_thread == GetCurrentThreadId() ? Die() : std::abort(); });
+  RunRecord result;
+  fault = point;
+  failing_kind = {};
+  settings = &with;
+  record = &result;
+  in_hook = false;
+  for (const HANDLE handle : with.handed_over) {
+    open_handles[handle] = {};
+  }
+  const HANDLE thread =
+      CreateThread(nullptr, 0, RunOnThread, const_cast<std::function<int()>*>(&transaction), 0, nullptr);
+  WaitForSingleObject(thread, INFINITE);
+  DWORD exit_code = 0;
+  GetExitCodeThread(thread, &exit_code);
+  CloseHandle(thread);
+  result.died = exit_code == kDeathExitCode;
+  result.exit_code = result.died ? -1 : static_cast<int>(exit_code);
+  GiveBack(with.handed_over);
+  return result;
+}
+
+}  // namespace talvex::test
+
+// The allocations of a run are counted, and linked so that GiveBack finds them.
+void* operator new(std::size_t size) {
+  using namespace talvex::test;
+  const bool on_run = OnRun();
+  if (on_run && record->allocations++ == fault.index && fault.fault == Fault::kOutOfMemory) {
+    throw std::bad_alloc();
+  }
+  auto* const block = static_cast<Block*>(std::malloc(sizeof(Block) + size));
+  if (block == nullptr) {
+    throw std::bad_alloc();
+  }
+  *block = {};
+  if (on_run) {
+    *block = {&run_blocks, run_blocks.next};
+    run_blocks.next = block;
+    if (block->next != nullptr) {
+      block->next->previous = block;
+    }
+  }
+  return block + 1;
+}
+
+void operator delete(void* memory) noexcept {
+  if (memory != nullptr) {
+    talvex::test::FreeBlock(static_cast<talvex::test::Block*>(memory) - 1);
+  }
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+  operator delete(memory);
+}
