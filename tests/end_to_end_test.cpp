@@ -215,7 +215,7 @@ TEST(Update, WaitsForAFileThatIsHeldForASecond) {
 TEST(Update, StaysInstalledWhenTheClientCannotBeStarted) {
   ClientDirectory client;
   client.new_release.files.erase("Talvex.exe");
-  client.plan.retire.push_back("Talvex.exe");
+  client.plan.retire.emplace_back("Talvex.exe");
   client.Prepare();
   const HelperResult result = client.Apply();
   EXPECT_EQ(result.exit_code, 1u);
@@ -301,7 +301,7 @@ const RefusalCase kRefusals[] = {
      L"The update apply plan failed verification."},
     {"PlanOfUnsignedFile",
      [](auto& c, auto& o) {
-       c.plan.retire.push_back("screenshots/mine.png");
+       c.plan.retire.emplace_back("screenshots/mine.png");
        Restage(c, o);
      },
      L"The update apply plan contains a file outside the signed manifest."},

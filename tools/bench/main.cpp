@@ -253,8 +253,7 @@ void BenchStart() {
 
 void BenchSize() {
   WIN32_FILE_ATTRIBUTE_DATA data{};
-  GetFileAttributesExW(test::BuiltProgram(L"TalvexUpdateHelper.exe").c_str(), GetFileExInfoStandard,
-                       &data);
+  GetFileAttributesExW(test::BuiltProgram(L"TalvexUpdateHelper.exe").c_str(), GetFileExInfoStandard, &data);
   Report("size of TalvexUpdateHelper.exe", data.nFileSizeLow / 1024.0, "KiB", 0, 400);
 }
 

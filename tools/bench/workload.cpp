@@ -141,12 +141,11 @@ bool BareHash(const std::wstring& path) {
   BCryptOpenAlgorithmProvider(&provider, BCRYPT_SHA256_ALGORITHM, nullptr, 0);
   BCryptCreateHash(provider, &hash, nullptr, 0, nullptr, 0, 0);
   DWORD read = 0;
-  bool hashed = true;
-  while ((hashed =
-              ReadFile(file.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr) != 0) &&
-         read != 0) {
-    BCryptHashData(hash, buffer.data(), read, 0);
-  }
+  bool hashed = false;
+  do {
+    hashed = ReadFile(file.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr) != 0 &&
+             BCRYPT_SUCCESS(BCryptHashData(hash, buffer.data(), read, 0));
+  } while (hashed && read != 0);
   hashed = hashed && BCRYPT_SUCCESS(BCryptFinishHash(hash, digest, sizeof(digest), 0));
   BCryptDestroyHash(hash);
   BCryptCloseAlgorithmProvider(provider, 0);
