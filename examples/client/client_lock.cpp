@@ -4,29 +4,36 @@
 
 #include "core/sha256.h"
 #include "core/text_encoding.h"
-#include "formats/text_lines.h"
 
 namespace talvex::example {
 namespace {
 
 constexpr DWORD kClosingWaitMs = 2'000;
+constexpr DWORD kPollMs = 50;
 constexpr DWORD kHandoverWaitMs = 10'000;
 constexpr DWORD kPathCapacity = 32'768;  // characters
 // Global: a second user of the machine, in another session, may start the same client.
 constexpr std::wstring_view kNamePrefix = L"Global\\TalvexClient-";
+constexpr std::wstring_view kHelperNamePrefix = L"Global\\TalvexHelper-";
 
 constexpr std::wstring_view kUnnamed = L"Could not name the ownership lock";
 constexpr std::wstring_view kNotOpened = L"Could not open the ownership lock";
 constexpr std::wstring_view kTaken = L"Talvex already runs from this directory, or is being updated.";
 constexpr std::wstring_view kNotHandedOver = L"The helper did not hand over its ownership lock.";
 
+// What cannot be opened for another reason than that it is not there belongs to another user's helper.
+bool HelperRuns(const std::wstring& event_name) noexcept {
+  const OwnedHandle event(OpenEventW(SYNCHRONIZE, FALSE, event_name.c_str()));
+  return event.IsValid() || GetLastError() != ERROR_FILE_NOT_FOUND;
+}
+
 }  // namespace
 
 std::wstring NameOfDirectory(const std::wstring& directory, UpdateError& error) {
+  std::wstring path(kPathCapacity, L'\0');
   const OwnedHandle handle(CreateFileW(directory.c_str(), 0,
                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                        OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-  std::wstring path(kPathCapacity, L'\0');
   const DWORD length =
       handle.IsValid() ? GetFinalPathNameByHandleW(handle.Get(), path.data(), kPathCapacity, 0) : 0;
   if (length == 0 || length >= kPathCapacity) {
@@ -43,12 +50,23 @@ bool ClientLock::Take(const std::wstring& client_root, UpdateError& error) {
   if (name.empty()) {
     return false;
   }
-  mutex_.Reset(CreateMutexW(nullptr, FALSE, (std::wstring(kNamePrefix) + name).c_str()));
+  const std::wstring mutex_name = std::wstring(kNamePrefix) + name;
+  const std::wstring event_name = std::wstring(kHelperNamePrefix) + name;
+  mutex_.Reset(CreateMutexW(nullptr, FALSE, mutex_name.c_str()));
   if (!mutex_.IsValid()) {
     SetWindowsError(error, kNotOpened, GetLastError());
     return false;
   }
-  return Acquire(kClosingWaitMs) ? true : Refuse(error, kTaken);
+  const ULONGLONG deadline = GetTickCount64() + kClosingWaitMs;
+  do {
+    // Order: the helper is looked for with the lock held, because then nobody else can start one.
+    if (Acquire(kClosingWaitMs) && !HelperRuns(event_name)) {
+      return true;
+    }
+    Release();
+    Sleep(kPollMs);
+  } while (GetTickCount64() < deadline);
+  return Refuse(error, kTaken);
 }
 
 bool ClientLock::TakeOver(OwnedHandle mutex, UpdateError& error) {
@@ -69,6 +87,21 @@ bool ClientLock::Acquire(DWORD wait_ms) noexcept {
   const DWORD result = WaitForSingleObject(mutex_.Get(), wait_ms);
   owned_ = result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
   return owned_;
+}
+
+bool AnnounceHelper(const std::wstring& client_root, OwnedHandle& event, UpdateError& error) {
+  const std::wstring name = NameOfDirectory(client_root, error);
+  if (name.empty()) {
+    return false;
+  }
+  const std::wstring event_name = std::wstring(kHelperNamePrefix) + name;
+  SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
+  event.Reset(CreateEventW(&inheritable, TRUE, FALSE, event_name.c_str()));
+  if (!event.IsValid()) {
+    SetWindowsError(error, kNotOpened, GetLastError());
+    return false;
+  }
+  return true;
 }
 
 }  // namespace talvex::example

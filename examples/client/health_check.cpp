@@ -1,5 +1,7 @@
 #include "examples/client/health_check.h"
 
+#include <windows.h>
+
 #include "core/publisher_key.h"
 #include "core/sha256.h"
 #include "core/whole_file.h"
@@ -15,22 +17,27 @@ namespace {
 constexpr std::wstring_view kStartScriptName = L"start.cfg";
 constexpr std::uint32_t kStartScriptSizeLimit = 4'096;  // bytes
 constexpr std::string_view kStartScriptOfWorkingClient = "start=ok";
+constexpr std::string_view kStartScriptOfDyingClient = "start=die";
+constexpr UINT kExitOfDyingClient = 99;
+
+// For a scanner or an indexer that holds a new file for a moment: only what stays wrong is broken.
+constexpr int kAttempts = 4;
+constexpr DWORD kRetryMs = 500;
 
 constexpr std::wstring_view kFileDiffers = L"A file differs from its release.";
 constexpr std::wstring_view kNoneInstalled = L"No installed release can be proved.";
 constexpr std::wstring_view kOtherInstalled = L"Another release than the one just installed is recorded.";
 constexpr std::wstring_view kStartCrashes = L"The start script asks for a crash.";
 
-bool TryToStart(const std::wstring& client_root, UpdateError& error) {
-  const std::wstring path = JoinPath(client_root, kStartScriptName);
-  if (!PathExists(path)) {
-    return true;
+template <typename Check>
+bool SucceedsInTime(Check check) {
+  for (int attempt = 1; !check(); ++attempt) {
+    if (attempt == kAttempts) {
+      return false;
+    }
+    Sleep(kRetryMs);
   }
-  ByteBuffer script;
-  if (!ReadWholeFile(path, kStartScriptSizeLimit, script, error)) {
-    return false;
-  }
-  return AsText(script).starts_with(kStartScriptOfWorkingClient) ? true : Refuse(error, kStartCrashes);
+  return true;
 }
 
 }  // namespace
@@ -48,21 +55,36 @@ bool IsFileOfRelease(const std::wstring& directory, const ManifestEntry& entry, 
   return size == entry.size && DigestsEqual(digest, entry.digest) ? true : Refuse(error, kFileDiffers);
 }
 
-bool CheckHealth(const std::wstring& client_root, const Sha256Digest* expected, Manifest& installed,
-                 UpdateError& error) {
+bool CheckFiles(const std::wstring& client_root, const Sha256Digest* expected, Manifest& installed,
+                UpdateError& error) {
   InstalledState state;
-  if (!LoadTrustedState(client_root, PublisherKeyBlob(), state, installed)) {
+  if (!SucceedsInTime([&] { return LoadTrustedState(client_root, PublisherKeyBlob(), state, installed); })) {
     return Refuse(error, kNoneInstalled);
   }
   if (expected != nullptr && !DigestsEqual(*expected, installed.digest)) {
     return Refuse(error, kOtherInstalled);
   }
   for (const ManifestEntry& entry : installed.entries) {
-    if (!IsFileOfRelease(client_root, entry, error)) {
+    if (!SucceedsInTime([&] { return IsFileOfRelease(client_root, entry, error); })) {
       return Refuse(error, entry.normalised_path + L": " + error.Message());
     }
   }
-  return TryToStart(client_root, error);
+  return true;
+}
+
+bool TryToStart(const std::wstring& client_root, UpdateError& error) {
+  const std::wstring path = JoinPath(client_root, kStartScriptName);
+  if (!PathExists(path)) {
+    return true;
+  }
+  ByteBuffer script;
+  if (!SucceedsInTime([&] { return ReadWholeFile(path, kStartScriptSizeLimit, script, error); })) {
+    return false;
+  }
+  if (AsText(script).starts_with(kStartScriptOfDyingClient)) {
+    TerminateProcess(GetCurrentProcess(), kExitOfDyingClient);
+  }
+  return AsText(script).starts_with(kStartScriptOfWorkingClient) ? true : Refuse(error, kStartCrashes);
 }
 
 }  // namespace talvex::example

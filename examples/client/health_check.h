@@ -16,14 +16,18 @@ namespace talvex::example {
 [[nodiscard]] bool IsFileOfRelease(const std::wstring& directory, const ManifestEntry& entry,
                                    UpdateError& error);
 
-// Loads the installed release, proves every one of its files, and tries to start it. `expected` is the digest
-// of the manifest that has to be installed, or null for whichever is recorded. The first failure says which
-// file it is about. Messages:
+// Loads the installed release and proves every one of its files. `expected` is the digest of the manifest
+// that has to be installed, or null for whichever is recorded. What another program holds gets a second and a
+// half to be let go. The first failure says which file it is about. Messages:
 //   "No installed release can be proved."
 //   "Another release than the one just installed is recorded."
 //   path + ": " + a message of IsFileOfRelease
+[[nodiscard]] bool CheckFiles(const std::wstring& client_root, const Sha256Digest* expected,
+                              Manifest& installed, UpdateError& error);
+
+// Tries to start the game, which a broken release answers with a refusal or by ending this process: here the
+// file start.cfg says which ("start=ok", "start=crash", "start=die"). Messages: those of ReadWholeFile, and
 //   "The start script asks for a crash."
-[[nodiscard]] bool CheckHealth(const std::wstring& client_root, const Sha256Digest* expected,
-                               Manifest& installed, UpdateError& error);
+[[nodiscard]] bool TryToStart(const std::wstring& client_root, UpdateError& error);
 
 }  // namespace talvex::example

@@ -21,24 +21,27 @@ namespace talvex::example {
 namespace {
 
 constexpr std::wstring_view kPlacePrefix = L"TalvexUpdate-";
-constexpr std::size_t kPlaceNameLength =
-    16;  // characters of the directory's name: enough to tell clients apart
+constexpr std::size_t kPlaceNameLength = 16;  // characters: enough to tell clients apart
 
+constexpr std::wstring_view kNoTemporaryDirectory = L"There is no temporary folder for the update helper";
 constexpr std::wstring_view kWrongHelper = L"The update helper is not the one of its release.";
 constexpr std::wstring_view kCopyFailed = L"The update helper could not be copied";
 constexpr std::wstring_view kStartFailed = L"The update helper could not be started";
 
-std::wstring TemporaryDirectory() {
+// The temporary folder, and what the names of all places for this client's helpers in it begin with. The
+// client's own name is part of that, so that whoever holds the ownership lock may clear them.
+bool NamePlaces(const std::wstring& client_root, std::wstring& temporary, std::wstring& prefix,
+                UpdateError& error) {
   std::array<wchar_t, MAX_PATH + 1> path{};
   const DWORD length = GetTempPathW(static_cast<DWORD>(path.size()), path.data());
-  return length < path.size() ? std::wstring(path.data(), length) : std::wstring();
-}
-
-// What the names of all places for this client's helpers begin with. The client's own name is part of it, so
-// that whoever holds the ownership lock may clear them.
-std::wstring PlacePrefix(const std::wstring& client_root, UpdateError& error) {
+  if (length == 0 || length >= path.size()) {
+    SetWindowsError(error, kNoTemporaryDirectory, GetLastError());
+    return false;
+  }
+  temporary = path.data();
   const std::wstring name = NameOfDirectory(client_root, error);
-  return name.empty() ? name : std::wstring(kPlacePrefix) + name.substr(0, kPlaceNameLength) + L"-";
+  prefix = std::wstring(kPlacePrefix) + name.substr(0, kPlaceNameLength) + L"-";
+  return !name.empty();
 }
 
 // Copies the helper to a directory of its own outside the client directory. A running program can be neither
@@ -47,28 +50,28 @@ std::wstring PlacePrefix(const std::wstring& client_root, UpdateError& error) {
 bool PlaceHelper(const std::wstring& client_root, const std::wstring& source, const Manifest& release,
                  std::wstring& program, UpdateError& error) {
   const ManifestEntry* const entry = FindManifestEntry(release, kHelperFileName);
-  const std::wstring prefix = PlacePrefix(client_root, error);
-  if (prefix.empty()) {
+  std::wstring temporary;
+  std::wstring prefix;
+  if (!NamePlaces(client_root, temporary, prefix, error)) {
     return false;
   }
-  const std::wstring place = JoinPath(TemporaryDirectory(), prefix + std::to_wstring(GetCurrentProcessId()));
-  // Whoever had this process id before has left nothing that anybody runs.
-  if (!RemoveWorkTree(place, error)) {
-    return false;
-  }
+  // A number that no earlier helper has: the one that restarted this client may still be about to exit.
+  const std::wstring place = JoinPath(temporary, prefix + std::to_wstring(GetTickCount64()));
   program = JoinPath(place, kHelperFileName);
   if (!CreateDirectoryW(place.c_str(), nullptr) || !CopyFileW(source.c_str(), program.c_str(), TRUE)) {
     SetWindowsError(error, kCopyFailed, GetLastError());
     return false;
   }
   // The helper refuses to run for a release that it does not belong to, but only when the client is gone.
-  return entry != nullptr && IsFileOfRelease(place, *entry, error) ? true : Refuse(error, kWrongHelper);
+  return (entry != nullptr && IsFileOfRelease(place, *entry, error)) ||
+         RefuseUnlessExplained(error, kWrongHelper);
 }
 
-// The two handles that the helper inherits.
+// The handles that the helper inherits. It is told of the first two; the third is a sign to other clients.
 struct HelperHandles {
   OwnedHandle parent;
   OwnedHandle lock;
+  OwnedHandle at_work;
 };
 
 bool MakeInheritable(HANDLE source, DWORD access, DWORD options, OwnedHandle& duplicate) {
@@ -81,14 +84,15 @@ bool MakeInheritable(HANDLE source, DWORD access, DWORD options, OwnedHandle& du
   return true;
 }
 
-bool MakeHelperHandles(HANDLE lock, HelperHandles& handles, UpdateError& error) {
+bool MakeHelperHandles(const std::wstring& client_root, HANDLE lock, HelperHandles& handles,
+                       UpdateError& error) {
   // Waiting is all that the helper does with its parent.
   if (!MakeInheritable(GetCurrentProcess(), SYNCHRONIZE, 0, handles.parent) ||
       !MakeInheritable(lock, 0, DUPLICATE_SAME_ACCESS, handles.lock)) {
     SetWindowsError(error, kStartFailed, GetLastError());
     return false;
   }
-  return true;
+  return AnnounceHelper(client_root, handles.at_work, error);
 }
 
 std::wstring HandleText(const OwnedHandle& handle) {
@@ -107,7 +111,7 @@ std::wstring CommandLine(const std::wstring& program, std::initializer_list<std:
 
 bool StartHelper(const std::wstring& program, std::wstring command_line, const HelperHandles& handles,
                  UpdateError& error) {
-  const InheritedHandleList inherited({handles.parent.Get(), handles.lock.Get()});
+  const InheritedHandleList inherited({handles.parent.Get(), handles.lock.Get(), handles.at_work.Get()});
   STARTUPINFOEXW startup{};
   startup.StartupInfo.cb = sizeof(startup);
   startup.lpAttributeList = inherited.Get();
@@ -133,7 +137,7 @@ bool StartUpdate(const std::wstring& client_root, const ReleaseOffer& offer, con
   std::wstring program;
   HelperHandles handles;
   if (!PlaceHelper(client_root, staged.helper_path, offer.manifest, program, error) ||
-      !MakeHelperHandles(lock, handles, error)) {
+      !MakeHelperHandles(client_root, lock, handles, error)) {
     return false;
   }
   return StartHelper(program,
@@ -153,7 +157,7 @@ bool StartRollback(const std::wstring& client_root, HANDLE lock, UpdateError& er
   if (!ParseRollbackJournal(JoinPath(previous, kRollbackJournalName), journal, error) ||
       !VerifyRecoveryManifest(previous, journal, release, error) ||
       !PlaceHelper(client_root, source, release, program, error) ||
-      !MakeHelperHandles(lock, handles, error)) {
+      !MakeHelperHandles(client_root, lock, handles, error)) {
     return false;
   }
   return StartHelper(program,
@@ -164,13 +168,13 @@ bool StartRollback(const std::wstring& client_root, HANDLE lock, UpdateError& er
 
 void RemoveOldHelpers(const std::wstring& client_root) {
   UpdateError unreported;
-  const std::wstring temporary = TemporaryDirectory();
-  const std::wstring prefix = FoldAsciiCase(PlacePrefix(client_root, unreported));
-  if (prefix.empty()) {
+  std::wstring temporary;
+  std::wstring prefix;
+  if (!NamePlaces(client_root, temporary, prefix, unreported)) {
     return;
   }
   for (DirectoryListing listing(temporary); listing.AtEntry(); listing.Advance()) {
-    if (FoldAsciiCase(listing.Name()).starts_with(prefix)) {
+    if (FoldAsciiCase(listing.Name()).starts_with(FoldAsciiCase(prefix))) {
       static_cast<void>(RemoveWorkTree(JoinPath(temporary, listing.Name()), unreported));
     }
   }

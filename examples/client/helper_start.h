@@ -15,6 +15,7 @@ namespace talvex::example {
 
 // Starts the new release's helper to install `staged`. `lock` is the ownership lock, which the helper
 // inherits together with a handle to this process. Messages: those of the file operations, and
+//   "There is no temporary folder for the update helper: " + Windows text
 //   "The update helper is not the one of its release."
 //   "The update helper could not be copied: " + Windows text
 //   "The update helper could not be started: " + Windows text

@@ -17,20 +17,21 @@
 //   healthy release=ID sequence=N                the check after an update passed
 //   broken: REASON                               ... or did not
 //   rollback started
-//   running release=ID sequence=N                or: running without a recorded release
-//   installed already release=ID sequence=N
-//   kept PATH                                    a retired file that the player changed stays
-//   staged release=ID sequence=N install=N retire=N
-//   update started
-//   ERROR: REASON
+//   no rollback: REASON                          ... or it cannot help, and a newer release is installed
+//   instead may be installed again                       a rollback took back a release that had never been
+//   started running release=ID sequence=N                or: running without a recorded release installed
+//   already release=ID sequence=N kept PATH                                    a retired file that the player
+//   changed stays staged release=ID sequence=N install=N retire=N update started ERROR: REASON
 
 #include <windows.h>
 // Needs windows.h first.
 #include <shellapi.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "core/publisher_key.h"
 #include "core/text_encoding.h"
@@ -41,6 +42,8 @@
 #include "examples/client/log.h"
 #include "examples/client/release_offer.h"
 #include "examples/client/staging.h"
+#include "formats/failure_marker.h"
+#include "formats/rollback_journal.h"
 #include "formats/verified_cache.h"
 #include "rollback/rollback_preparation.h"
 #include "storage/client_root.h"
@@ -58,6 +61,18 @@ constexpr int kExitRollbackStarted = 4;
 constexpr std::wstring_view kUpdateOption = L"--update";
 constexpr DWORD kPathCapacity = 32'768;  // characters
 
+// Notes from one start of the client to the next, empty files: in `previous`, and gone with it, that the
+// release was started and has not said yet that it runs, and that a rollback was started; in the work
+// directory, that the release being rolled back was never started.
+constexpr std::wstring_view kFailedNoteName = L"failed";
+constexpr std::wstring_view kRestoringNoteName = L"restoring";
+constexpr std::wstring_view kInterruptedNoteName = L"interrupted";
+
+constexpr std::wstring_view kDriveRoot = L"Talvex cannot be updated at the top of a drive.";
+constexpr std::wstring_view kDiedAtStart = L"The last start of this release did not come to its end.";
+constexpr std::wstring_view kLeftover = L"A file of an unfinished update was left behind.";
+constexpr std::wstring_view kRestoredInVain = L"An earlier rollback did not come to its end.";
+
 int Fail(const UpdateError& error) {
   LogLine(L"ERROR: " + error.Message());
   return kExitFailed;
@@ -72,7 +87,18 @@ std::wstring FindClientRoot(UpdateError& error) {
   std::wstring path(kPathCapacity, L'\0');
   const DWORD length = GetModuleFileNameW(nullptr, path.data(), kPathCapacity);
   path.resize(length < kPathCapacity ? length : 0);
-  return ResolveClientRoot(ParentOfRelativePath(path), error);
+  const std::wstring_view directory = ParentOfRelativePath(path);
+  if (directory.ends_with(L':')) {  // without its backslash, the current directory of that drive
+    SetError(error, kDriveRoot);
+    return {};
+  }
+  return ResolveClientRoot(directory, error);
+}
+
+// A note that cannot be written is done without: each of them only makes a rare case end better.
+void LeaveNote(const std::wstring& path) {
+  UpdateError unreported;
+  static_cast<void>(WriteNewFile(path, {}, unreported));
 }
 
 // One start of the client in `client_root`, from the lock to the exit.
@@ -88,10 +114,19 @@ class Client {
       return Fail(error);
     }
     RemoveOldHelpers(client_root_);
+    LiftMarkerOfInterrupted();
+    const bool updates = !release_directory.empty();
     if (NeedsSettling(handoff) && !SettleUpdate(handoff)) {
-      return RollBack();
+      if (RollBack(updates, error)) {
+        return kExitRollbackStarted;
+      }
+      if (!updates) {
+        return Fail(error);
+      }
+      // A newer release can still make the directory whole: the player must not be locked out of it.
+      LogLine(L"no rollback: " + error.Message());
     }
-    return release_directory.empty() ? Play() : Update(release_directory);
+    return updates ? Update(release_directory) : Play();
   }
 
  private:
@@ -108,14 +143,11 @@ class Client {
   // a handoff is left by one that never came so far: the helper was killed, the power failed, the restart
   // did, or the restarted client crashed.
   bool NeedsSettling(const Handoff& handoff) const {
-    if (handoff.present) {
-      return true;
+    const bool is_unfinished = !handoff.present && PathExists(journal_);
+    if (is_unfinished) {
+      LogLine(L"found an unfinished update");
     }
-    if (!PathExists(JoinPath(previous_directory_, kRollbackJournalName))) {
-      return false;
-    }
-    LogLine(L"found an unfinished update");
-    return true;
+    return handoff.present || is_unfinished;
   }
 
   // A whole release, be it the new one or the previous one, needs no rollback, and then nobody needs the
@@ -123,24 +155,76 @@ class Client {
   bool SettleUpdate(const Handoff& handoff) {
     Manifest installed;
     UpdateError error;
-    if (!CheckHealth(client_root_, handoff.present ? &handoff.manifest_digest : nullptr, installed, error)) {
+    DeleteFileW(interrupted_note_.c_str());  // of an earlier rollback, which did not come to its end
+    if (!IsHealthy(handoff, installed, error)) {
       LogLine(L"broken: " + error.Message());
+      if (handoff.present) {
+        LeaveNote(failed_note_);
+      }
       return false;
     }
     LogLine(L"healthy " + Describe(installed));
-    static_cast<void>(
-        RemoveWorkTree(previous_directory_, error));  // what stays is cleared by the next update
+    DeleteFileW(failed_note_.c_str());
+    // The journal before the copies: cut off in between, a journal would promise copies that are gone.
+    if (DeleteFileW(journal_.c_str())) {
+      static_cast<void>(RemoveWorkTree(previous_directory_, error));  // the next update clears what stays
+    }
     return true;
   }
 
-  int RollBack() {
-    UpdateError error;
+  bool IsHealthy(const Handoff& handoff, Manifest& installed, UpdateError& error) const {
+    if (PathExists(failed_note_)) {
+      return Refuse(error, kDiedAtStart);
+    }
+    if (!CheckFiles(client_root_, handoff.present ? &handoff.manifest_digest : nullptr, installed, error)) {
+      return false;
+    }
+    if (HasLeftovers(installed)) {
+      return Refuse(error, kLeftover);
+    }
+    // Order: the note before the start, because a process that dies can write nothing any more.
+    LeaveNote(failed_note_);
+    return TryToStart(client_root_, error);
+  }
+
+  // New files of an update that was cut off before it replaced the first old one: the previous release is
+  // whole, but nobody would ever manage them.
+  bool HasLeftovers(const Manifest& installed) const {
+    RollbackJournal journal;
+    UpdateError unreported;
+    return ParseRollbackJournal(journal_, journal, unreported) &&
+           std::any_of(journal.entries.begin(), journal.entries.end(), [&](const RollbackEntry& row) {
+             return !row.retired && !row.existed && FindManifestEntry(installed, row.wide_path) == nullptr &&
+                    PathExists(JoinPath(client_root_, row.wide_path));
+           });
+  }
+
+  // True when the helper was started. A rollback that was cut off is run again; but one that failed may fail
+  // for ever, so with a newer release at hand only one is tried.
+  bool RollBack(bool has_release, UpdateError& error) {
+    if (has_release && PathExists(restoring_note_)) {
+      return Refuse(error, kRestoredInVain);
+    }
+    LeaveNote(restoring_note_);
+    if (!PathExists(failed_note_)) {
+      LeaveNote(interrupted_note_);
+    }
     if (!StartRollback(client_root_, lock_.Get(), error)) {
-      return Fail(error);
+      return false;
     }
     LogLine(L"rollback started");
     lock_.Release();
-    return kExitRollbackStarted;
+    return true;
+  }
+
+  // The helper marks every release that it rolls back as failed. One that was cut off while it was installed
+  // has shown no fault: after the rollback it is welcome again.
+  void LiftMarkerOfInterrupted() const {
+    if (PathExists(interrupted_note_) && !PathExists(journal_)) {
+      LogLine(L"may be installed again");
+      DeleteFileW(JoinPath(client_root_, kFailureMarkerFileName).c_str());
+      DeleteFileW(interrupted_note_.c_str());
+    }
   }
 
   int Update(const std::wstring& release_directory) {
@@ -178,8 +262,12 @@ class Client {
   }
 
   const std::wstring client_root_;
-  const std::wstring previous_directory_ =
-      JoinPath(JoinPath(client_root_, kWorkDirectoryName), kPreviousDirectoryName);
+  const std::wstring work_directory_ = JoinPath(client_root_, kWorkDirectoryName);
+  const std::wstring interrupted_note_ = JoinPath(work_directory_, kInterruptedNoteName);
+  const std::wstring previous_directory_ = JoinPath(work_directory_, kPreviousDirectoryName);
+  const std::wstring journal_ = JoinPath(previous_directory_, kRollbackJournalName);
+  const std::wstring failed_note_ = JoinPath(previous_directory_, kFailedNoteName);
+  const std::wstring restoring_note_ = JoinPath(previous_directory_, kRestoringNoteName);
   ClientLock lock_;
 };
 

@@ -9,7 +9,9 @@
 #include "examples/client/health_check.h"
 #include "examples/client/log.h"
 #include "formats/apply_plan.h"
+#include "formats/installed_state.h"
 #include "formats/text_lines.h"
+#include "formats/verified_cache.h"
 #include "rollback/rollback_preparation.h"
 #include "storage/client_root.h"
 #include "storage/work_storage.h"
@@ -54,6 +56,15 @@ bool StageFile(const ReleaseOffer& offer, const std::wstring& stage_root, const 
   SetFileAttributesW(destination.c_str(), FILE_ATTRIBUTE_NORMAL);  // a read-only one could not be replaced
   // The helper proves the file again, but by then the client is gone and can fetch nothing anew.
   return IsFileOfRelease(JoinPath(stage_root, kFilesName), entry, error);
+}
+
+// A read-only file can be moved away but not replaced, and its copy could not be restored for good.
+void MakeReplaceable(const std::wstring& client_root, std::wstring_view relative_path) {
+  std::wstring path;
+  UpdateError unreported;  // what cannot be changed here, the helper refuses
+  if (ResolveCheckedPath(client_root, relative_path, path, unreported)) {
+    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+  }
 }
 
 bool WritePlan(const ReleaseOffer& offer, const ReleaseChanges& changes, StagedRelease& staged,
@@ -107,6 +118,15 @@ bool StageRelease(const std::wstring& client_root, const ReleaseOffer& offer, co
     if (!StageFile(offer, staged.stage_root, *entry, error)) {
       return Refuse(error, entry->normalised_path + L": " + error.Message());
     }
+    MakeReplaceable(client_root, entry->normalised_path);
+  }
+  for (const ManifestEntry* const entry : changes.retires) {
+    MakeReplaceable(client_root, entry->normalised_path);
+  }
+  for (const std::wstring& path :
+       {std::wstring(kInstalledStateFileName), JoinPath(kCacheDirectoryName, kManifestFileName),
+        JoinPath(kCacheDirectoryName, kSignatureFileName)}) {
+    MakeReplaceable(client_root, path);
   }
   const ManifestEntry* const helper = FindManifestEntry(offer.manifest, kHelperFileName);
   if (helper == nullptr) {
