@@ -37,10 +37,12 @@ BOOL CALLBACK LookAtWindow(HWND window, LPARAM parameter) {
   if (std::wstring_view(name.data()) == L"TalvexUpdateStatusWindowV1") {
     search.result->showed_window = true;
   } else if (std::wstring_view(name.data()) == L"#32770") {
-    const HWND text = GetDlgItem(window, kTextOfMessageBox);
-    if (text != nullptr) {
-      search.result->message = TextOf(text);
-      search.result->caption = TextOf(window);
+    const HWND control = GetDlgItem(window, kTextOfMessageBox);
+    const std::wstring text = control == nullptr ? std::wstring() : TextOf(control);
+    const std::wstring caption = TextOf(window);
+    if (!text.empty() && !caption.empty()) {  // on a busy machine the answer comes only the next time
+      search.result->message = text;
+      search.result->caption = caption;
       PostMessageW(window, WM_COMMAND, IDOK, 0);
     }
   }
