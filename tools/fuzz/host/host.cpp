@@ -61,6 +61,9 @@ DWORD FormatMessageW(DWORD, const void*, DWORD, DWORD, wchar_t*, DWORD, void*) {
 BOOL CloseHandle(HANDLE) {
   std::abort();
 }
+DWORD GetFileAttributesW(const wchar_t*) {
+  std::abort();
+}
 BOOL GetHandleInformation(HANDLE, DWORD*) {
   std::abort();
 }
@@ -88,9 +91,6 @@ bool Sha256OfBuffer(std::span<const std::byte>, Sha256Digest& digest, UpdateErro
 }
 
 std::wstring JoinPath(std::wstring_view, std::wstring_view) {
-  std::abort();
-}
-bool PathExists(const std::wstring&) {
   std::abort();
 }
 bool ReadWholeFile(const std::wstring&, std::uint32_t, ByteBuffer&, UpdateError&) {
