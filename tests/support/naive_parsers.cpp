@@ -122,7 +122,7 @@ NaiveVerdict NaiveRelativePath(const std::string& text) {
   }
   for (const std::string& segment : Split(text, '/')) {
     if (segment.empty() || segment.size() > 100 || segment.back() == '.' ||
-        kDevices.count(Split(Lower(segment), '.')[0]) != 0) {
+        kDevices.contains(Split(Lower(segment), '.')[0])) {
       return No(L"The update manifest contains an unsafe path segment.");
     }
   }

@@ -199,7 +199,7 @@ ParserCheck Check(const char* name, const TextForm& form, std::size_t messages) 
 const std::vector<ParserCheck>& ParserChecks() {
   static const std::string plan_head = "TALVEX-APPLY-V1\nmanifest-sha256\t" + kPlanDigest + "\n";
   static const TextForm plan = {plan_head.c_str(), "%q\n", 4, 262'144};
-  // Ordered so that two shards, which take every other one, need the same time.
+  // Ordered so that the shards of the test, which take every fourth one, need the same time.
   static const std::vector<ParserCheck> checks = {
       Check<ManifestParser>(
           "manifest",
