@@ -24,6 +24,8 @@ find_missing() {
   need xvfb command -v Xvfb
   need imagemagick command -v import
   need fonts-dejavu-core test -d /usr/share/fonts/truetype
+  # The signs on the buttons of a title bar; without it the picture of the status window shows digits there.
+  need fonts-wine test -e /usr/share/wine/fonts/marlett.ttf
 }
 
 as_root() {

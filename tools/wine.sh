@@ -51,6 +51,9 @@ make_prefix() {
     wine reg add 'HKCU\Environment' /v $name /d 'C:\temp' /f > /dev/null 2>&1
   done
   mkdir -p "$temporary"
+  # The signs on the buttons of a title bar. Debian's Wine does not look where Debian puts this font.
+  marlett=/usr/share/wine/fonts/marlett.ttf
+  [ ! -e $marlett ] || cp $marlett "$WINEPREFIX/drive_c/windows/Fonts/"
   wineserver --wait
   touch "$folder/ready"
 }
