@@ -17,11 +17,14 @@
 //   healthy release=ID sequence=N                the check after an update passed
 //   broken: REASON                               ... or did not
 //   rollback started
-//   no rollback: REASON                          ... or it cannot help, and a newer release is installed
-//   instead may be installed again                       a rollback took back a release that had never been
-//   started running release=ID sequence=N                or: running without a recorded release installed
-//   already release=ID sequence=N kept PATH                                    a retired file that the player
-//   changed stays staged release=ID sequence=N install=N retire=N update started ERROR: REASON
+//   no rollback: REASON                          ... and the newer release goes in instead
+//   may be installed again                       the release rolled back was cut off, never started
+//   running release=ID sequence=N                or: running without a recorded release
+//   installed already release=ID sequence=N
+//   kept PATH                                    a retired file that the player changed stays
+//   staged release=ID sequence=N install=N retire=N
+//   update started
+//   ERROR: REASON
 
 #include <windows.h>
 // Needs windows.h first.

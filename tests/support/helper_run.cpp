@@ -97,9 +97,8 @@ HelperResult RunHelper(const std::wstring& program, const std::vector<std::wstri
   const OwnedHandle process(started.hProcess);
   const OwnedHandle thread(started.hThread);
 
-  WindowSearch search{started.dwProcessId, &result};
   while (WaitForSingleObject(process.Get(), kPollMs) == WAIT_TIMEOUT) {
-    EnumWindows(LookAtWindow, reinterpret_cast<LPARAM>(&search));
+    AnswerMessageBoxes(started.dwProcessId, result);
     if (while_running) {
       while_running(started.dwProcessId);
     }
@@ -107,6 +106,11 @@ HelperResult RunHelper(const std::wstring& program, const std::vector<std::wstri
   GetExitCodeProcess(process.Get(), &result.exit_code);
   result.console = ReadToEnd(console.Get());
   return result;
+}
+
+void AnswerMessageBoxes(DWORD process_id, HelperResult& result) {
+  WindowSearch search{process_id, &result};
+  EnumWindows(LookAtWindow, reinterpret_cast<LPARAM>(&search));
 }
 
 OwnedHandle MakeInheritable(HANDLE handle) {

@@ -27,6 +27,9 @@ struct HelperResult {
                                      std::vector<HANDLE> inherited,
                                      const std::function<void(DWORD process_id)>& while_running = {});
 
+// Notes and closes every message box that the process shows now.
+void AnswerMessageBoxes(DWORD process_id, HelperResult& result);
+
 [[nodiscard]] OwnedHandle MakeInheritable(HANDLE handle);  // and owned
 [[nodiscard]] OwnedHandle MakeInheritableEvent(bool signalled);
 [[nodiscard]] OwnedHandle MakeInheritableMutex();
