@@ -30,7 +30,7 @@ Handoff TakeHandoff() {
   if (!ParseDecimalU64(lock_text, lock_value) || lock_value == 0 || lock_value > UINT32_MAX) {
     return handoff;
   }
-  const auto lock = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(lock_value));
+  auto* const lock = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(lock_value));
   if (GetHandleInformation(lock, &flags)) {
     handoff.lock.Reset(lock);  // also without a digest: a lock that nobody closes would outlive its use
     handoff.present = ParseHexDigest(WideToUtf8(digest_text), handoff.manifest_digest);

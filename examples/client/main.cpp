@@ -145,7 +145,7 @@ class Client {
   // An update is settled when a client of it has found itself healthy, or was rolled back. A journal without
   // a handoff is left by one that never came so far: the helper was killed, the power failed, the restart
   // did, or the restarted client crashed.
-  bool NeedsSettling(const Handoff& handoff) const {
+  [[nodiscard]] bool NeedsSettling(const Handoff& handoff) const {
     const bool is_unfinished = !handoff.present && PathExists(journal_);
     if (is_unfinished) {
       LogLine(L"found an unfinished update");
