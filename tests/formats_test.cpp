@@ -210,7 +210,10 @@ TEST(Manifests, AreWrittenAsTheyAreRead) {
 
 // The time that this thread has had so far; the machine may be busy with other tests.
 std::uint64_t ThreadTimeMs() {
-  FILETIME created, exited, kernel, user;
+  FILETIME created;
+  FILETIME exited;
+  FILETIME kernel;
+  FILETIME user;
   GetThreadTimes(GetCurrentThread(), &created, &exited, &kernel, &user);
   const std::uint64_t units = (std::uint64_t{user.dwHighDateTime} << 32 | user.dwLowDateTime) +
                               (std::uint64_t{kernel.dwHighDateTime} << 32 | kernel.dwLowDateTime);

@@ -86,7 +86,7 @@ bool WaitUntil(const std::function<bool()>& holds) {
 }
 
 struct WindowSearch {
-  const wchar_t* name;
+  const wchar_t* name = nullptr;
   HWND found = nullptr;
 };
 BOOL CALLBACK Compare(HWND window, LPARAM parameter) {
@@ -212,7 +212,8 @@ TEST_F(StatusWindowTest, ProgressIsTruncatedToThousandths) {
     window_.SetStatusProgress(77, 100);
     ASSERT_TRUE(WaitUntil([] { return Bar() == 770; }));
     window_.SetStatusProgress(done, total);
-    EXPECT_TRUE(WaitUntil([&] { return Bar() == bar; })) << done << " of " << total << " gave " << Bar();
+    EXPECT_TRUE(WaitUntil([bar = bar] { return Bar() == bar; }))
+        << done << " of " << total << " gave " << Bar();
   }
 }
 
