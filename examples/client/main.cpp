@@ -119,7 +119,7 @@ class Client {
     RemoveOldHelpers(client_root_);
     LiftMarkerOfInterrupted();
     const bool updates = !release_directory.empty();
-    if (NeedsSettling(handoff) && !SettleUpdate(handoff)) {
+    if ((handoff.present || PathExists(journal_)) && !SettleUpdate(handoff)) {
       if (RollBack(updates, error)) {
         return kExitRollbackStarted;
       }
@@ -144,18 +144,12 @@ class Client {
 
   // An update is settled when a client of it has found itself healthy, or was rolled back. A journal without
   // a handoff is left by one that never came so far: the helper was killed, the power failed, the restart
-  // did, or the restarted client crashed.
-  [[nodiscard]] bool NeedsSettling(const Handoff& handoff) const {
-    const bool is_unfinished = !handoff.present && PathExists(journal_);
-    if (is_unfinished) {
+  // did, or the restarted client crashed. A whole release, be it the new one or the previous one, needs no
+  // rollback, and then nobody needs the copies any longer.
+  bool SettleUpdate(const Handoff& handoff) {
+    if (!handoff.present) {
       LogLine(L"found an unfinished update");
     }
-    return handoff.present || is_unfinished;
-  }
-
-  // A whole release, be it the new one or the previous one, needs no rollback, and then nobody needs the
-  // copies any longer.
-  bool SettleUpdate(const Handoff& handoff) {
     Manifest installed;
     UpdateError error;
     DeleteFileW(interrupted_note_.c_str());  // of an earlier rollback, which did not come to its end
