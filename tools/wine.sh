@@ -3,6 +3,7 @@
 #
 #   tools/wine.sh FOLDER start             makes prefix and display, and keeps both ready until "stop"
 #   tools/wine.sh FOLDER run PROGRAM...    runs a Windows program in it
+#   tools/wine.sh FOLDER run-to-end PROGRAM...   the same, its output passed on when it has ended
 #   tools/wine.sh FOLDER stop              ends it; fails when programs or temporary files were left behind
 set -eu
 
@@ -117,6 +118,17 @@ case $action in
   run)
     use_display
     exec wine "$@"
+    ;;
+  run-to-end)
+    use_display
+    # Wine's own processes that a program starts inherit its output and outlive it. Given a pipe, whoever reads
+    # it would wait for them too.
+    output=$(mktemp)
+    result=0
+    wine "$@" > "$output" 2>&1 < /dev/null || result=$?
+    cat "$output"
+    rm -f "$output"
+    exit "$result"
     ;;
   *) usage ;;
 esac
