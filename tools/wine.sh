@@ -3,7 +3,7 @@
 #
 #   tools/wine.sh FOLDER start             makes prefix and display, and keeps both ready until "stop"
 #   tools/wine.sh FOLDER run PROGRAM...    runs a Windows program in it
-#   tools/wine.sh FOLDER run-to-end PROGRAM...   the same, its output passed on when it has ended
+#   tools/wine.sh FOLDER run-tests PROGRAM...   runs a GoogleTest program, its output passed on when it has ended
 #   tools/wine.sh FOLDER stop              ends it; fails when programs or temporary files were left behind
 set -eu
 
@@ -119,7 +119,7 @@ case $action in
     use_display
     exec wine "$@"
     ;;
-  run-to-end)
+  run-tests)
     use_display
     # Wine's own processes that a program starts inherit its output and outlive it. Given a pipe, whoever reads
     # it would wait for them too.
@@ -127,6 +127,11 @@ case $action in
     result=0
     wine "$@" > "$output" 2>&1 < /dev/null || result=$?
     cat "$output"
+    # A program that something has killed can look to Wine like one that succeeded.
+    if [ "$result" = 0 ] && ! grep -q '^\[  PASSED  \]' "$output"; then
+      echo "The program ended before its tests did."
+      result=1
+    fi
     rm -f "$output"
     exit "$result"
     ;;
