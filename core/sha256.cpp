@@ -4,6 +4,7 @@
 
 #include <bcrypt.h>
 
+#include <memory>
 #include <vector>
 
 #include "core/whole_file.h"
@@ -74,6 +75,18 @@ class Sha256Hash {
   std::vector<UCHAR> object_;
 };
 
+// The memory that a piece of a file is read into. Windows zeroes its pages when they are first used, so a
+// small file costs no more than its own size.
+struct ReleasePages {
+  void operator()(std::byte* pages) const noexcept { VirtualFree(pages, 0, MEM_RELEASE); }
+};
+using PieceBuffer = std::unique_ptr<std::byte, ReleasePages>;
+
+PieceBuffer AllocatePiece() {
+  return PieceBuffer(static_cast<std::byte*>(
+      VirtualAlloc(nullptr, kFilePieceSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)));
+}
+
 // Digests an open file from its current position to its end.
 bool DigestOpenFile(HANDLE file, Sha256Digest& digest, HashProgressCallback progress,
                     void* progress_context) {
@@ -81,17 +94,20 @@ bool DigestOpenFile(HANDLE file, Sha256Digest& digest, HashProgressCallback prog
   if (!hash.Prepare()) {
     return false;
   }
-  std::vector<std::byte> piece(kFilePieceSize);
+  const PieceBuffer piece = AllocatePiece();
+  if (piece == nullptr) {
+    return false;
+  }
   std::uint64_t total = 0;
   for (;;) {
     DWORD read = 0;
-    if (!ReadFile(file, piece.data(), static_cast<DWORD>(piece.size()), &read, nullptr)) {
+    if (!ReadFile(file, piece.get(), static_cast<DWORD>(kFilePieceSize), &read, nullptr)) {
       return false;
     }
     if (read == 0) {
       return hash.Finish(digest);
     }
-    if (!hash.Add(std::span(piece).first(read))) {
+    if (!hash.Add({piece.get(), read})) {
       return false;
     }
     total += read;

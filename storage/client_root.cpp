@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include <vector>
+#include <memory>
 
 #include "core/ascii_case.h"
 
@@ -32,13 +32,13 @@ bool IsSeparator(wchar_t unit) {
 
 // The absolute form of `path`; empty, with `error` set, when Windows gives none that fits.
 std::wstring AbsolutePath(const std::wstring& path, std::wstring_view message, UpdateError& error) {
-  std::vector<wchar_t> buffer(kResolveBufferLength);
-  const DWORD length = GetFullPathNameW(path.c_str(), kResolveBufferLength, buffer.data(), nullptr);
+  const auto buffer = std::make_unique_for_overwrite<wchar_t[]>(kResolveBufferLength);
+  const DWORD length = GetFullPathNameW(path.c_str(), kResolveBufferLength, buffer.get(), nullptr);
   if (length == 0 || length >= kResolveBufferLength) {
     SetWindowsError(error, message, GetLastError());
     return {};
   }
-  return std::wstring(buffer.data(), length);
+  return std::wstring(buffer.get(), length);
 }
 
 bool LiesInside(std::wstring_view full_path, std::wstring_view root) {

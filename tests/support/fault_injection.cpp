@@ -47,7 +47,7 @@ Failure failure_of;
 
 constexpr bool ClosesHandle(std::string_view name) {
   return name == "CloseHandle" || name == "FindClose" || name == "BCryptDestroyHash" ||
-         name == "BCryptDestroyKey" || name == "BCryptCloseAlgorithmProvider";
+         name == "BCryptDestroyKey" || name == "BCryptCloseAlgorithmProvider" || name == "VirtualFree";
 }
 
 // Memory of the run, so that what a dead one has left can be given back.
@@ -188,7 +188,8 @@ void TrackHandles(Result result, const std::vector<std::wstring>& texts, Argumen
   const auto opened = [&](void* handle) {
     open_handles[handle] = {api.text, texts.empty() ? L"" : texts[0]};
   };
-  if constexpr (api == "CreateFileW" || api == "FindFirstFileW" || api == "CreateEventW") {
+  if constexpr (api == "CreateFileW" || api == "FindFirstFileW" || api == "CreateEventW" ||
+                api == "VirtualAlloc") {
     if (result != FromValue<Result>(failure_of<api>.result)) {
       opened(result);
     }
@@ -320,6 +321,8 @@ void PatchImports() {
   Patch<"BCryptImportKeyPair">(BCryptImportKeyPair, kStatus);
   Patch<"BCryptVerifySignature">(BCryptVerifySignature, kStatus);
   Patch<"BCryptDestroyKey">(BCryptDestroyKey, kStatus);
+  Patch<"VirtualAlloc">(VirtualAlloc, {kNone, {ERROR_NOT_ENOUGH_MEMORY, ERROR_COMMITMENT_LIMIT}});
+  Patch<"VirtualFree">(VirtualFree);
   Patch<"GetHandleInformation">(GetHandleInformation);
   Patch<"SetHandleInformation">(SetHandleInformation);
   Patch<"WaitForSingleObject">(WaitForSingleObject, kBadHandle);
@@ -358,6 +361,8 @@ void CloseLeftOver(void* handle, std::string_view opened_by) {
     BCryptDestroyHash(handle);
   } else if (opened_by == "BCryptImportKeyPair") {
     BCryptDestroyKey(handle);
+  } else if (opened_by == "VirtualAlloc") {
+    VirtualFree(handle, 0, MEM_RELEASE);
   } else {
     CloseHandle(handle);
   }
