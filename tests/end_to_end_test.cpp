@@ -359,16 +359,8 @@ struct FailureCase {
 };
 
 const FailureCase kFailures[] = {
-    {"UnchangedFileEdited",
-     [](ClientDirectory& c, OwnedHandle&) { WriteTestFile(c.At(L"keep.txt"), "Unchanged"); },
-     L"An installed update file failed verification."},
     {"UnchangedFileMissing", [](ClientDirectory& c, OwnedHandle&) { DeleteFileW(c.At(L"keep.txt").c_str()); },
      L"Could not open file for hashing: "},
-    {"TargetHeldForGood",
-     [](ClientDirectory& c, OwnedHandle& holder) {
-       holder = HoldAgainstChange(c.At(L"Data\\deep\\er\\b.bin"));
-     },
-     L"Could not atomically replace an update file."},
     {"RetiredFileHeldForGood",
      [](ClientDirectory& c, OwnedHandle& holder) { holder = HoldAgainstChange(c.At(L"old\\retired.bin")); },
      L"Could not create a rollback copy for a retired update file."},

@@ -4,8 +4,6 @@
 
 #include <windows.h>
 
-#include <thread>
-
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
 #include "tests/support/client_directory.h"
@@ -109,22 +107,6 @@ TEST(Rollback, PutsStateAndCacheBackAsTheyWere) {
   }
 }
 
-// A run that was killed leaves a file removed, half copied back or not yet touched, and parts of the new
-// state and marker; the next run ends in the previous release.
-TEST(Rollback, FinishesWhatAKilledRunBegan) {
-  UpdatedClient client;
-  DeleteFileW(client.At(L"old\\retired.bin").c_str());
-  DeleteFileW(client.At(L"new\\folder\\c.bin").c_str());
-  WriteTestFile(client.At(L"Data\\deep\\er\\b.bin"), "");
-  WriteTestFile(client.At(L"Data\\a.bin"), std::string(700'000, 'a'));
-  DeleteFileW(client.At(L"TalvexUpdateHelper.exe").c_str());
-  DeleteFileW(client.At(L"TalvexUpdateState.dat").c_str());
-  WriteTestFile(client.At(L".talvex-update-cache\\manifest.sig"), client.old_release.Signature());
-  WriteTestFile(client.At(L"TalvexUpdateFailure.dat.new"), "dead");
-  EXPECT_EQ(client.Rollback().exit_code, 0u);
-  client.ExpectPreviousRelease();
-}
-
 // Windows does not delete a running program, so what lies beside it may stay; the rollback is whole all the
 // same.
 TEST(Rollback, WorksFromTheKeptHelperInItsPlace) {
@@ -133,13 +115,6 @@ TEST(Rollback, WorksFromTheKeptHelperInItsPlace) {
   EXPECT_EQ(client.Rollback().exit_code, 0u);
   EXPECT_EQ(TreeDifference(client.ClientFiles(), ClientDirectory::FilesOf(client.old_release)), "");
   EXPECT_FALSE(PathExists(client.Previous(L"rollback.journal")));
-}
-
-TEST(Rollback, TakesOverAnAbandonedLock) {
-  UpdatedClient client;
-  std::thread([&] { WaitForSingleObject(client.lock.Get(), 0); }).join();  // ends while it owns the lock
-  EXPECT_EQ(client.Rollback().exit_code, 0u);
-  client.ExpectPreviousRelease();
 }
 
 struct RefusalCase {
