@@ -3,6 +3,7 @@
 #include <bcrypt.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 
@@ -39,6 +40,7 @@ void WriteRandomFile(const std::wstring& path, std::uint64_t size, std::uint32_t
     }
     size -= length;
   }
+  FlushFileBuffers(file.Get());  // what is measured later must not pay for what was written here
 }
 
 ManifestEntry EntryFor(const std::wstring& path, const std::string& relative_path) {
@@ -51,6 +53,32 @@ ManifestEntry EntryFor(const std::wstring& path, const std::string& relative_pat
   entry.normalised_path = Utf8ToWide(relative_path);
   std::replace(entry.normalised_path.begin(), entry.normalised_path.end(), L'/', L'\\');
   return entry;
+}
+
+// The calls with which an update proves a file two folders deep, and every path that leads to it, anew before
+// each use. None may be left out: a link could have been put there since the last look.
+void MakeCheckCalls(const std::wstring& folder, const std::wstring& path) {
+  constexpr int kResolutions = 27;
+  constexpr int kLooks = 34;
+  constexpr int kDirectories = 8;
+  constexpr int kFiles = 4;
+  std::array<wchar_t, MAX_PATH> buffer{};
+  for (int i = 0; i < kResolutions; ++i) {
+    GetFullPathNameW(path.c_str(), MAX_PATH, buffer.data(), nullptr);
+  }
+  for (int i = 0; i < kLooks; ++i) {
+    GetFileAttributesW(path.c_str());
+  }
+  for (int i = 0; i < kDirectories; ++i) {
+    CreateDirectoryW(folder.c_str(), nullptr);  // exists: looked at, not made
+  }
+  const OwnedHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
+                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                     OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  BY_HANDLE_FILE_INFORMATION information{};
+  for (int i = 0; i < kFiles; ++i) {
+    GetFileInformationByHandle(file.Get(), &information);
+  }
 }
 
 }  // namespace
@@ -80,9 +108,6 @@ Workload::Workload(const WorkloadSize& size, const std::wstring& helper, const s
   for (std::size_t i = 0; i < size.files; ++i) {
     install_.push_back(&manifest_.entries[i]);
   }
-  for (const ManifestEntry& entry : manifest_.entries) {
-    bytes_ += entry.size;
-  }
   plan_ = FormatApplyPlan(manifest_.digest, install_, {});
   test::WriteTestFile(JoinPath(staging, kManifestFileName), text);
   test::WriteTestFile(JoinPath(staging, kSignatureFileName), test::SignWithDevelopmentKey(text));
@@ -100,7 +125,14 @@ std::vector<std::wstring> Workload::ApplyOperands(HANDLE parent, HANDLE lock) co
       value(lock)};
 }
 
-double Workload::MeasureFloor() const {
+Workload::~Workload() {
+  // The client that an update has started ends by itself soon.
+  for (int i = 0; i < 100 && !DeleteFileW(JoinPath(root_, L"Talvex.exe").c_str()); ++i) {
+    Sleep(50);
+  }
+}
+
+double Workload::MeasureFloor(Floor floor) const {
   const std::wstring staged_files = JoinPath(stage_, L"files");
   test::MakeTestDirectory(copies_);
   const double start = Seconds();
@@ -113,6 +145,9 @@ double Workload::MeasureFloor() const {
     const std::wstring target = JoinPath(root_, install_[i]->normalised_path);
     const std::wstring staged = JoinPath(staged_files, install_[i]->normalised_path);
     const std::wstring copy = JoinPath(copies_, std::to_wstring(i));
+    if (floor == Floor::kWithChecks) {
+      MakeCheckCalls(std::wstring(ParentOfRelativePath(target)), target);
+    }
     if (!ReplaceFileW(target.c_str(), staged.c_str(), copy.c_str(), REPLACEFILE_WRITE_THROUGH, nullptr,
                       nullptr)) {
       Abandon("replacing a file");

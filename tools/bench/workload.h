@@ -18,19 +18,23 @@ struct WorkloadSize {
   std::uint64_t bytes_per_file;
 };
 
+enum class Floor { kBare, kWithChecks };
+
 // `helper` becomes the release's TalvexUpdateHelper.exe, `client` its Talvex.exe; both are in place already.
 class Workload {
  public:
   Workload(const WorkloadSize& size, const std::wstring& helper, const std::wstring& client);
+  Workload(const Workload&) = delete;
+  Workload& operator=(const Workload&) = delete;
+  ~Workload();
 
   // The operands of --apply-plan after the mode word.
   [[nodiscard]] std::vector<std::wstring> ApplyOperands(HANDLE parent, HANDLE lock) const;
 
   // Seconds for the floor: every byte that an update has to hash, hashed by a bare loop before and after
-  // every file was replaced and flushed. Uses the directory up, as an update does.
-  [[nodiscard]] double MeasureFloor() const;
-
-  [[nodiscard]] std::uint64_t Bytes() const { return bytes_; }
+  // every file was replaced and flushed; with kWithChecks also the calls that prove each file and its paths.
+  // Uses the directory up, as an update does.
+  [[nodiscard]] double MeasureFloor(Floor floor) const;
 
  private:
   test::ScratchDirectory scratch_;
@@ -40,7 +44,6 @@ class Workload {
   Manifest manifest_;
   std::string plan_;
   std::vector<const ManifestEntry*> install_;
-  std::uint64_t bytes_ = 0;
 };
 
 // ReadFile and the CNG calls in a loop over one buffer, with nothing around them.
