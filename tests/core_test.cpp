@@ -44,6 +44,8 @@ TEST(TextEncoding, IsStrictInBothDirections) {
   }
   EXPECT_EQ(WideToUtf8(L"\u00FC\xD83C\xDFAE"), "\xC3\xBC\xF0\x9F\x8E\xAE");
   EXPECT_EQ(WideToUtf8(L"a\xD83C"), "");
+  EXPECT_EQ(Utf8ToWide(""), L"");
+  EXPECT_EQ(WideToUtf8(L""), "");
 }
 
 TEST(TextEncoding, DigestsHaveOneSpelling) {

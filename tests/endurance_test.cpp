@@ -87,7 +87,8 @@ TEST(Endurance, UpdatesAndRollbacksFollowTheModel) {
       expect("after the rollback", round);
     }
   }
-  std::printf("%d updates, %d rollbacks, %d deaths\n", kRounds, rollbacks, deaths);
+  std::printf("counted: endurance, seed %u: %d updates, %d rollbacks, %d deaths\n", seed, kRounds, rollbacks,
+              deaths);
 }
 
 std::size_t CountOpenHandles() {

@@ -371,7 +371,7 @@ TEST_P(FaultAt, EveryCallLosesNothing) {
     EXPECT_TRUE(!IsUnavoidable(row, scenario, mode) || met.contains(&row)) << "not needed";
   }
   EXPECT_GT(points, 0);
-  std::printf("%-26s %-27s %4d points:", scenario.name, mode.name, points);
+  std::printf("counted: %-26s %-27s %4d points:", scenario.name, mode.name, points);
   for (const auto& [name, count] : outcomes) {
     std::printf(" %d %s,", count, name.c_str());
   }
@@ -417,7 +417,7 @@ TEST(FaultMatrix, RealDeathsLeaveTheSame) {
     EXPECT_EQ(result.exit_code, kDeathExitCode) << k << result.console;
     EXPECT_EQ(TreeDifference(Client().Read(), expected), "") << k;
   }
-  std::printf("update: %d processes died as the simulated ones\n", deaths);
+  std::printf("counted: %d processes died as the simulated ones\n", deaths);
 }
 
 }  // namespace

@@ -74,7 +74,8 @@ TEST_P(HostileInput, IsJudgedAsTheNaiveParserJudgesIt) {
   }
   const int accepted = verdicts[L""];
   std::printf(
-      "%s: seed %u, %d inputs of up to %zu bytes, %d accepted, %d rejected with %zu messages, memory %zu\n",
+      "counted: %s: seed %u, %d inputs of up to %zu bytes, %d accepted, %d rejected with %zu messages, "
+      "memory %zu\n",
       check.name, kSeed, kInputs, longest, accepted, kInputs - accepted, verdicts.size() - 1, hungriest);
   EXPECT_GT(accepted, kInputs / 10);
   EXPECT_LT(accepted, kInputs / 10 * 9);

@@ -291,10 +291,15 @@ TEST_F(StatusWindowTest, EventsOfTheIconAreReadInItsVersion) {
     EXPECT_EQ(shell.Asked().back(), DWORD{NIM_DELETE});
     EXPECT_EQ(GetEnvironmentVariableW(kVariable, nullptr, 0) == 0, restores);  // the client inherits it
   }
-  const ImportPatch no_menu("CreatePopupMenu", Failing(&CreatePopupMenu));
-  StartWith(L"1");
-  TrayEvent(WM_CONTEXTMENU);
-  ExpectShown(true);
+  const std::pair<const char*, test::AnyFunction> without_menu[] = {
+      {"CreatePopupMenu", Failing(&CreatePopupMenu)}, {"AppendMenuW", Failing(&AppendMenuW)}};
+  for (const auto& [import, replacement] : without_menu) {
+    const ImportPatch patch(import, replacement);
+    StartWith(L"1");
+    TrayEvent(WM_CONTEXTMENU);
+    ExpectShown(true);
+    window_.StopStatusWindow();
+  }
 }
 
 TEST_F(StatusWindowTest, StaysShownWhenNothingCouldBringItBack) {

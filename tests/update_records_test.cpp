@@ -77,7 +77,12 @@ TEST(TrustedState, IsBelievedOnlyWhileStateCacheAndSignatureAgree) {
   const auto is_trusted = [&] {
     InstalledState state;
     Manifest manifest;
-    const bool trusted = LoadTrustedState(root, PublisherKeyBlob(), state, manifest);
+    ByteBuffer manifest_bytes;
+    ByteBuffer signature;
+    const bool trusted =
+        LoadTrustedState(root, PublisherKeyBlob(), state, manifest, &manifest_bytes, &signature);
+    EXPECT_EQ(manifest_bytes.size(), trusted ? release.ManifestText().size() : 0);
+    EXPECT_EQ(signature.size(), trusted ? 384u : 0u);
     EXPECT_EQ(state.present, trusted);
     EXPECT_EQ(manifest.entries.size(), trusted ? 1u : 0u);
     return trusted;

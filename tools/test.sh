@@ -18,7 +18,7 @@ cmake --build --preset "$preset"
 # ctest ends its Wine by itself, unless it is interrupted.
 trap 'tools/wine.sh "$build/wine" stop > /dev/null 2>&1' INT TERM HUP
 succeeded=yes
-ctest --test-dir "$build" --output-on-failure --parallel 2 ${1:+--tests-regex "$1"} || succeeded=no
+ctest --test-dir "$build" --output-on-failure --parallel 4 ${1:+--tests-regex "$1"} || succeeded=no
 
 # A GoogleTest case ends with a line "[       OK ] Suite.Case (3 ms)", a script's check with "ok - what holds".
 log=$build/Testing/Temporary/LastTest.log
@@ -29,6 +29,15 @@ skipped=$(grep -cE '^(\[  SKIPPED \] .* \([0-9]+ ms\)|skip - )' "$log.lines" || 
 if [ "$succeeded" = no ] && [ "$failed" = 0 ]; then
   failed=1  # a crash, a time-out or something left behind: no line says so
 fi
+# What the large tests have counted, and the sums of the fault matrix.
+sed -n 's/^counted: //p' "$log.lines"
+awk '/^counted: .* points:/ {
+  for (i = 2; i <= NF; ++i) {
+    points += $i == "points:" ? $(i - 1) : 0
+    lost += $i == "lost" ? $(i - 1) : 0
+  }
+}
+END { if (points) print points " points of the fault matrix, " lost " lost" }' "$log.lines"
 [ "$skipped" = 0 ] || echo "$skipped skipped"
 echo "$passed passed, $failed failed"
 [ "$succeeded" = yes ] && [ "$failed" = 0 ] && [ "$skipped" = 0 ] && [ "$passed" != 0 ]

@@ -308,7 +308,7 @@ void PatchImports() {
   Patch<"CopyFileW">(CopyFileW, kDiskFull);
   Patch<"MoveFileExW">(MoveFileExW, kInUse);
   Patch<"ReplaceFileW">(ReplaceFileW, kInUse);
-  Patch<"FindFirstFileW">(FindFirstFileW, kBadHandle);
+  Patch<"FindFirstFileW">(FindFirstFileW, {kAllBits, {ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED}});
   Patch<"FindNextFileW">(FindNextFileW);
   Patch<"FindClose">(FindClose);
   Patch<"BCryptOpenAlgorithmProvider">(BCryptOpenAlgorithmProvider, kStatus);
