@@ -3,7 +3,7 @@
 #
 #   tools/coverage.sh [--uncovered]     with --uncovered, the numbers of the lines that no test ran too
 #
-# Programs that a test kills write no counts, so the figures are a little low. Takes about ten minutes.
+# Programs that a test kills write no counts, so the figures are a little low. Takes about twenty minutes.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -12,14 +12,33 @@ command -v gcovr > /dev/null || apt-get install -y --no-install-recommends gcovr
 build=build/mingw-coverage
 cmake --preset mingw-coverage > /dev/null
 cmake --build --preset mingw-coverage
-find "$build" -name '*.gcda' -delete
 
-# The counts' paths are Unix ones. A program that runs on another drive than Z: needs to be told where they lie.
-export GCOV_PREFIX=Z:
-# One at a time: two programs that add to one file of counts would lose some. Left out: what judges the program's
-# file, which is larger when it counts.
-ctest --test-dir "$build" --output-on-failure \
+# The counts' paths are Unix ones. A program that runs on another drive than Z: needs to be told where they lie;
+# each test program has a folder of its own there (tools/wine.sh).
+runs=$PWD/$build/coverage
+rm -rf "$runs"
+mkdir -p "$runs"
+export GCOV_PREFIX="Z:$runs/runs"
+# Left out: what judges the program's file, which is larger when it counts.
+ctest --test-dir "$build" --output-on-failure --parallel 4 \
   --exclude-regex '^(program_file|release_build|publisher_key|dll_planting)_test$'
+
+find "$build" -path "$build/coverage" -prune -o -name '*.gcda' -exec rm {} +
+for run in "$runs"/runs/*; do
+  if [ -d "$runs/merged" ]; then
+    # This tool makes no folders.
+    for input in merged "runs/${run##*/}"; do
+      (cd "$runs/$input" && find . -type d -exec mkdir -p "$runs/next/{}" ';')
+    done
+    i686-w64-mingw32-gcov-tool-posix merge "$runs/merged" "$run" -o "$runs/next"
+    rm -rf "$runs/merged"
+    mv "$runs/next" "$runs/merged"
+  else
+    cp -r "$run" "$runs/merged"
+  fi
+done
+cp -r "$runs/merged/$PWD/." .
+rm -rf "$runs"
 
 # Branches that only an exception takes are left out: the compiler makes one for every call.
 gcovr --root . --object-directory "$build" --gcov-executable i686-w64-mingw32-gcov-posix --exclude-throw-branches \

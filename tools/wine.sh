@@ -123,6 +123,8 @@ case $action in
     use_display
     # Wine's own processes that a program starts inherit its output and outlive it. Given a pipe, whoever reads
     # it would wait for them too.
+    # Two programs that add their counts to one file at the same time would lose some (tools/coverage.sh).
+    [ -z "${GCOV_PREFIX:-}" ] || export GCOV_PREFIX="$GCOV_PREFIX/$$"
     output=$(mktemp)
     result=0
     wine "$@" > "$output" 2>&1 < /dev/null || result=$?
