@@ -376,7 +376,7 @@ TEST_P(FaultAt, EveryCallLosesNothing) {
     std::printf(" %d %s,", count, name.c_str());
   }
   std::printf(" %d lost\n", lost);
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, FaultAt,

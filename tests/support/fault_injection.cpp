@@ -36,6 +36,7 @@ struct Failure {
 template <std::size_t size>
 struct Name {
   char text[size]{};
+  // cppcheck-suppress noExplicitConstructor ; a literal becomes the argument by itself
   consteval Name(const char (&name)[size]) { std::copy_n(name, size, text); }
   [[nodiscard]] constexpr bool operator==(std::string_view other) const {
     return std::string_view(text) == other;
@@ -402,8 +403,8 @@ RunRecord RunWithFault(const std::function<int()>& transaction, const FaultPoint
   for (const HANDLE handle : with.handed_over) {
     open_handles[handle] = {};
   }
-  const HANDLE thread =
-      CreateThread(nullptr, 0, RunOnThread, const_cast<std::function<int()>*>(&transaction), 0, nullptr);
+  auto* const run = const_cast<std::function<int()>*>(&transaction);
+  const HANDLE thread = CreateThread(nullptr, 0, RunOnThread, run, 0, nullptr);
   WaitForSingleObject(thread, INFINITE);
   DWORD exit_code = 0;
   GetExitCodeThread(thread, &exit_code);
@@ -411,6 +412,7 @@ RunRecord RunWithFault(const std::function<int()>& transaction, const FaultPoint
   result.died = exit_code == kDeathExitCode;
   result.exit_code = result.died ? -1 : static_cast<int>(exit_code);
   GiveBack(with.handed_over);
+  record = nullptr;
   return result;
 }
 

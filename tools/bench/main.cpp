@@ -91,7 +91,7 @@ double MeasureApply(const Workload& workload) {
       TimeOf([&] { exit_code = RunApplyTransaction(static_cast<int>(arguments.size()), arguments.data()); });
   if (exit_code != 0) {
     std::fprintf(stderr, "The benchmark's update failed.\n");
-    std::exit(1);
+    ExitProcess(1);
   }
   return seconds - kCompletedTextSeconds;
 }
@@ -148,9 +148,9 @@ void BenchApply() {
 // one tiny file, is taken off first.
 void BenchGrowth() {
   const auto median = [](const WorkloadSize& size, int rounds) {
-    std::vector<double> seconds;
-    for (int round = 0; round < rounds; ++round) {
-      seconds.push_back(MeasureApply(Workload(size, OwnPath(), EmptyProgram())));
+    std::vector<double> seconds(static_cast<std::size_t>(rounds));
+    for (double& measured : seconds) {
+      measured = MeasureApply(Workload(size, OwnPath(), EmptyProgram()));
     }
     return Median(seconds);
   };

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 
 #include "core/sha256.h"
 #include "core/text_encoding.h"
@@ -21,7 +20,7 @@ namespace {
 
 [[noreturn]] void Abandon(const char* step) {
   std::fprintf(stderr, "The benchmark could not go on: %s (Windows error %lu)\n", step, GetLastError());
-  std::exit(1);
+  ExitProcess(1);
 }
 
 void WriteRandomFile(const std::wstring& path, std::uint64_t size, std::uint32_t seed) {
