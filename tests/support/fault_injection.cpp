@@ -18,6 +18,7 @@
 
 #include "core/text_encoding.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/run_memory.h"
 
 namespace talvex::test {
 namespace {
@@ -51,22 +52,6 @@ constexpr bool ClosesHandle(std::string_view name) {
          name == "BCryptDestroyKey" || name == "BCryptCloseAlgorithmProvider" || name == "VirtualFree";
 }
 
-// Memory of the run, so that what a dead one has left can be given back.
-struct alignas(16) Block {
-  Block* previous = nullptr;
-  Block* next = nullptr;
-};
-
-void FreeBlock(Block* block) {
-  if (block->previous != nullptr) {
-    block->previous->next = block->next;
-    if (block->next != nullptr) {
-      block->next->previous = block->previous;
-    }
-  }
-  std::free(block);
-}
-
 struct OpenHandle {
   std::string_view opened_by;
   std::wstring path;
@@ -80,10 +65,19 @@ std::string_view failing_kind;  // of the calls that fail from the fault on
 const RunSettings* settings = nullptr;
 RunRecord* record = nullptr;
 std::map<void*, OpenHandle> open_handles;
-Block run_blocks;
 
 bool OnRun() {
   return run_thread != 0 && run_thread == GetCurrentThreadId() && !in_hook;
+}
+
+bool CountAllocation() {
+  if (!OnRun()) {
+    return false;
+  }
+  if (record->allocations++ == fault.index && fault.fault == Fault::kOutOfMemory) {
+    throw std::bad_alloc();
+  }
+  return true;
 }
 
 [[noreturn]] void Die() {
@@ -154,13 +148,20 @@ Result Perform(Result(WINAPI* original)(Arguments...), Arguments... arguments) {
   }
 }
 
+template <Name api>
+void Forget(void* handle) {
+  if (open_handles.erase(handle) == 0) {
+    record->violations.push_back("closed what is not open: " + std::string(api.text));
+  }
+}
+
 // The call as it fails: without effect, but for those below.
 template <Name api, typename Result, typename... Arguments>
 Result FailCall(DWORD code, Result(WINAPI* original)(Arguments...), Arguments... arguments) {
   const auto all = std::tie(arguments...);
   if constexpr (ClosesHandle(api.text)) {
     original(arguments...);  // whatever it says, the handle is gone
-    open_handles.erase(std::get<0>(all));
+    Forget<api>(std::get<0>(all));
   } else if constexpr (api == "ReplaceFileW") {
     // With a backup name given, both files keep their names after 1175 and 1176; after 1177 the replaced
     // file has the backup's name already, and nothing has its own.
@@ -201,7 +202,7 @@ void TrackHandles(Result result, const std::vector<std::wstring>& texts, Argumen
   } else if constexpr (api == "BCryptImportKeyPair") {
     opened(*std::get<3>(all));
   } else if constexpr (ClosesHandle(api.text)) {
-    open_handles.erase(std::get<0>(all));
+    Forget<api>(std::get<0>(all));
   }
 }
 
@@ -223,6 +224,7 @@ Result Intercept(Result(WINAPI* original)(Arguments...), Arguments... arguments)
   Result result{};
   DWORD code = fault.code != 0 ? fault.code : failure_of<api>.codes[fault.index % 2];
   if ((here && fault.fault == Fault::kFailOnce) || failing_kind == api.text) {
+    record->calls.back().made_to_fail = true;
     result = FailCall<api>(code, original, arguments...);
   } else {
     SetLastError(last_error);
@@ -377,22 +379,23 @@ void GiveBack(const std::vector<HANDLE>& handed_over) {
     }
     CloseLeftOver(handle, open.opened_by);
   }
-  while (run_blocks.next != nullptr) {
-    FreeBlock(run_blocks.next);
-  }
+  FreeRunMemory();
 }
 
 }  // namespace
 
-std::size_t RunRecord::Count(std::string_view name, std::wstring_view text) const {
-  return static_cast<std::size_t>(std::ranges::count_if(calls, [&](const ApiCall& call) {
-    return call.name == name && (text.empty() || std::ranges::find(call.texts, text) != call.texts.end());
-  }));
+bool RunRecord::IsFlushed(std::wstring_view path) const {
+  const auto last = std::ranges::find_if(calls.rbegin(), calls.rend(), [&](const ApiCall& call) {
+    return (call.name == "FlushFileBuffers" || call.name == "WriteFile") && !call.texts.empty() &&
+           call.texts[0] == path;
+  });
+  return last != calls.rend() && last->name == "FlushFileBuffers" && !last->made_to_fail;
 }
 
 RunRecord RunWithFault(const std::function<int()>& transaction, const FaultPoint& point,
                        const RunSettings& with) {
   PatchImports();
+  count_allocation = CountAllocation;
   std::set_terminate([] { run_thread == GetCurrentThreadId() ? Die() : std::abort(); });
   RunRecord result;
   fault = point;
@@ -417,35 +420,3 @@ RunRecord RunWithFault(const std::function<int()>& transaction, const FaultPoint
 }
 
 }  // namespace talvex::test
-
-// The allocations of a run are counted, and linked so that GiveBack finds them.
-void* operator new(std::size_t size) {
-  using namespace talvex::test;
-  const bool on_run = OnRun();
-  if (on_run && record->allocations++ == fault.index && fault.fault == Fault::kOutOfMemory) {
-    throw std::bad_alloc();
-  }
-  auto* const block = static_cast<Block*>(std::malloc(sizeof(Block) + size));
-  if (block == nullptr) {
-    throw std::bad_alloc();
-  }
-  *block = {};
-  if (on_run) {
-    *block = {&run_blocks, run_blocks.next};
-    run_blocks.next = block;
-    if (block->next != nullptr) {
-      block->next->previous = block;
-    }
-  }
-  return block + 1;
-}
-
-void operator delete(void* memory) noexcept {
-  if (memory != nullptr) {
-    talvex::test::FreeBlock(static_cast<talvex::test::Block*>(memory) - 1);
-  }
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-  operator delete(memory);
-}

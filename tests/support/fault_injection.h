@@ -30,6 +30,7 @@ struct ApiCall {
   // The call's texts, and the paths of the files whose handles it was given.
   std::vector<std::wstring> texts;
   std::size_t allocations_before = 0;
+  bool made_to_fail = false;
 };
 
 struct RunRecord {
@@ -41,7 +42,8 @@ struct RunRecord {
   std::vector<ApiCall> calls;
   std::vector<std::string> violations;
 
-  [[nodiscard]] std::size_t Count(std::string_view name, std::wstring_view text = {}) const;
+  // Whether the file has been flushed since it was last written to.
+  [[nodiscard]] bool IsFlushed(std::wstring_view path) const;
 };
 
 // What the transaction meets besides the fault.

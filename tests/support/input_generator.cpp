@@ -66,7 +66,8 @@ std::string InputGenerator::Field(char letter) {
       return Release();
     case 's':  // a size; many files share the release's limit
       return OneIn(many_rows_ ? 5'000 : 5)
-                 ? Either({"8589934592", "0008589934592"}, {"0", "", "8589934593", "18446744073709551616"})
+                 ? Either({"8589934592", "0008589934592"},
+                          {"0", "", "-1", "+1", "8589934593", "18446744073709551616"})
                  : "1" + Characters(many_rows_ ? 0 : Below(8), kDigits);
     default:
       return "";
@@ -140,9 +141,10 @@ void InputGenerator::Mutate(std::string& text) {
   const std::size_t before = text.substr(0, place).rfind('\n');
   const std::size_t line = before == std::string::npos ? 0 : before + 1;
   const std::string whole_line = text.substr(line, text.find('\n', line) - line) + "\n";
-  switch (Below(10)) {
+  switch (Below(11)) {
     case 0:
-      text.insert(place, Pick({"\n", "\t", "\r", "/", "\\", ".", "0", " ", "a", "A", "\x80", "\xFF"}));
+      text.insert(place, Pick({"\n", "\t", "\r", "/", "\\", ".", "0", " ", "a", "A", "\x80", "\xFF",
+                               "\xEF\xBB\xBF"}));
       break;
     case 1:
       text.insert(place, 1, '\0');
@@ -164,6 +166,10 @@ void InputGenerator::Mutate(std::string& text) {
       break;
     case 7:
       text.insert(place, text.substr(place / 2, length));
+      break;
+    case 8:  // behind the line after it
+      text.erase(line, whole_line.size());
+      text.insert(std::min(text.find('\n', std::min(line, text.size())), text.size() - 1) + 1, whole_line);
       break;
     default:
       if (place < text.size()) {

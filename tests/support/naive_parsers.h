@@ -1,7 +1,7 @@
 #pragma once
 
-// Every text form judged a second time, from its description and as plainly as possible: everything is cut
-// into lists of strings, nothing is fast, and nothing is shared with the program that is being tested.
+// Every text form judged a second time, as plainly as possible: everything is cut into lists of strings,
+// nothing is fast, and nothing is shared with the program that is being tested.
 
 #include <string>
 #include <vector>

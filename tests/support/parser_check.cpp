@@ -95,7 +95,7 @@ struct PlanParser {
 struct StateParser {
   using Record = InstalledState;
   static bool Read(const std::string& text, Record& record, UpdateError& error) {
-    return ParseInstalledStateText(text, record, error);
+    return ParseInstalledStateText(text, record, error) || (record.present && SayNo(true, error));
   }
   static NaiveVerdict Judge(const std::string& text) { return NaiveInstalledState(text); }
   static std::string Write(const Record& record) {
@@ -172,7 +172,6 @@ void Parse(const std::string& text) {
 template <typename Parser>
 std::wstring Compare(const std::string& text, std::string& fault) {
   typename Parser::Record record{};
-  typename Parser::Record again{};
   UpdateError error;
   const bool accepted = Parser::Read(text, record, error);
   const NaiveVerdict naive = Parser::Judge(text);
@@ -182,7 +181,7 @@ std::wstring Compare(const std::string& text, std::string& fault) {
     const std::string written = Parser::Write(record);
     if (written != naive.rewritten) {
       fault = "written as \"" + written + "\" instead of \"" + naive.rewritten + "\"";
-    } else if (!Parser::Read(written, again, error) || Parser::Write(again) != written) {
+    } else if (!Parser::Read(written, record, error) || Parser::Write(record) != written) {
       fault = "not the same record after writing: " + Narrow(error.Message());
     }
   }

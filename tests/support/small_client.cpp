@@ -152,8 +152,7 @@ std::string SmallClient::WhatIsWrong(const RunRecord& record) const {
       continue;
     }
     std::wstring path = text.substr(root.size() + 1);
-    if (path == kJournal && call.name == "MoveFileExW" &&
-        record.Count("FlushFileBuffers", text + L".new") == 0) {
+    if (path == kJournal && call.name == "MoveFileExW" && !record.IsFlushed(text + L".new")) {
       return "the journal was put in place before it was flushed";
     }
     if (!path.starts_with(kWork) && call.name != "CreateDirectoryW" && call.name != "RemoveDirectoryW") {
