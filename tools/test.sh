@@ -17,11 +17,12 @@ cmake --build --preset "$preset"
 
 # ctest ends its Wine by itself, unless it is interrupted.
 trap 'tools/wine.sh "$build/wine" stop > /dev/null 2>&1' INT TERM HUP
+log=$build/Testing/Temporary/LastTest.log
+rm -f "$log"
 succeeded=yes
 ctest --test-dir "$build" --output-on-failure --parallel 4 ${1:+--tests-regex "$1"} || succeeded=no
 
 # A GoogleTest case ends with a line "[       OK ] Suite.Case (3 ms)", a script's check with "ok - what holds".
-log=$build/Testing/Temporary/LastTest.log
 tr -d '\r' < "$log" > "$log.lines"
 passed=$(grep -cE '^(\[       OK \] |ok - )' "$log.lines" || true)
 failed=$(grep -cE '^(\[  FAILED  \] .* \([0-9]+ ms\)|not ok - )' "$log.lines" || true)

@@ -121,17 +121,17 @@ case $action in
     ;;
   run-tests)
     use_display
-    # Wine's own processes that a program starts inherit its output and outlive it. Given a pipe, whoever reads
-    # it would wait for them too.
     # Two programs that add their counts to one file at the same time would lose some (tools/coverage.sh).
     [ -z "${GCOV_PREFIX:-}" ] || export GCOV_PREFIX="$GCOV_PREFIX/$$"
+    # Wine's own processes that a program starts inherit its output and outlive it. Given a pipe, whoever reads
+    # it would wait for them too.
     output=$(mktemp)
     result=0
     wine "$@" > "$output" 2>&1 < /dev/null || result=$?
     cat "$output"
     # A program that something has killed can look to Wine like one that succeeded.
-    if [ "$result" = 0 ] && ! grep -q '^\[  PASSED  \]' "$output"; then
-      echo "The program ended before its tests did."
+    if [ "$result" = 0 ] && { ! grep -q '^\[  PASSED  \]' "$output" || grep -q '^\[  FAILED  \]' "$output"; }; then
+      echo "The program ended before its tests did, or says that it has succeeded when they have not."
       result=1
     fi
     rm -f "$output"
