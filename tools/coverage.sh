@@ -8,7 +8,7 @@ set -eu
 cd "$(dirname "$0")/.."
 
 tools/setup.sh
-command -v gcovr > /dev/null || apt-get install -y --no-install-recommends gcovr > /dev/null
+command -v gcovr > /dev/null || { echo "coverage.sh: install gcovr first (apt-get install gcovr)" >&2; exit 1; }
 build=build/mingw-coverage
 cmake --preset mingw-coverage > /dev/null
 cmake --build --preset mingw-coverage

@@ -11,7 +11,6 @@
 set -eu
 cd "$(dirname "$0")/.."
 
-# In the order of the list of checks.
 all="manifest journal plan first_plan state path decimal hex handle"
 runs=${1:-1000000}
 [ $# -eq 0 ] || shift
@@ -39,12 +38,10 @@ for source in app/handle_operand core/text_encoding core/update_error formats/ap
   objects="$objects $object"
 done
 
-index=0
 for parser in $all; do
   # shellcheck disable=SC2086
-  "$clang" $flags -fsanitize=fuzzer,address,undefined -DTALVEX_PARSER=$index \
+  "$clang" $flags -fsanitize=fuzzer,address,undefined -DTALVEX_PARSER="\"$parser\"" \
     tools/fuzz/parser_fuzzer.cpp $objects -o "$folder/$parser-fuzzer"
-  index=$((index + 1))
 done
 
 # The parsers allocate little and often: long memories of the checks would cost most of the time.
@@ -68,6 +65,7 @@ for parser in "$@"; do
   }
   executed=$(sed -n 's/^stat::number_of_executed_units: *//p' "$folder/$parser.log")
   total=$((total + executed))
+  echo "$parser: $executed" >> "$folder/counts"  # of every run that came to its end
   echo "$parser: $executed executions, $(sed -n 's/^.*DONE *\(cov: [0-9]* ft: [0-9]*\).*$/\1/p' "$folder/$parser.log")"
 done
 echo "$total executions, no fault"

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <utility>
 
 #include "app/reporting.h"
@@ -44,6 +45,15 @@ void Report(const char* what, double value, const char* unit, double least, doub
   }
   std::printf("%-58s %10.3f %-6s %-16s %s\n", what, value, unit, bound, within ? "" : "MISSED");
   std::fprintf(csv, "\"%s\",%.4f,%s,\"%s\",%s\n", what, value, unit, bound, within ? "yes" : "no");
+}
+
+// A figure of work that was not done would be a good one.
+void Require(bool done, const char* work) {
+  if (!done) {
+    std::fprintf(stderr, "The benchmark could not go on: %s failed (Windows error %lu)\n", work,
+                 GetLastError());
+    ExitProcess(1);
+  }
 }
 
 double Median(std::vector<double> values) {
@@ -89,10 +99,7 @@ double MeasureApply(const Workload& workload) {
   int exit_code = 1;
   const double seconds =
       TimeOf([&] { exit_code = RunApplyTransaction(static_cast<int>(arguments.size()), arguments.data()); });
-  if (exit_code != 0) {
-    std::fprintf(stderr, "The benchmark's update failed.\n");
-    ExitProcess(1);
-  }
+  Require(exit_code == 0, "an update in this process");
   return seconds - kCompletedTextSeconds;
 }
 
@@ -188,30 +195,31 @@ void BenchParsers() {
   Manifest parsed;
   UpdateError error;
   Report("parsing a manifest of 1,024 entries",
-         1000 * TimeOf([&] { static_cast<void>(ParseManifest(AsBytes(manifest_text), parsed, error)); }),
+         1000 * TimeOf([&] { Require(ParseManifest(AsBytes(manifest_text), parsed, error), "parsing"); }),
          "ms", 0, 0);
   const std::string plan = FormatApplyPlan(parsed.digest, install, {});
   std::vector<const ManifestEntry*> found;
   std::vector<const ManifestEntry*> retired;
   Report("parsing a plan of 1,024 rows",
          1000 * TimeOf([&] {
-           static_cast<void>(
-               ParseApplyPlan(AsBytes(plan), parsed, nullptr, parsed.digest, found, retired, error));
+           Require(ParseApplyPlan(AsBytes(plan), parsed, nullptr, parsed.digest, found, retired, error),
+                   "parsing");
          }),
          "ms", 0, 0);
 }
 
-// Runs a program to its end and yields its peak of committed memory in MiB.
+// Runs a program to its end and yields the most physical memory that it used, in MiB.
 double PeakMemory(const std::wstring& program, const std::vector<std::wstring>& arguments,
                   const std::vector<HANDLE>& inherited) {
   double peak = 0;
-  static_cast<void>(test::RunHelper(program, arguments, inherited, [&](DWORD process_id) {
+  const test::HelperResult result = test::RunHelper(program, arguments, inherited, [&](DWORD process_id) {
     const OwnedHandle process(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, process_id));
     PROCESS_MEMORY_COUNTERS counters{};
     if (process.IsValid() && GetProcessMemoryInfo(process.Get(), &counters, sizeof(counters))) {
       peak = std::max(peak, static_cast<double>(counters.PeakWorkingSetSize) / static_cast<double>(kMiB));
     }
-  }));
+  });
+  Require(result.exit_code == 0 && peak != 0, "measuring memory");
   return peak;
 }
 
@@ -239,11 +247,15 @@ void BenchStart() {
       startup.cb = sizeof(startup);
       startup.dwFlags = STARTF_USESTDHANDLES;  // and none given: the verdict goes nowhere
       PROCESS_INFORMATION started{};
-      CreateProcessW(program.c_str(), arguments.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                     &startup, &started);
+      Require(CreateProcessW(program.c_str(), arguments.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                             &startup, &started),
+              "starting a program");
       const OwnedHandle process(started.hProcess);
       const OwnedHandle thread(started.hThread);
       WaitForSingleObject(process.Get(), INFINITE);
+      DWORD exit_code = 1;
+      GetExitCodeProcess(process.Get(), &exit_code);
+      Require(exit_code == 0, "a program");
     });
   };
   std::vector<double> verdict;
@@ -258,7 +270,9 @@ void BenchStart() {
 
 void BenchSize() {
   WIN32_FILE_ATTRIBUTE_DATA data{};
-  GetFileAttributesExW(test::BuiltProgram(L"TalvexUpdateHelper.exe").c_str(), GetFileExInfoStandard, &data);
+  Require(GetFileAttributesExW(test::BuiltProgram(L"TalvexUpdateHelper.exe").c_str(), GetFileExInfoStandard,
+                               &data),
+          "looking for the program");
   Report("size of TalvexUpdateHelper.exe", data.nFileSizeLow / 1024.0, "KiB", 0, 400);
 }
 
@@ -273,7 +287,12 @@ int main(int count, char** arguments) {
   } const benches[] = {{"size", BenchSize},    {"parse", BenchParsers}, {"start", BenchStart},
                        {"hash", BenchHash},    {"memory", BenchMemory}, {"apply", BenchApply},
                        {"growth", BenchGrowth}};
-  csv = count > 1 ? std::fopen(arguments[1], "w") : nullptr;
+  const auto is_known = [&](const char* name) {
+    return std::any_of(std::begin(benches), std::end(benches),
+                       [&](const auto& bench) { return std::strcmp(name, bench.name) == 0; });
+  };
+  csv = count > 1 && std::all_of(arguments + 2, arguments + count, is_known) ? std::fopen(arguments[1], "w")
+                                                                             : nullptr;
   if (csv == nullptr) {
     std::fprintf(stderr, "Usage: bench.exe CSV [NAME...]\n");
     return 2;
@@ -288,5 +307,6 @@ int main(int count, char** arguments) {
     }
   }
   std::fclose(csv);
+  std::printf("%s\n", all_within ? "Every figure keeps its bound." : "Bounds were missed.");
   return all_within ? 0 : 1;
 }

@@ -1,9 +1,12 @@
-// One libFuzzer program for each parser; TALVEX_PARSER is its number in the list of checks.
+// One libFuzzer program for each parser; TALVEX_PARSER is its name in the list of checks.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "tests/support/parser_check.h"
 
@@ -12,7 +15,11 @@ extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, st
 namespace {
 
 const talvex::test::ParserCheck& Check() {
-  return talvex::test::ParserChecks()[TALVEX_PARSER];
+  const std::vector<talvex::test::ParserCheck>& checks = talvex::test::ParserChecks();
+  static const talvex::test::ParserCheck& check =
+      *std::find_if(checks.begin(), checks.end(),
+                    [](const auto& each) { return std::string_view(each.name) == TALVEX_PARSER; });
+  return check;
 }
 
 }  // namespace
