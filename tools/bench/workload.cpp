@@ -55,7 +55,9 @@ ManifestEntry EntryFor(const std::wstring& path, const std::string& relative_pat
 }
 
 // The calls with which an update proves a file two folders deep, and every path that leads to it, anew before
-// each use. None may be left out: a link could have been put there since the last look.
+// each use. None may be left out: a link could have been put there since the last look. The numbers are those
+// of client_root.cpp's operations: two paths resolved and walked for staging, two directories each made sure
+// of for preparation and for installation, and the path walked again for the last proof.
 void MakeCheckCalls(const std::wstring& folder, const std::wstring& path) {
   constexpr int kResolutions = 27;
   constexpr int kLooks = 34;
