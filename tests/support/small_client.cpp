@@ -137,7 +137,7 @@ RunRecord SmallClient::Run(int (*mode)(int, const wchar_t* const*), std::vector<
   const bool may_abandon = record.died || fault.fault != Fault::kNone;
   if (free != WAIT_OBJECT_0 && !(free == WAIT_ABANDONED && may_abandon &&
                                  (record.died || record.calls[fault.index].name == "ReleaseMutex"))) {
-    record.violations.push_back("the lock was not given back");
+    record.violations.emplace_back("the lock was not given back");
   }
   ReleaseMutex(lock_.Get());
   return record;

@@ -16,13 +16,13 @@ namespace talvex::test {
 
 class SmallClient {
  public:
-  // Has `old_release` installed, and its helper run as the running program of every release.
-  SmallClient(TestRelease old_release, TestRelease new_release);
+  // Has `old` installed, and its helper run as the running program of every release.
+  SmallClient(TestRelease old, TestRelease next);
   // The client that another process has made at `existing_root`, as it stands.
-  SmallClient(std::wstring existing_root, TestRelease old_release, TestRelease new_release);
+  SmallClient(std::wstring existing_root, TestRelease old, TestRelease next);
 
   // Exchanges both releases and makes the plan that leads from one to the other: staged by StageAgain.
-  void Offer(TestRelease old_release, TestRelease new_release);
+  void Offer(TestRelease old, TestRelease next);
   // Lays out what is missing of the staged new release, as the client does before it starts the helper.
   void StageAgain() const;
 
