@@ -38,6 +38,7 @@ template <std::size_t size>
 struct Name {
   char text[size]{};
   // cppcheck-suppress noExplicitConstructor ; a literal becomes the argument by itself
+  // NOLINTNEXTLINE(google-explicit-constructor)
   consteval Name(const char (&name)[size]) { std::copy_n(name, size, text); }
   [[nodiscard]] constexpr bool operator==(std::string_view other) const {
     return std::string_view(text) == other;

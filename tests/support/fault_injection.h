@@ -59,7 +59,7 @@ struct RunSettings {
 // The exit code of a process that dies for good.
 inline constexpr UINT kDeathExitCode = 77;
 
-[[nodiscard]] RunRecord RunWithFault(const std::function<int()>& transaction, const FaultPoint& fault,
-                                     const RunSettings& settings);
+[[nodiscard]] RunRecord RunWithFault(const std::function<int()>& transaction, const FaultPoint& point,
+                                     const RunSettings& with);
 
 }  // namespace talvex::test

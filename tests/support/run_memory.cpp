@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace talvex::test {
 namespace {
@@ -47,8 +48,8 @@ void* AllocateBlock(std::size_t size) {
 bool (*count_allocation)() = nullptr;
 
 void FreeRunMemory() {
-  while (run_blocks.next != nullptr) {
-    FreeBlock(run_blocks.next);
+  for (Block* block = std::exchange(run_blocks.next, nullptr); block != nullptr;) {
+    std::free(std::exchange(block, block->next));
   }
 }
 
