@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <thread>
+
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
 #include "tests/support/client_directory.h"
@@ -115,6 +117,13 @@ TEST(Rollback, WorksFromTheKeptHelperInItsPlace) {
   EXPECT_EQ(client.Rollback().exit_code, 0u);
   EXPECT_EQ(TreeDifference(client.ClientFiles(), ClientDirectory::FilesOf(client.old_release)), "");
   EXPECT_FALSE(PathExists(client.Previous(L"rollback.journal")));
+}
+
+TEST(Rollback, TakesOverAnAbandonedLock) {
+  UpdatedClient client;
+  std::thread([&] { WaitForSingleObject(client.lock.Get(), 0); }).join();  // ends while it owns the lock
+  EXPECT_EQ(client.Rollback().exit_code, 0u);
+  client.ExpectPreviousRelease();
 }
 
 struct RefusalCase {
