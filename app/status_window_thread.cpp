@@ -259,8 +259,8 @@ void WindowThread::OpenTrayMenu() noexcept {
   GetCursorPos(&cursor);
   // The menu of a window in the background would not close when the user clicks elsewhere; the WM_NULL at the
   // end is the second half of that remedy.
+  tray_menu_open_ = true;  // set first: the call below can deliver the second report of the same click
   SetForegroundWindow(window_);
-  tray_menu_open_ = true;
   const BOOL command = TrackPopupMenu(menu, TPM_RIGHTBUTTON | TPM_RETURNCMD | TPM_NONOTIFY, cursor.x,
                                       cursor.y, 0, window_, nullptr);
   tray_menu_open_ = false;
@@ -293,7 +293,9 @@ void WindowThread::HandleTrayEvent(UINT event) noexcept {
 
 LRESULT WindowThread::HandleMessage(HWND window, UINT message, WPARAM wparam, LPARAM lparam) noexcept {
   if (message == taskbar_created_ && tray_icon_.IsPresent()) {
-    tray_icon_.Forget();
+    // Explorer has restarted and dropped the icon; or only the display's scale has changed, the icon is still
+    // there, and adding it again would fail.
+    tray_icon_.Remove();
     if (!AddTrayIcon()) {
       RestoreFromTray(Activation::kKeepFocus);
     }

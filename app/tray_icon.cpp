@@ -65,13 +65,9 @@ void TrayIcon::Remove() noexcept {
   if (present_) {
     NOTIFYICONDATAW data = Describe(window_);
     Shell_NotifyIconW(NIM_DELETE, &data);
-    Forget();
+    present_ = false;
+    version_4_ = false;
   }
-}
-
-void TrayIcon::Forget() noexcept {
-  present_ = false;
-  version_4_ = false;
 }
 
 UINT TrayIcon::EventOf(LPARAM parameter) const noexcept {

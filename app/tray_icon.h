@@ -29,11 +29,8 @@ class TrayIcon {
   // Changes the tooltip, if there is an icon.
   void SetTip(const TrayTip& tip) noexcept;
 
-  // Takes the icon away, if there is one.
+  // Takes the icon away, if there is one; it may have been lost with Explorer by then.
   void Remove() noexcept;
-
-  // The notification area was made anew and has lost the icon: there is nothing left to take away.
-  void Forget() noexcept;
 
   // The mouse or keyboard event that a kCallbackMessage with this last parameter reports.
   [[nodiscard]] UINT EventOf(LPARAM parameter) const noexcept;

@@ -324,13 +324,13 @@ TEST_F(StatusWindowTest, AnIconLostWithTheTaskbarIsAddedAgain) {
   const UINT taskbar_created = RegisterWindowMessageW(L"TaskbarCreated");
   StartWith(L"1");
   SendMessageW(Top(), taskbar_created, 0, 0);
-  EXPECT_EQ(shell.Asked(), (Messages{NIM_ADD, NIM_SETVERSION, NIM_ADD, NIM_SETVERSION}));
+  EXPECT_EQ(shell.Asked(), (Messages{NIM_ADD, NIM_SETVERSION, NIM_DELETE, NIM_ADD, NIM_SETVERSION}));
   ExpectShown(false);
   shell.takes_icons = false;
   SendMessageW(Top(), taskbar_created, 0, 0);
   ExpectShown(true);
   SendMessageW(Top(), taskbar_created, 0, 0);  // no icon, nothing lost
-  EXPECT_EQ(shell.Asked().size(), 5u);
+  EXPECT_EQ(shell.Asked().size(), 7u);
 }
 
 TEST_F(StatusWindowTest, StopsWhileTheMenuOfItsIconIsOpen) {
