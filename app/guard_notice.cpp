@@ -55,7 +55,7 @@ int RunGuardNotice(int argument_count, const wchar_t* const* arguments) {
   if (!WaitForClientExit(client)) {
     return kExitFailed;
   }
-  ShowNotice(kNoticeCaption, NoticeFor(arguments[2]));
+  ShowNotice(kNoticeCaption, NoticeFor(arguments[2]).c_str());
   return kExitDone;
 }
 

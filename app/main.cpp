@@ -59,14 +59,14 @@ int RunMode() {
     return kExitUnusable;
   }
   const Mode* const mode = count < 2 ? nullptr : FindMode(arguments.get()[1]);
-  if (mode == nullptr) {
+  try {
+    if (mode != nullptr) {
+      return mode->run(count, arguments.get());
+    }
     WriteConsoleLine(kUsage);
     return kExitUnusable;
-  }
-  try {
-    return mode->run(count, arguments.get());
-  } catch (const std::bad_alloc&) {
-    return kExitFailed;  // without even the memory for a sentence
+  } catch (const std::bad_alloc&) {  // without even the memory for a sentence
+    return mode != nullptr ? kExitFailed : kExitUnusable;
   }
 }
 

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <string>
+
 #include "core/text_encoding.h"
 
 namespace talvex {
@@ -28,18 +30,18 @@ void WriteConsoleLine(std::wstring_view text) {
   WriteFile(output, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
 }
 
-void ShowUpdateFailure(const std::wstring& message) {
+void ShowUpdateFailure(const wchar_t* message) {
   if (console_reporting) {
-    WriteConsoleLine(kErrorPrefix + message);
+    WriteConsoleLine(std::wstring(kErrorPrefix) + message);
     return;
   }
-  MessageBoxW(nullptr, message.empty() ? kUnexplainedFailure : message.c_str(), kUpdateCaption,
+  MessageBoxW(nullptr, *message == L'\0' ? kUnexplainedFailure : message, kUpdateCaption,
               MB_OK | MB_ICONERROR | MB_SETFOREGROUND);
 }
 
-void ShowNotice(const wchar_t* caption, const std::wstring& message) {
+void ShowNotice(const wchar_t* caption, const wchar_t* message) {
   if (!console_reporting) {
-    MessageBoxW(nullptr, message.c_str(), caption, MB_OK | MB_ICONWARNING | MB_SETFOREGROUND);
+    MessageBoxW(nullptr, message, caption, MB_OK | MB_ICONWARNING | MB_SETFOREGROUND);
   }
 }
 

@@ -2,7 +2,6 @@
 
 // How the helper speaks: one line on the console of the process that started it, a message box, an exit code.
 
-#include <string>
 #include <string_view>
 
 namespace talvex {
@@ -25,11 +24,12 @@ inline constexpr wchar_t kUpdateCaption[] = L"Talvex Update";
 void WriteConsoleLine(std::wstring_view text);
 
 // Reports a failed transaction and returns when the user has closed the box. An empty message stands for
-// "The update failed. Your existing files were restored."
-void ShowUpdateFailure(const std::wstring& message);
+// "The update failed. Your existing files were restored." Needs no memory for the box, because memory that
+// ran out is reported as well.
+void ShowUpdateFailure(const wchar_t* message);
 
 // Shows a notice that asks for no decision and returns when the user has closed it. Shows nothing while
 // console_reporting is set.
-void ShowNotice(const wchar_t* caption, const std::wstring& message);
+void ShowNotice(const wchar_t* caption, const wchar_t* message);
 
 }  // namespace talvex

@@ -35,7 +35,7 @@ bool ParseUsableHandle(const wchar_t* text, HANDLE& handle) {
   return true;
 }
 
-int FailWith(const std::wstring& message) {
+int FailWith(const wchar_t* message) {
   ShowUpdateFailure(message);
   return kExitFailed;
 }
@@ -69,9 +69,11 @@ int RunRollbackMode(int argument_count, const wchar_t* const* arguments) {
   // Should memory run out, the journal and the copies stay, and the next run finishes what this one began.
   const bool restored = SucceedsInMemory([&] { return RunRollbackTransaction(client_root, error); });
   handles.ReleaseTransactionHandles();
+  if (!restored && error.IsEmpty()) {
+    return FailWith(kRestoreFailed);
+  }
   if (!restored) {
-    return FailWith(error.IsEmpty() ? std::wstring(kRestoreFailed)
-                                    : std::wstring(kRestoreFailed) + kReasonSeparator + error.Message());
+    return FailWith((std::wstring(kRestoreFailed) + kReasonSeparator + error.Message()).c_str());
   }
   ShowNotice(kUpdateCaption, kRestored);
   return kExitDone;

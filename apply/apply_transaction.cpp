@@ -19,6 +19,7 @@
 #include "core/ascii_case.h"
 #include "core/memory_shortage.h"
 #include "core/publisher_key.h"
+#include "core/regular_file.h"
 #include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
@@ -45,18 +46,19 @@ constexpr std::wstring_view kVerifyingText = L"Verifying update...";
 constexpr const wchar_t* kApplyingText = L"Applying update...";
 constexpr const wchar_t* kCompletedText = L"Update completed. Starting Talvex...";
 
-constexpr std::wstring_view kInvalidData = L"The update helper received invalid transaction data.";
-constexpr std::wstring_view kHandlesLost = L"The update ownership lock was lost.";
-constexpr std::wstring_view kStageOutside =
-    L"The update staging directory is outside this Talvex installation.";
-constexpr std::wstring_view kReleaseInvalid = L"The signed update transaction is invalid.";
-constexpr std::wstring_view kPlanInvalid = L"The update apply plan failed verification.";
-constexpr std::wstring_view kClientStillRuns = L"Talvex did not close in time for the update.";
-constexpr std::wstring_view kLockNotAcquired = L"Talvex could not retain its update ownership lock.";
-constexpr std::wstring_view kRetiredFileStays = L"A retired managed file was not removed.";
-constexpr std::wstring_view kUpdateFailed = L"The update failed.";
-constexpr std::wstring_view kFilesRestored = L"Your existing files were restored.";
-constexpr std::wstring_view kReasonSeparator = L"\n\n";
+// Shown as they are, because some of them tell of memory that ran out.
+constexpr wchar_t kInvalidData[] = L"The update helper received invalid transaction data.";
+constexpr wchar_t kHandlesLost[] = L"The update ownership lock was lost.";
+constexpr wchar_t kStageOutside[] = L"The update staging directory is outside this Talvex installation.";
+constexpr wchar_t kReleaseInvalid[] = L"The signed update transaction is invalid.";
+constexpr wchar_t kPlanInvalid[] = L"The update apply plan failed verification.";
+constexpr wchar_t kClientStillRuns[] = L"Talvex did not close in time for the update.";
+constexpr wchar_t kLockNotAcquired[] = L"Talvex could not retain its update ownership lock.";
+constexpr wchar_t kRetiredFileStays[] = L"A retired managed file was not removed.";
+constexpr wchar_t kUpdateFailed[] = L"The update failed.";
+constexpr wchar_t kFilesRestored[] = L"Your existing files were restored.";
+constexpr wchar_t kWorkDataStays[] = L"The rollback data of this update could not be removed.";
+constexpr wchar_t kReasonSeparator[] = L"\n\n";
 
 // What the client said on the command line: pointers to data that the transaction then proves.
 struct Operands {
@@ -81,7 +83,8 @@ bool ParseOperands(const wchar_t* const* arguments, Operands& operands) {
          IsRealDirectory(operands.stage_root);
 }
 
-// One run, from proven operands on. Each method is one step; a step that returns false has set the error.
+// One run, from proven operands on. Each method is one step; a step that returns false has set the error,
+// unless the check that failed has no message of its own or memory ran out.
 class ApplyTransaction {
  public:
   explicit ApplyTransaction(Operands operands)
@@ -108,7 +111,7 @@ class ApplyTransaction {
     }
     window_.StartStatusWindow(kVerifyingText);
     if (!BuildOperations()) {
-      return FailWith(error_.Message());
+      return FailWith(error_.Message().c_str());
     }
     // Both waits stand before the first change: until they have succeeded the client may be running and
     // using its files.
@@ -119,7 +122,7 @@ class ApplyTransaction {
       return FailWith(kLockNotAcquired);
     }
     if (!ClearStaleRollbackData() || !PrepareRollbackData()) {
-      return FailWith(error_.Message());
+      return FailWith(error_.Message().c_str());
     }
     // Memory that runs out from here on must not end the process with files half replaced: it is a failure
     // like any other.
@@ -130,15 +133,15 @@ class ApplyTransaction {
   }
 
  private:
-  int FailWith(std::wstring_view message) {
+  int FailWith(const wchar_t* message) {
     window_.StopStatusWindow();
-    ShowUpdateFailure(std::wstring(message));
+    ShowUpdateFailure(message);
     handles_.ReleaseTransactionHandles();
     return kExitFailed;
   }
 
-  [[nodiscard]] std::wstring_view ErrorOr(std::wstring_view general) const {
-    return error_.IsEmpty() ? general : std::wstring_view(error_.Message());
+  [[nodiscard]] const wchar_t* ErrorOr(const wchar_t* general) const {
+    return error_.IsEmpty() ? general : error_.Message().c_str();
   }
 
   // The stage root has to be where the manifest's digest says, and no link may lead there or to the place of
@@ -202,7 +205,7 @@ class ApplyTransaction {
 
   [[nodiscard]] bool ClearStaleRollbackData() {
     std::wstring made;
-    return (!PathExists(previous_directory_) || RemoveWorkTree(previous_directory_, error_)) &&
+    return RemovePreviousDirectory(previous_directory_, error_) &&
            CreateUpdateDirectory(work_directory_, kPreviousDirectoryName, made, error_);
   }
 
@@ -212,7 +215,7 @@ class ApplyTransaction {
       return true;
     }
     UpdateError unreported;
-    static_cast<void>(RemoveWorkTree(previous_directory_, unreported));
+    static_cast<void>(RemovePreviousDirectory(previous_directory_, unreported));
     return false;
   }
 
@@ -235,34 +238,40 @@ class ApplyTransaction {
       if (!ResolveCheckedPath(operands_.client_root, entry->normalised_path, path, error_)) {
         return false;
       }
-      if (PathExists(path)) {
+      if (MayExist(path)) {
         return Refuse(error_, kRetiredFileStays);
       }
     }
     return true;
   }
 
-  // The journal on disk says what to restore, as it would to a later run. The rollback data goes only after
-  // everything was restored; otherwise the player still needs the copies.
+  // The journal on disk says what to restore, as it would to a later run.
   [[nodiscard]] bool Restore(UpdateError& restore_error) {
     RollbackJournal journal;
     return ParseRollbackJournal(JoinPath(previous_directory_, kRollbackJournalName), journal,
                                 restore_error) &&
            RestoreFromRollback(operands_.client_root, previous_directory_, journal, operations_,
-                               restore_error) &&
-           RemoveWorkTree(previous_directory_, restore_error);
+                               restore_error);
   }
 
+  // The rollback data goes only after everything was restored; otherwise the player still needs the copies.
   int FailRestored() {
     UpdateError restore_error;
     const bool restored = SucceedsInMemory([&] { return Restore(restore_error); });
-    if (!restored && restore_error.IsEmpty()) {
-      SetRestorationIncomplete(restore_error, rollback_files_directory_);
+    const bool cleared = restored && SucceedsInMemory([&] {
+                           return RemovePreviousDirectory(previous_directory_, restore_error);
+                         });
+    if (!cleared && restore_error.IsEmpty()) {
+      if (restored) {
+        SetError(restore_error, kWorkDataStays);
+      } else {
+        SetRestorationIncomplete(restore_error, rollback_files_directory_);
+      }
     }
     std::wstring message(ErrorOr(kUpdateFailed));
     message += kReasonSeparator;
-    message += restored ? kFilesRestored : std::wstring_view(restore_error.Message());
-    return FailWith(message);
+    message += cleared ? kFilesRestored : restore_error.Message();
+    return FailWith(message.c_str());
   }
 
   // From here on the release counts as installed: nothing that fails now is a reason to take it back.
@@ -279,7 +288,7 @@ class ApplyTransaction {
     const bool relaunched =
         RelaunchClient(operands_.client_root, new_manifest_, handles_.Lock(), client, error_);
     if (!relaunched) {
-      ShowUpdateFailure(error_.Message());
+      ShowUpdateFailure(error_.Message().c_str());
     }
     // Only now: the restarted client has its handle to the mutex, which therefore outlives the helper.
     handles_.ReleaseTransactionHandles();
@@ -329,12 +338,12 @@ int RunApplyTransaction(int argument_count, const wchar_t* const* arguments) {
   try {
     Operands operands;
     if (!ParseOperands(arguments, operands)) {
-      ShowUpdateFailure(std::wstring(kInvalidData));
+      ShowUpdateFailure(kInvalidData);
       return kExitFailed;
     }
     return ApplyTransaction(std::move(operands)).Run();
   } catch (const std::bad_alloc&) {
-    ShowUpdateFailure(std::wstring(kUpdateFailed));
+    ShowUpdateFailure(kUpdateFailed);
     return kExitFailed;
   }
 }

@@ -3,14 +3,13 @@
 // The changes themselves, one atomic file-system operation each. The same operation that changes a file also
 // makes its rollback copy, so there is no moment at which a file of the previous release is nowhere.
 
-#include <windows.h>
-
 #include <cstddef>
 #include <limits>
 #include <span>
 #include <string>
 
 #include "app/status_window.h"
+#include "core/retry.h"
 #include "core/update_error.h"
 #include "formats/apply_operation.h"
 
@@ -20,8 +19,10 @@ namespace talvex {
 inline constexpr std::size_t kNoFaultInjection = std::numeric_limits<std::size_t>::max();
 
 // Carries the operations out in order, setting each applied flag as soon as its change is made, and flushes
-// every installed file. Stops at the first failure and leaves what was done for the caller to restore.
-// Progress is in operations. Messages: those of CreateUpdateDirectory, and
+// every installed file. The directory of a target is held while the target is changed. What somebody else (a
+// virus scanner, an indexer) is in the way of is tried again, for at most two seconds an operation. Stops at
+// the first failure and leaves what was done for the caller to restore. Progress is in operations. Messages:
+// those of CreateUpdateDirectory, and
 //   "An update target changed during installation."
 //   "Could not install a new update file."
 //   "Could not create a rollback copy for a retired update file."
@@ -33,11 +34,8 @@ inline constexpr std::size_t kNoFaultInjection = std::numeric_limits<std::size_t
                                           std::span<ApplyOperation> operations, StatusWindow& window,
                                           std::size_t fault_injection_index, UpdateError& error);
 
-// MoveFileExW, and ReplaceFileW written through, tried up to eight times within two seconds while somebody
-// else (a virus scanner, an indexer) holds the file. False leaves the last attempt's code as the last error.
-[[nodiscard]] bool MoveFileWithRetry(const std::wstring& source, const std::wstring& destination,
-                                     DWORD flags);
+// ReplaceFileW, written through, under the schedule. False leaves the last attempt's code as the last error.
 [[nodiscard]] bool ReplaceFileWithRetry(const std::wstring& replaced, const std::wstring& replacement,
-                                        const std::wstring& backup);
+                                        const std::wstring& backup, RetrySchedule& schedule);
 
 }  // namespace talvex

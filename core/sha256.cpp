@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "core/regular_file.h"
 #include "core/whole_file.h"
 
 namespace talvex {
@@ -128,18 +129,26 @@ bool Sha256OfBuffer(std::span<const std::byte> bytes, Sha256Digest& digest, Upda
   return true;
 }
 
+OwnedHandle OpenFileForHashing(const std::wstring& path, std::uint64_t size_limit, std::uint64_t& size,
+                               UpdateError& error) {
+  return OpenRegularFileForRead(path, size_limit, kHashMessages, size, error);
+}
+
+bool Sha256OfOpenFile(HANDLE file, Sha256Digest& digest, UpdateError& error, HashProgressCallback progress,
+                      void* progress_context) {
+  digest = {};
+  if (!DigestOpenFile(file, digest, progress, progress_context)) {
+    return Refuse(error, kFileDigestFailed);
+  }
+  return true;
+}
+
 bool Sha256OfFile(const std::wstring& path, std::uint64_t size_limit, Sha256Digest& digest,
                   std::uint64_t& size, UpdateError& error, HashProgressCallback progress,
                   void* progress_context) {
   digest = {};
-  const OwnedHandle file = OpenRegularFileForRead(path, size_limit, kHashMessages, size, error);
-  if (!file.IsValid()) {
-    return false;
-  }
-  if (!DigestOpenFile(file.Get(), digest, progress, progress_context)) {
-    return Refuse(error, kFileDigestFailed);
-  }
-  return true;
+  const OwnedHandle file = OpenFileForHashing(path, size_limit, size, error);
+  return file.IsValid() && Sha256OfOpenFile(file.Get(), digest, error, progress, progress_context);
 }
 
 }  // namespace talvex

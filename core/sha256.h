@@ -3,11 +3,14 @@
 // SHA-256 of buffers and files, computed by Windows (CNG). Each call opens and closes its own provider, so
 // that the operations can be called from any thread.
 
+#include <windows.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
 
+#include "core/owned_handle.h"
 #include "core/sha256_digest.h"
 #include "core/update_error.h"
 
@@ -30,5 +33,13 @@ using HashProgressCallback = void (*)(std::uint64_t bytes_digested, void* contex
 [[nodiscard]] bool Sha256OfFile(const std::wstring& path, std::uint64_t size_limit, Sha256Digest& digest,
                                 std::uint64_t& size, UpdateError& error,
                                 HashProgressCallback progress = nullptr, void* progress_context = nullptr);
+
+// The two halves of Sha256OfFile, for a caller who judges the size before anything is read. The file is
+// digested from its current position to its end.
+[[nodiscard]] OwnedHandle OpenFileForHashing(const std::wstring& path, std::uint64_t size_limit,
+                                             std::uint64_t& size, UpdateError& error);
+[[nodiscard]] bool Sha256OfOpenFile(HANDLE file, Sha256Digest& digest, UpdateError& error,
+                                    HashProgressCallback progress = nullptr,
+                                    void* progress_context = nullptr);
 
 }  // namespace talvex

@@ -1,7 +1,12 @@
 #include "core/whole_file.h"
 
+#include <windows.h>
+
 #include <algorithm>
-#include <limits>
+
+#include "core/owned_handle.h"
+#include "core/regular_file.h"
+#include "core/retry.h"
 
 namespace talvex {
 namespace {
@@ -18,34 +23,6 @@ DWORD NextPiece(std::size_t remaining) {
 }
 
 }  // namespace
-
-bool IsRegularFile(HANDLE file) noexcept {
-  BY_HANDLE_FILE_INFORMATION information{};
-  return GetFileInformationByHandle(file, &information) &&
-         (information.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0 &&
-         information.nNumberOfLinks == 1;
-}
-
-OwnedHandle OpenRegularFileForRead(const std::wstring& path, std::uint64_t size_limit,
-                                   const RegularFileMessages& messages, std::uint64_t& size,
-                                   UpdateError& error) {
-  size = 0;
-  OwnedHandle file(
-      CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                  FILE_FLAG_SEQUENTIAL_SCAN | FILE_FLAG_OPEN_REPARSE_POINT | FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!file.IsValid()) {
-    SetWindowsError(error, messages.open_failed, GetLastError());
-    return OwnedHandle();
-  }
-  LARGE_INTEGER found{};
-  if (!GetFileSizeEx(file.Get(), &found) || found.QuadPart < 0 ||
-      static_cast<std::uint64_t>(found.QuadPart) > size_limit || !IsRegularFile(file.Get())) {
-    SetError(error, messages.not_regular);
-    return OwnedHandle();
-  }
-  size = static_cast<std::uint64_t>(found.QuadPart);
-  return file;
-}
 
 bool ReadWholeFile(const std::wstring& path, std::uint32_t size_limit, ByteBuffer& bytes,
                    UpdateError& error) {
@@ -70,9 +47,13 @@ bool ReadWholeFile(const std::wstring& path, std::uint32_t size_limit, ByteBuffe
 }
 
 bool WriteNewFile(const std::wstring& path, std::span<const std::byte> bytes, UpdateError& error) {
-  OwnedHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+  OwnedHandle file;
+  RetrySchedule schedule;  // a deleted file keeps its name while a scanner still reads it
+  if (!schedule.Try([&] {
+        file.Reset(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
                                FILE_FLAG_WRITE_THROUGH | FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!file.IsValid()) {
+        return file.IsValid();
+      })) {
     SetWindowsError(error, kCreateFailed, GetLastError());
     return false;
   }
@@ -80,7 +61,7 @@ bool WriteNewFile(const std::wstring& path, std::span<const std::byte> bytes, Up
   const auto give_up = [&](std::wstring_view prefix, DWORD code) {
     SetWindowsError(error, prefix, code);
     file.Reset();
-    DeleteFileW(path.c_str());
+    DeleteTemporaryFile(path);
     return false;
   };
   while (!bytes.empty()) {
@@ -97,21 +78,31 @@ bool WriteNewFile(const std::wstring& path, std::span<const std::byte> bytes, Up
   return true;
 }
 
+bool MoveIntoPlace(const std::wstring& temporary_path, const std::wstring& path) {
+  RetrySchedule schedule;
+  return MoveFileWithRetry(temporary_path, path, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH,
+                           schedule);
+}
+
+void DeleteTemporaryFile(const std::wstring& path) {
+  RetrySchedule schedule;
+  static_cast<void>(DeleteFileWithRetry(path, schedule));
+}
+
 bool ReplaceWholeFile(const std::wstring& path, const std::wstring& temporary_path,
                       std::span<const std::byte> bytes, std::wstring_view move_failed, MoveFailureText form,
                       UpdateError& error) {
-  DeleteFileW(temporary_path.c_str());  // left by a run that died; WriteNewFile refuses a name that exists
+  DeleteTemporaryFile(temporary_path);  // left by a run that died; WriteNewFile refuses a name that exists
   if (!WriteNewFile(temporary_path, bytes, error)) {
     return false;
   }
-  if (!MoveFileExW(temporary_path.c_str(), path.c_str(),
-                   MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
+  if (!MoveIntoPlace(temporary_path, path)) {
     if (form == MoveFailureText::kSentence) {
       SetError(error, move_failed);
     } else {
-      SetWindowsError(error, move_failed, GetLastError());  // read before DeleteFileW can change it
+      SetWindowsError(error, move_failed, GetLastError());  // read before the deletion can change it
     }
-    DeleteFileW(temporary_path.c_str());
+    DeleteTemporaryFile(temporary_path);
     return false;
   }
   return true;

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/text_lines.h"
@@ -76,8 +77,9 @@ std::string FormatInstalledState(const Manifest& installed) {
 bool LoadInstalledState(std::wstring_view client_root, InstalledState& state, UpdateError& error) {
   state = {};
   const std::wstring path = JoinPath(client_root, kInstalledStateFileName);
-  if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) {
-    return true;
+  const PathKind kind = ProbePath(path);
+  if (kind == PathKind::kAbsent || kind == PathKind::kUnknown) {
+    return true;  // a record that cannot be looked at proves as little as none
   }
   ByteBuffer bytes;
   return ReadWholeFile(path, kSizeLimit, bytes, error) &&

@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "core/regular_file.h"
 #include "formats/signed_manifest.h"
 #include "storage/client_root.h"
 
@@ -23,12 +24,6 @@ constexpr std::wstring_view kChangedRelease =
 struct CacheFile {
   CacheFile(const std::wstring& directory, std::wstring_view name)
       : path(JoinPath(directory, name)), temporary_path(path + std::wstring(kTemporarySuffix)) {}
-
-  [[nodiscard]] bool MoveIntoPlace() const {
-    return MoveFileExW(temporary_path.c_str(), path.c_str(),
-                       MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
-  }
-  void DeleteTemporary() const { DeleteFileW(temporary_path.c_str()); }
 
   std::wstring path;
   std::wstring temporary_path;
@@ -62,18 +57,19 @@ bool SaveVerifiedCache(std::wstring_view client_root, std::span<const std::byte>
   }
   const CacheFile manifest_file(directory, kManifestFileName);
   const CacheFile signature_file(directory, kSignatureFileName);
-  manifest_file.DeleteTemporary();  // left by a run that died; WriteNewFile refuses a name that exists
-  signature_file.DeleteTemporary();
+  DeleteTemporaryFile(manifest_file.temporary_path);  // left by a run that died; its name has to be free
+  DeleteTemporaryFile(signature_file.temporary_path);
 
   bool saved = WriteNewFile(manifest_file.temporary_path, manifest_bytes, error) &&
                WriteNewFile(signature_file.temporary_path, signature, error);
-  if (saved && !(signature_file.MoveIntoPlace() && manifest_file.MoveIntoPlace())) {
+  if (saved && !(MoveIntoPlace(signature_file.temporary_path, signature_file.path) &&
+                 MoveIntoPlace(manifest_file.temporary_path, manifest_file.path))) {
     SetWindowsError(error, kSaveFailed, GetLastError());
     saved = false;
   }
   if (!saved) {
-    manifest_file.DeleteTemporary();
-    signature_file.DeleteTemporary();
+    DeleteTemporaryFile(manifest_file.temporary_path);
+    DeleteTemporaryFile(signature_file.temporary_path);
   }
   return saved;
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "core/ascii_case.h"
+#include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "formats/manifest.h"
 #include "formats/signed_manifest.h"

@@ -4,10 +4,14 @@
 
 #include <string_view>
 
+#include "core/owned_handle.h"
+#include "core/regular_file.h"
 #include "formats/installed_state.h"
 #include "formats/verified_cache.h"
+#include "rollback/recovery_copy.h"
 #include "rollback/rollback_preparation.h"
 #include "storage/client_root.h"
+#include "storage/held_directory.h"
 #include "storage/work_storage.h"
 
 namespace talvex {
@@ -19,48 +23,112 @@ constexpr std::wstring_view kTargetNotRegular = L"An updater rollback target is 
 constexpr std::wstring_view kTargetLinks = L"An updater rollback target has unsafe file links.";
 constexpr std::wstring_view kRemoveFailed = L"Could not remove a file during updater rollback.";
 
-// Whether the installed file should go back to where it was staged: it came from there, and its place there
-// is free.
-bool BelongsBackInStage(const ApplyOperation& operation) {
-  return !operation.retire && !operation.staged_path.empty() && PathExists(operation.target_path) &&
-         !PathExists(operation.staged_path);
+// Keeps the directory of `target` in its place. Without one, or below a plain file, no target is there
+// either.
+PathKind HoldDirectoryOf(const std::wstring& target, RetryBudget& budget, OwnedHandle& held) {
+  RetrySchedule schedule(budget);
+  return HoldParentOf(target, schedule, held);
 }
 
-bool MoveBackToStage(const ApplyOperation& operation) {
-  return MoveFileExW(operation.target_path.c_str(), operation.staged_path.c_str(), MOVEFILE_WRITE_THROUGH) !=
-         0;
+bool IsSafeToChangeBelow(PathKind directory, UpdateError& error) {
+  return directory != PathKind::kUnknown && directory != PathKind::kReparsePoint
+             ? true
+             : Refuse(error, kTargetLinks);
 }
 
-bool UndoOperation(const ApplyOperation& operation, UpdateError& error) {
-  const Presence copy = LookFor(operation.rollback_copy_path);
-  if (copy == Presence::kUnknown) {
+// Whether `target` may be taken away, if it is there.
+bool InspectTarget(const std::wstring& target, RetryBudget& budget, bool& is_there, UpdateError& error) {
+  RetrySchedule schedule(budget);
+  const FileState state = LookWithRetry(schedule, [&] { return InspectFile(target); });
+  is_there = state == FileState::kRegular;
+  switch (state) {
+    case FileState::kAbsent:
+    case FileState::kRegular:
+      return true;
+    case FileState::kNotRegular:
+      return Refuse(error, kTargetNotRegular);
+    default:
+      return Refuse(error, kTargetLinks);
+  }
+}
+
+// Takes an inspected target away: to `staged_path`, when one is given and its place is free; otherwise it is
+// deleted.
+bool TakeAway(const std::wstring& target, const std::wstring& staged_path, RetryBudget& budget,
+              UpdateError& error) {
+  RetrySchedule schedule(budget);
+  if (!staged_path.empty() && ProbePathWithRetry(staged_path, budget) == PathKind::kAbsent) {
+    return MoveFileWithRetry(target, staged_path, MOVEFILE_WRITE_THROUGH, schedule);
+  }
+  return DeleteFileWithRetry(target, schedule) ? true : Refuse(error, kRemoveFailed);
+}
+
+bool RemoveTarget(const std::wstring& target, const std::wstring& staged_path, RetryBudget& budget,
+                  UpdateError& error) {
+  bool is_there = false;
+  return InspectTarget(target, budget, is_there, error) &&
+         (!is_there || TakeAway(target, staged_path, budget, error));
+}
+
+// Order: the source before the target, because a target that has left its place can only come back from a
+// good source. The source stays open, so that what was proven is what is copied.
+bool ReplaceTarget(const std::wstring& copy, const std::wstring& target, const std::wstring& staged_path,
+                   RetryBudget& budget, UpdateError& error) {
+  bool is_there = false;
+  if (!InspectTarget(target, budget, is_there, error)) {
+    return false;
+  }
+  const OwnedHandle source = OpenRecoverySource(copy, GENERIC_READ, budget, error);
+  return source.IsValid() && (!is_there || TakeAway(target, staged_path, budget, error)) &&
+         CopyRecoverySource(copy, target, budget, error);
+}
+
+// The last components are not looked at here: the messages for a target or a copy that is a link are others.
+bool RejectLinkedPaths(const std::wstring& client_root, const ApplyOperation& operation, UpdateError& error) {
+  const std::wstring& relative_path = operation.entry->normalised_path;
+  const std::wstring copies =
+      JoinPath(JoinPath(kWorkDirectoryName, kPreviousDirectoryName), kRollbackFilesName);
+  return RejectReparsePoints(client_root, relative_path, LastComponent::kUnchecked, error) &&
+         RejectReparsePoints(client_root, JoinPath(copies, relative_path), LastComponent::kUnchecked, error);
+}
+
+bool UndoCheckedOperation(const ApplyOperation& operation, RetryBudget& budget, UpdateError& error) {
+  // A retire has no staged path.
+  const PathKind copy = ProbePathWithRetry(operation.rollback_copy_path, budget);
+  if (copy == PathKind::kUnknown) {
     return false;  // whether the file in place is the old or the new one cannot be told: hands off
   }
-  if (copy == Presence::kPresent) {
-    if (BelongsBackInStage(operation) && !MoveBackToStage(operation)) {
-      return false;
-    }
-    return RestoreRecoveryCopy(operation.rollback_copy_path, operation.target_path, error);
+  if (copy != PathKind::kAbsent) {
+    return ReplaceTarget(operation.rollback_copy_path, operation.target_path, operation.staged_path, budget,
+                         error);
   }
-  if (operation.existed) {
-    // Without a copy the file was never moved away, if it is still there.
-    return PathExists(operation.target_path) || RefuseUnlessExplained(error, kCopyMissing);
+  if (!operation.existed) {
+    return RemoveTarget(operation.target_path, operation.staged_path, budget, error);
   }
-  if (BelongsBackInStage(operation)) {
-    return MoveBackToStage(operation);
-  }
-  return RemoveRollbackTarget(operation.target_path, error);
+  // Without a copy the file was never moved away, if it is still there. One that cannot be looked at may be
+  // gone in a moment.
+  const PathKind target = ProbePathWithRetry(operation.target_path, budget);
+  return target != PathKind::kAbsent && target != PathKind::kUnknown ? true : Refuse(error, kCopyMissing);
 }
 
-bool RestoreCacheFile(const std::wstring& cache, const std::wstring& old_cache, std::wstring_view name,
-                      bool existed, UpdateError& error) {
-  const std::wstring target = JoinPath(cache, name);
-  return existed ? RestoreRecoveryCopy(JoinPath(old_cache, name), target, error)
-                 : RemoveRollbackTarget(target, error);
+bool UndoOperation(const std::wstring& client_root, const ApplyOperation& operation, RetryBudget& budget,
+                   UpdateError& error) {
+  // Held before it is checked, so that the check still holds when the target is changed. Checked once more
+  // afterwards, as the directory of the copy is not held.
+  OwnedHandle held;
+  const PathKind directory = HoldDirectoryOf(operation.target_path, budget, held);
+  return RejectLinkedPaths(client_root, operation, error) && IsSafeToChangeBelow(directory, error) &&
+         UndoCheckedOperation(operation, budget, error) && RejectLinkedPaths(client_root, operation, error);
+}
+
+bool RestoreFile(const std::wstring& copy, const std::wstring& target, bool existed, RetryBudget& budget,
+                 UpdateError& error) {
+  return existed ? RestoreRecoveryCopy(copy, target, budget, error)
+                 : RemoveRollbackTarget(target, budget, error);
 }
 
 bool RestoreCache(const std::wstring& client_root, const std::wstring& old_install,
-                  const RollbackJournal& journal, UpdateError& error) {
+                  const RollbackJournal& journal, RetryBudget& budget, UpdateError& error) {
   if (!journal.previous_cache_manifest && !journal.previous_cache_signature) {
     return RemoveWorkTree(JoinPath(client_root, kCacheDirectoryName), error);
   }
@@ -69,8 +137,13 @@ bool RestoreCache(const std::wstring& client_root, const std::wstring& old_insta
     return false;
   }
   const std::wstring old_cache = JoinPath(old_install, kCacheDirectoryName);
-  return RestoreCacheFile(cache, old_cache, kManifestFileName, journal.previous_cache_manifest, error) &&
-         RestoreCacheFile(cache, old_cache, kSignatureFileName, journal.previous_cache_signature, error);
+  const std::wstring manifest = JoinPath(cache, kManifestFileName);
+  OwnedHandle held;
+  return IsSafeToChangeBelow(HoldDirectoryOf(manifest, budget, held), error) &&
+         RestoreFile(JoinPath(old_cache, kManifestFileName), manifest, journal.previous_cache_manifest,
+                     budget, error) &&
+         RestoreFile(JoinPath(old_cache, kSignatureFileName), JoinPath(cache, kSignatureFileName),
+                     journal.previous_cache_signature, budget, error);
 }
 
 }  // namespace
@@ -80,8 +153,10 @@ bool RestoreFromRollback(const std::wstring& client_root, const std::wstring& pr
                          UpdateError& error) {
   UpdateError file_error;
   UpdateError state_error;
-  const bool files_restored = RestoreRollbackFiles(operations, file_error);
-  const bool state_restored = RestoreStateAndCache(client_root, previous_directory, journal, state_error);
+  RetryBudget budget(kMaxRecoveryWaitMs);
+  const bool files_restored = RestoreRollbackFiles(client_root, operations, budget, file_error);
+  const bool state_restored =
+      RestoreStateAndCache(client_root, previous_directory, journal, budget, state_error);
   if (files_restored && state_restored) {
     return true;
   }
@@ -93,11 +168,12 @@ void SetRestorationIncomplete(UpdateError& error, const std::wstring& copy_path)
   SetError(error, std::wstring(kIncomplete) + copy_path);
 }
 
-bool RestoreRollbackFiles(std::span<const ApplyOperation> operations, UpdateError& error) {
+bool RestoreRollbackFiles(const std::wstring& client_root, std::span<const ApplyOperation> operations,
+                          RetryBudget& budget, UpdateError& error) {
   bool all_restored = true;
   for (auto operation = operations.rbegin(); operation != operations.rend(); ++operation) {
     UpdateError operation_error;
-    if (UndoOperation(*operation, operation_error)) {
+    if (UndoOperation(client_root, *operation, budget, operation_error)) {
       continue;
     }
     all_restored = false;
@@ -112,36 +188,23 @@ bool RestoreRollbackFiles(std::span<const ApplyOperation> operations, UpdateErro
 }
 
 bool RestoreStateAndCache(const std::wstring& client_root, const std::wstring& previous_directory,
-                          const RollbackJournal& journal, UpdateError& error) {
+                          const RollbackJournal& journal, RetryBudget& budget, UpdateError& error) {
   const std::wstring old_install = JoinPath(previous_directory, kOldInstallName);
   const std::wstring state = JoinPath(client_root, kInstalledStateFileName);
-  const bool state_restored =
-      journal.previous_state
-          ? RestoreRecoveryCopy(JoinPath(old_install, kInstalledStateFileName), state, error)
-          : RemoveRollbackTarget(state, error);
-  return state_restored && RestoreCache(client_root, old_install, journal, error);
+  OwnedHandle held;  // the directory of the state file, and of the cache
+  return IsSafeToChangeBelow(HoldDirectoryOf(state, budget, held), error) &&
+         RestoreFile(JoinPath(old_install, kInstalledStateFileName), state, journal.previous_state, budget,
+                     error) &&
+         RestoreCache(client_root, old_install, journal, budget, error);
 }
 
-bool RestoreRecoveryCopy(const std::wstring& copy, const std::wstring& target, UpdateError& error) {
-  return RemoveRollbackTarget(target, error) && MakeRecoveryCopy(copy, target, error);
+bool RestoreRecoveryCopy(const std::wstring& copy, const std::wstring& target, RetryBudget& budget,
+                         UpdateError& error) {
+  return ReplaceTarget(copy, target, std::wstring(), budget, error);
 }
 
-bool RemoveRollbackTarget(const std::wstring& target, UpdateError& error) {
-  const DWORD attributes = GetFileAttributesW(target.c_str());
-  if (attributes == INVALID_FILE_ATTRIBUTES && !PathExists(target)) {
-    return true;
-  }
-  // Attributes that could not be read have every bit set.
-  if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) != 0) {
-    return Refuse(error, kTargetNotRegular);
-  }
-  if (!HasSafeFileLinks(target)) {
-    return Refuse(error, kTargetLinks);
-  }
-  if (!DeleteFileW(target.c_str())) {
-    return Refuse(error, kRemoveFailed);
-  }
-  return true;
+bool RemoveRollbackTarget(const std::wstring& target, RetryBudget& budget, UpdateError& error) {
+  return RemoveTarget(target, std::wstring(), budget, error);
 }
 
 }  // namespace talvex

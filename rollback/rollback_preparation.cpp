@@ -7,12 +7,15 @@
 #include <vector>
 
 #include "core/owned_handle.h"
+#include "core/regular_file.h"
 #include "core/sha256.h"
 #include "core/whole_file.h"
 #include "formats/installed_state.h"
 #include "formats/rollback_journal.h"
 #include "formats/verified_cache.h"
+#include "rollback/recovery_copy.h"
 #include "storage/client_root.h"
+#include "storage/work_storage.h"
 
 namespace talvex {
 namespace {
@@ -24,9 +27,6 @@ constexpr std::wstring_view kTargetNotRegular = L"An update target is not a regu
 constexpr std::wstring_view kTargetLinks = L"An update target has unsafe file links.";
 constexpr std::wstring_view kRetiredChanged = L"A retired managed file changed locally and was not deleted.";
 constexpr std::wstring_view kCacheUnsafe = L"The verified update cache directory is unsafe.";
-constexpr std::wstring_view kSourceNotRegular = L"An updater recovery source is not a regular file.";
-constexpr std::wstring_view kCopyFailed = L"Could not create an updater recovery copy.";
-constexpr std::wstring_view kFlushFailed = L"Could not flush an updater recovery copy.";
 constexpr std::wstring_view kHelperUnprepared = L"The update helper could not prepare rollback recovery.";
 
 // `old-install` mirrors the client root, so that the loaders of state and cache can read it in the root's
@@ -70,21 +70,22 @@ bool PrepareOperations(const std::wstring& client_root, const std::wstring& file
 }
 
 bool SaveStateAndCache(const std::wstring& client_root, const std::wstring& previous_directory,
-                       RollbackJournal& journal, UpdateError& error) {
+                       RollbackJournal& journal, RetryBudget& budget, UpdateError& error) {
   const std::wstring old_install = JoinPath(previous_directory, kOldInstallName);
   if (!CopyIfPresent(JoinPath(client_root, kInstalledStateFileName),
-                     JoinPath(old_install, kInstalledStateFileName), journal.previous_state, error)) {
+                     JoinPath(old_install, kInstalledStateFileName), journal.previous_state, budget, error)) {
     return false;
   }
   const std::wstring cache = JoinPath(client_root, kCacheDirectoryName);
-  if (PathExists(cache) && !IsRealDirectory(cache)) {
+  const PathKind cache_kind = ProbePath(cache);
+  if (cache_kind != PathKind::kAbsent && cache_kind != PathKind::kDirectory) {
     return Refuse(error, kCacheUnsafe);
   }
   const std::wstring old_cache = JoinPath(previous_directory, OldCacheName());
   return CopyIfPresent(JoinPath(cache, kManifestFileName), JoinPath(old_cache, kManifestFileName),
-                       journal.previous_cache_manifest, error) &&
+                       journal.previous_cache_manifest, budget, error) &&
          CopyIfPresent(JoinPath(cache, kSignatureFileName), JoinPath(old_cache, kSignatureFileName),
-                       journal.previous_cache_signature, error);
+                       journal.previous_cache_signature, budget, error);
 }
 
 // The path of the running program; empty when Windows does not give it whole.
@@ -96,7 +97,8 @@ std::wstring RunningProgramPath() {
 
 // The helper that will roll back must be one that the new release vouches for: a copy of anything else would
 // be an unsigned program that the client starts later.
-bool SaveRunningHelper(const Manifest& new_manifest, const std::wstring& destination, UpdateError& error) {
+bool SaveRunningHelper(const Manifest& new_manifest, const std::wstring& destination, RetryBudget& budget,
+                       UpdateError& error) {
   const ManifestEntry* const entry = FindManifestEntry(new_manifest, kHelperFileName);
   const std::wstring program = RunningProgramPath();
   if (entry == nullptr || program.empty()) {
@@ -105,8 +107,24 @@ bool SaveRunningHelper(const Manifest& new_manifest, const std::wstring& destina
   Sha256Digest digest;
   std::uint64_t size = 0;
   if (!Sha256OfFile(program, entry->size, digest, size, error) || size != entry->size ||
-      !DigestsEqual(digest, entry->digest) || !MakeRecoveryCopy(program, destination, error)) {
+      !DigestsEqual(digest, entry->digest) || !MakeRecoveryCopy(program, destination, budget, error)) {
     return RefuseUnlessExplained(error, kHelperUnprepared);
+  }
+  return true;
+}
+
+// Whether a retired file is still the one that the previous release installed. No size limit: a file that has
+// grown is a changed file too, and has to be called that; but its size tells, and it is not read to the end.
+bool IsUnchanged(const std::wstring& path, const ManifestEntry& entry, UpdateError& error) {
+  std::uint64_t size = 0;
+  const OwnedHandle file = OpenFileForHashing(path, std::numeric_limits<std::uint64_t>::max(), size, error);
+  if (!file.IsValid()) {
+    return false;
+  }
+  Sha256Digest digest;
+  if (size != entry.size || !Sha256OfOpenFile(file.Get(), digest, error) ||
+      !DigestsEqual(digest, entry.digest)) {
+    return RefuseUnlessExplained(error, kRetiredChanged);
   }
   return true;
 }
@@ -122,74 +140,39 @@ bool PrepareRollback(const std::wstring& client_root, const std::wstring& previo
   }
   RollbackJournal journal;
   journal.manifest_digest = new_manifest.digest;
+  RetryBudget budget(kMaxRecoveryWaitMs);
   const std::wstring recovery = JoinPath(previous_directory, kRecoveryName);
   // Order: the journal last, because a journal on disk promises that everything it names has been saved.
   // Written earlier, a crash at this point would leave a promise that rollback cannot keep.
   return PrepareOperations(client_root, files_directory, operations, journal, error) &&
-         SaveStateAndCache(client_root, previous_directory, journal, error) &&
+         SaveStateAndCache(client_root, previous_directory, journal, budget, error) &&
          WriteNewFile(JoinPath(recovery, kRecoveryManifestName), manifest_bytes, error) &&
          WriteNewFile(JoinPath(recovery, kRecoverySignatureName), signature, error) &&
-         SaveRunningHelper(new_manifest, JoinPath(recovery, kRecoveryHelperName), error) &&
+         SaveRunningHelper(new_manifest, JoinPath(recovery, kRecoveryHelperName), budget, error) &&
          SaveRollbackJournal(JoinPath(previous_directory, kRollbackJournalName), journal, error);
 }
 
 bool CheckUpdateTarget(ApplyOperation& operation, UpdateError& error) {
-  const DWORD attributes = GetFileAttributesW(operation.target_path.c_str());
-  operation.existed = attributes != INVALID_FILE_ATTRIBUTES || PathExists(operation.target_path);
-  if (!operation.existed) {
-    return true;
+  const FileState state = InspectFile(operation.target_path);
+  operation.existed = state != FileState::kAbsent;
+  switch (state) {
+    case FileState::kAbsent:
+      return true;
+    case FileState::kNotRegular:
+      return Refuse(error, kTargetNotRegular);
+    case FileState::kUnsafeLinks:
+    case FileState::kUnknown:
+      return Refuse(error, kTargetLinks);
+    case FileState::kRegular:
+      break;
   }
-  // Attributes that could not be read have every bit set.
-  if ((attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) != 0) {
-    return Refuse(error, kTargetNotRegular);
-  }
-  if (!HasSafeFileLinks(operation.target_path)) {
-    return Refuse(error, kTargetLinks);
-  }
-  if (!operation.retire) {
-    return true;
-  }
-  // No size limit: a file that has grown is a changed file too, and has to be called that.
-  Sha256Digest digest;
-  std::uint64_t size = 0;
-  if (!Sha256OfFile(operation.target_path, std::numeric_limits<std::uint64_t>::max(), digest, size, error) ||
-      size != operation.entry->size || !DigestsEqual(digest, operation.entry->digest)) {
-    return RefuseUnlessExplained(error, kRetiredChanged);
-  }
-  return true;
-}
-
-bool MakeRecoveryCopy(const std::wstring& source, const std::wstring& destination, UpdateError& error) {
-  {
-    const OwnedHandle file(CreateFileW(source.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ, nullptr,
-                                       OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_ATTRIBUTE_NORMAL,
-                                       nullptr));
-    if (!file.IsValid() || !IsRegularFile(file.Get())) {
-      return Refuse(error, kSourceNotRegular);
-    }
-  }
-  if (!CopyFileW(source.c_str(), destination.c_str(), TRUE)) {
-    return Refuse(error, kCopyFailed);
-  }
-  const OwnedHandle copy(CreateFileW(destination.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!copy.IsValid() || !FlushFileBuffers(copy.Get())) {
-    return Refuse(error, kFlushFailed);
-  }
-  return true;
-}
-
-bool HasSafeFileLinks(const std::wstring& path) {
-  const OwnedHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
-                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                     OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-  return file.IsValid() && IsRegularFile(file.Get());
+  return !operation.retire || IsUnchanged(operation.target_path, *operation.entry, error);
 }
 
 bool CopyIfPresent(const std::wstring& source, const std::wstring& destination, bool& present,
-                   UpdateError& error) {
-  present = PathExists(source);
-  return !present || MakeRecoveryCopy(source, destination, error);
+                   RetryBudget& budget, UpdateError& error) {
+  present = ProbePathWithRetry(source, budget) != PathKind::kAbsent;
+  return !present || MakeRecoveryCopy(source, destination, budget, error);
 }
 
 }  // namespace talvex

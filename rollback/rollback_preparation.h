@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/retry.h"
 #include "core/update_error.h"
 #include "formats/apply_operation.h"
 #include "formats/manifest.h"
@@ -25,7 +26,6 @@ inline constexpr std::wstring_view kRecoveryName = L"recovery";
 inline constexpr std::wstring_view kRecoveryManifestName = L"new-manifest.txt";
 inline constexpr std::wstring_view kRecoverySignatureName = L"new-manifest.sig";
 inline constexpr std::wstring_view kRecoveryHelperName = L"rollback-helper.exe";
-inline constexpr std::wstring_view kRollbackJournalName = L"rollback.journal";
 
 // The helper's own entry in every release.
 inline constexpr std::wstring_view kHelperFileName = L"TalvexUpdateHelper.exe";
@@ -49,24 +49,13 @@ inline constexpr std::wstring_view kHelperFileName = L"TalvexUpdateHelper.exe";
 // be the one that the previous release installed: a file that the user changed is never deleted. Messages:
 // those of Sha256OfFile, and
 //   "An update target is not a regular file."
-//   "An update target has unsafe file links."
+//   "An update target has unsafe file links."                      also when it cannot be inspected
 //   "A retired managed file changed locally and was not deleted."
 [[nodiscard]] bool CheckUpdateTarget(ApplyOperation& operation, UpdateError& error);
 
-// Copies the regular file `source` to `destination`, which must not exist, and forces the copy to disk.
-// Messages:
-//   "An updater recovery source is not a regular file."
-//   "Could not create an updater recovery copy."
-//   "Could not flush an updater recovery copy."           the copy stays
-[[nodiscard]] bool MakeRecoveryCopy(const std::wstring& source, const std::wstring& destination,
-                                    UpdateError& error);
-
-// Whether `path`, opened as itself, is a regular file with one link. Asks for attributes only, so that it
-// works while others use the file.
-[[nodiscard]] bool HasSafeFileLinks(const std::wstring& path);
-
-// MakeRecoveryCopy when there is something at `source`; `present` says whether there was.
+// MakeRecoveryCopy when there is something at `source`; `present` says whether there was. What cannot be
+// looked at is not taken for absent.
 [[nodiscard]] bool CopyIfPresent(const std::wstring& source, const std::wstring& destination, bool& present,
-                                 UpdateError& error);
+                                 RetryBudget& budget, UpdateError& error);
 
 }  // namespace talvex

@@ -1,7 +1,5 @@
 #include "rollback/rollback_transaction.h"
 
-#include <windows.h>
-
 #include <string_view>
 #include <utility>
 
@@ -73,10 +71,11 @@ bool RunRollbackTransaction(const std::wstring& client_root, UpdateError& error)
   if (!SaveFailureMarker(client_root, journal.manifest_digest, error)) {
     return false;
   }
-  // The journal first: what is left of the tree after a crash from here on must not look like a promise.
-  DeleteFileW(journal_path.c_str());
+  // What cannot be cleared is harmless: with the journal every copy is still there, and without it the next
+  // update clears the rest.
   UpdateError unreported;
-  static_cast<void>(SucceedsInMemory([&] { return RemoveWorkTree(previous_directory, unreported); }));
+  static_cast<void>(
+      SucceedsInMemory([&] { return RemovePreviousDirectory(previous_directory, unreported); }));
   return true;
 }
 

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "core/ascii_case.h"
+#include "core/regular_file.h"
 
 namespace talvex {
 namespace {
@@ -54,11 +55,6 @@ std::wstring_view TakeComponent(std::wstring_view& rest) {
   const std::wstring_view component = rest.substr(0, end);
   rest.remove_prefix(end == std::wstring_view::npos ? rest.size() : end + 1);
   return component;
-}
-
-bool IsReparsePoint(const std::wstring& path) {
-  const DWORD attributes = GetFileAttributesW(path.c_str());
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
 }
 
 }  // namespace
@@ -117,7 +113,7 @@ bool RejectReparsePoints(std::wstring_view client_directory, std::wstring_view r
     if (relative_path.empty() && last == LastComponent::kUnchecked) {
       return true;
     }
-    if (IsReparsePoint(current)) {
+    if (ProbePath(current) == PathKind::kReparsePoint) {
       return Refuse(error, kReparsePoint);
     }
   }
@@ -169,25 +165,6 @@ bool CreateUpdateDirectory(std::wstring_view client_directory, std::wstring_view
 std::wstring_view ParentOfRelativePath(std::wstring_view relative_path) noexcept {
   const std::size_t separator = relative_path.find_last_of(L"\\/");
   return separator == std::wstring_view::npos ? std::wstring_view() : relative_path.substr(0, separator);
-}
-
-Presence LookFor(const std::wstring& path) {
-  if (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) {
-    return Presence::kPresent;
-  }
-  const DWORD code = GetLastError();
-  return code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND ? Presence::kAbsent
-                                                                      : Presence::kUnknown;
-}
-
-bool PathExists(const std::wstring& path) {
-  return LookFor(path) != Presence::kAbsent;
-}
-
-bool IsRealDirectory(const std::wstring& path) {
-  const DWORD attributes = GetFileAttributesW(path.c_str());
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
-         (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
 }
 
 }  // namespace talvex

@@ -59,15 +59,4 @@ enum class LastComponent { kChecked, kUnchecked };
 // The part of a relative path before its last separator; empty for a name at the top.
 [[nodiscard]] std::wstring_view ParentOfRelativePath(std::wstring_view relative_path) noexcept;
 
-// What a look at a path says. Only Windows' word that there is nothing counts as absence: were a look that
-// failed for another reason taken for it, rollback would leave a new file in its place, or remove an old one.
-enum class Presence { kPresent, kAbsent, kUnknown };
-[[nodiscard]] Presence LookFor(const std::wstring& path);
-
-// Whether something, of whatever kind, exists at `path`, or may exist there.
-[[nodiscard]] bool PathExists(const std::wstring& path);
-
-// Whether `path` is a directory and not a reparse point.
-[[nodiscard]] bool IsRealDirectory(const std::wstring& path);
-
 }  // namespace talvex

@@ -3,8 +3,11 @@
 #include <windows.h>
 
 #include "core/ascii_case.h"
+#include "core/owned_handle.h"
+#include "core/regular_file.h"
 #include "storage/client_root.h"
 #include "storage/directory_listing.h"
+#include "storage/held_directory.h"
 
 namespace talvex {
 namespace {
@@ -16,6 +19,10 @@ constexpr std::wstring_view kTreeFileStays = L"Could not remove old updater work
 constexpr std::wstring_view kTreeDirectoryStays = L"Could not remove an old updater directory.";
 constexpr std::wstring_view kStorageHasReparsePoint = L"Updater storage contains an unsafe reparse point.";
 constexpr std::wstring_view kStorageFileStays = L"Could not remove stale updater data.";
+
+void ClearAttributes(const std::wstring& path) {
+  SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);  // a read-only file could not be deleted
+}
 
 bool RemoveListedEntries(const std::wstring& directory, DirectoryListing& listing, UpdateError& error) {
   for (; listing.AtEntry(); listing.Advance()) {
@@ -29,7 +36,7 @@ bool RemoveListedEntries(const std::wstring& directory, DirectoryListing& listin
       }
       continue;
     }
-    SetFileAttributesW(child.c_str(), FILE_ATTRIBUTE_NORMAL);  // a read-only file could not be deleted
+    ClearAttributes(child);
     if (!DeleteFileW(child.c_str())) {
       return Refuse(error, kTreeFileStays);
     }
@@ -37,32 +44,95 @@ bool RemoveListedEntries(const std::wstring& directory, DirectoryListing& listin
   return true;
 }
 
-}  // namespace
-
-bool RemoveWorkTree(const std::wstring& directory, UpdateError& error) {
-  if (!IsRealDirectory(directory)) {
-    return PathExists(directory) ? Refuse(error, kTreeUnsafe) : true;
+// A directory or a reparse point of the name is no journal, and left to the walk. What deletion says is not
+// enough: while somebody has the journal open, it stands although it was deleted.
+bool RemoveJournal(const std::wstring& path, UpdateError& error) {
+  const PathKind kind = ProbePath(path);
+  if (kind == PathKind::kDirectory || kind == PathKind::kReparsePoint) {
+    return true;
   }
+  if (kind == PathKind::kFile) {
+    ClearAttributes(path);
+    DeleteFileW(path.c_str());
+  }
+  return MayExist(path) ? Refuse(error, kTreeFileStays) : true;
+}
+
+enum class Journal { kNone, kFirst };
+
+// `journal`: whether the directory may hold one, which then goes first.
+bool RemoveTree(const std::wstring& directory, Journal journal, UpdateError& error) {
+  const PathKind kind = ProbePath(directory);
+  if (kind != PathKind::kDirectory) {
+    return kind == PathKind::kAbsent ? true : Refuse(error, kTreeUnsafe);
+  }
+  OwnedHandle held;
+  switch (HoldDirectory(directory, held)) {
+    case PathKind::kDirectory:
+      break;
+    case PathKind::kAbsent:
+      return true;
+    case PathKind::kUnknown:
+      return Refuse(error, kTreeUnreadable);
+    default:
+      return Refuse(error, kTreeUnsafe);
+  }
+  if (journal == Journal::kFirst && !RemoveJournal(JoinPath(directory, kRollbackJournalName), error)) {
+    return false;
+  }
+  bool has_entries = true;  // "." and ".." at least
   {
     DirectoryListing listing(directory);
-    if (listing.OpenError() == ERROR_FILE_NOT_FOUND) {
-      return RemoveDirectoryW(directory.c_str()) != 0;
-    }
-    if (listing.OpenError() != ERROR_SUCCESS) {
+    has_entries = listing.OpenError() != ERROR_FILE_NOT_FOUND;
+    if (has_entries && listing.OpenError() != ERROR_SUCCESS) {
       return Refuse(error, kTreeUnreadable);
     }
     if (!RemoveListedEntries(directory, listing, error)) {
       return false;
     }
   }
+  // A held directory cannot be removed. What takes its place from now on is removed, if it is an empty
+  // directory or a link, but never entered.
+  held.Reset();
   if (!RemoveDirectoryW(directory.c_str())) {
-    return Refuse(error, kTreeDirectoryStays);
+    return has_entries ? Refuse(error, kTreeDirectoryStays) : false;
   }
   return true;
 }
 
+}  // namespace
+
+bool RemoveWorkTree(const std::wstring& directory, UpdateError& error) {
+  return RemoveTree(directory, Journal::kNone, error);
+}
+
+// The work directory was checked long before it comes to this. Held, it can no longer be exchanged for a
+// link.
+bool RemovePreviousDirectory(const std::wstring& previous_directory, UpdateError& error) {
+  OwnedHandle held;
+  switch (HoldDirectory(std::wstring(ParentOfRelativePath(previous_directory)), held)) {
+    case PathKind::kUnknown:
+      return Refuse(error, kTreeUnreadable);
+    case PathKind::kReparsePoint:
+      return Refuse(error, kTreeUnsafe);
+    default:
+      return RemoveTree(previous_directory, Journal::kFirst, error);
+  }
+}
+
 bool ClearWorkDirectoryExcept(const std::wstring& directory, std::wstring_view kept_name,
                               UpdateError& error) {
+  OwnedHandle held;
+  switch (HoldDirectory(directory, held)) {
+    case PathKind::kDirectory:
+      break;
+    case PathKind::kReparsePoint:
+      return Refuse(error, kStorageHasReparsePoint);
+    case PathKind::kUnknown:
+      return Refuse(error, kTreeUnreadable);
+    default:
+      return true;  // nothing there that could hold stale data
+  }
   for (DirectoryListing listing(directory); listing.AtEntry(); listing.Advance()) {
     if (EqualIgnoringAsciiCase(listing.Name(), kept_name)) {
       continue;

@@ -8,9 +8,53 @@
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
 #include "tests/support/client_directory.h"
+#include "tests/support/import_patch.h"
 
 namespace talvex::test {
 namespace {
+
+// What the patched calls are told and tell, and the calls themselves, taken before anything is patched.
+DWORD slept_ms = 0;
+int replacements_to_fail = 0;
+DWORD exchange_error = ERROR_SUCCESS;
+const auto real_replace = ImportedFunction<decltype(ReplaceFileW)>("ReplaceFileW");
+const auto real_open = ImportedFunction<decltype(CreateFileW)>("CreateFileW");
+const auto real_delete = ImportedFunction<decltype(DeleteFileW)>("DeleteFileW");
+
+void WINAPI CountTheSleep(DWORD ms) {
+  slept_ms += ms;
+}
+
+BOOL WINAPI ReplaceAfterFailures(const wchar_t* replaced, const wchar_t* replacement, const wchar_t* backup,
+                                 DWORD flags, void* exclude, void* reserved) {
+  if (replacements_to_fail-- > 0) {
+    SetLastError(ERROR_USER_MAPPED_FILE);
+    return FALSE;
+  }
+  return real_replace(replaced, replacement, backup, flags, exclude, reserved);
+}
+
+HANDLE WINAPI FailToOpenForWriting(const wchar_t* path, DWORD access, DWORD share,
+                                   SECURITY_ATTRIBUTES* security, DWORD creation, DWORD flags, HANDLE model) {
+  if ((access & GENERIC_WRITE) != 0) {
+    SetLastError(ERROR_SHARING_VIOLATION);
+    return INVALID_HANDLE_VALUE;
+  }
+  return real_open(path, access, share, security, creation, flags, model);
+}
+
+BOOL WINAPI TryToExchangeAndReplace(const wchar_t* replaced, const wchar_t* replacement,
+                                    const wchar_t* backup, DWORD flags, void* exclude, void* reserved) {
+  const std::wstring directory(ParentOfRelativePath(replaced));
+  exchange_error = MoveFileW(directory.c_str(), (directory + L"-away").c_str()) ? 0 : GetLastError();
+  return real_replace(replaced, replacement, backup, flags, exclude, reserved);
+}
+
+BOOL WINAPI FailToDeleteWhatGoesByItself(const wchar_t* path) {
+  const BOOL deleted = real_delete(path);
+  SetLastError(deleted ? ERROR_ACCESS_DENIED : GetLastError());
+  return FALSE;
+}
 
 // A client with the file "present", a release staged that replaces it and adds "added", and "gone" retired.
 class Installation : public testing::Test {
@@ -101,25 +145,45 @@ TEST_F(Installation, RefusesAnInstalledFileWithASecondLink) {
   EXPECT_TRUE(operations_[1].applied);
 }
 
+TEST_F(Installation, SharesOneScheduleBetweenTheReplacementAndTheFlush) {
+  const ImportPatch sleep("Sleep", &CountTheSleep);
+  const ImportPatch replace("ReplaceFileW", &ReplaceAfterFailures);
+  const ImportPatch open("CreateFileW", &FailToOpenForWriting);
+  slept_ms = 0;
+  replacements_to_fail = 7;
+  EXPECT_EQ(Install(), L"An updated file could not be flushed safely before restart.");
+  EXPECT_EQ(slept_ms, 1'950u);
+  EXPECT_TRUE(operations_[0].applied);
+}
+
+TEST_F(Installation, KeepsTheDirectoryOfATargetInItsPlace) {
+  const ImportPatch replace("ReplaceFileW", &TryToExchangeAndReplace);
+  EXPECT_EQ(Install(), L"");
+  EXPECT_EQ(exchange_error, DWORD{ERROR_SHARING_VIOLATION});
+}
+
 TEST_F(Installation, RetriesOnlyWhatMayPass) {
-  const auto milliseconds = [](const auto& work) {
-    const ULONGLONG start = GetTickCount64();
-    EXPECT_FALSE(work());
-    return GetTickCount64() - start;
-  };
-  EXPECT_LT(milliseconds([&] {
-              return ReplaceFileWithRetry(root_ / L"absent", root_ / L"stage\\added",
-                                          root_ / L"copies\\absent");
-            }),
-            1'000u);
+  const ImportPatch sleep("Sleep", &CountTheSleep);
+  slept_ms = 0;
+  RetrySchedule schedule;
+  EXPECT_FALSE(
+      ReplaceFileWithRetry(root_ / L"absent", root_ / L"stage\\added", root_ / L"copies\\absent", schedule));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
+  EXPECT_EQ(slept_ms, 0u);
   const OwnedHandle holder(CreateFileW((root_ / L"gone").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                        OPEN_EXISTING, 0, nullptr));
-  const ULONGLONG waited = milliseconds(
-      [&] { return MoveFileWithRetry(root_ / L"gone", root_ / L"copies\\gone", MOVEFILE_WRITE_THROUGH); });
+  EXPECT_FALSE(MoveFileWithRetry(root_ / L"gone", root_ / L"copies\\gone", MOVEFILE_WRITE_THROUGH, schedule));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_SHARING_VIOLATION});
-  EXPECT_GE(waited, 1'900u);
-  EXPECT_LT(waited, 4'000u);
+  EXPECT_EQ(slept_ms, 1'950u);
+}
+
+// Somebody else's deletion is as good as one's own, but only once there was something to delete.
+TEST_F(Installation, TakesAFileForDeletedThatIsGoneAtALaterAttempt) {
+  RetrySchedule schedule;
+  EXPECT_FALSE(DeleteFileWithRetry(root_ / L"absent", schedule));
+  const ImportPatch sleep("Sleep", &CountTheSleep);
+  const ImportPatch patch("DeleteFileW", &FailToDeleteWhatGoesByItself);
+  EXPECT_TRUE(DeleteFileWithRetry(root_ / L"gone", schedule));
 }
 
 }  // namespace

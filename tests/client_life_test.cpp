@@ -9,6 +9,7 @@
 
 #include <functional>
 
+#include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
 #include "tests/support/client_directory.h"
@@ -217,7 +218,7 @@ TEST(ClientLife, SettlesAnUpdateWhoseHelperWasKilled) {
     const Tree before = life.InterruptUpdate(c.first_change, c.held);
     life.ExpectRolledBack(life.Start(), 4, c.reason, before, life.two);
     life.ExpectInstalled(life.two, life.Update(life.two));
-    EXPECT_FALSE(PathExists(life.At(L"TalvexUpdateFailure.dat")));
+    EXPECT_FALSE(MayExist(life.At(L"TalvexUpdateFailure.dat")));
   }
 }
 
@@ -226,6 +227,24 @@ TEST(ClientLife, LetsANewerReleaseInWhenNothingCanBeRestored) {
   life.InterruptUpdate(L"Data\\a.bin", L"z.bin");
   DeleteFileW(life.At(L".talvex-update\\previous\\recovery\\new-manifest.txt").c_str());
   EXPECT_EQ(life.Start().exit_code, 1u);
+  life.ExpectInstalled(life.two, life.Update(life.two));
+}
+
+// Nobody can roll back with them: what is whole needs them no longer, and what is not is not played.
+TEST(ClientLife, ClearsCopiesWithoutAJournalOrWaitsForAnUpdate) {
+  ClientLife life;
+  life.ExpectInstalled(life.one, life.Update(life.one));
+  const std::wstring copy = life.At(L".talvex-update\\previous\\files\\z.bin");
+  WriteTestFile(copy, "zero");
+  EXPECT_EQ(life.Start().log, "running release=1.0 sequence=1\n");
+  EXPECT_EQ(TreeDifference(ReadTree(life.At(L".talvex-update")), {}), "");
+  WriteTestFile(copy, "zero");
+  WriteTestFile(life.At(L"z.bin"), "Z");
+  const Outcome outcome = life.Start();
+  EXPECT_EQ(outcome.exit_code, 1u);
+  EXPECT_EQ(outcome.log,
+            "broken: z.bin: A file differs from its release.\n"
+            "ERROR: z.bin: A file differs from its release.\n");
   life.ExpectInstalled(life.two, life.Update(life.two));
 }
 

@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "storage/client_root.h"
@@ -15,7 +16,7 @@ namespace talvex::test {
 namespace {
 
 std::string WaitForReport(const std::wstring& path) {
-  for (int i = 0; i < 500 && !PathExists(path); ++i) {
+  for (int i = 0; i < 500 && !MayExist(path); ++i) {
     Sleep(20);
   }
   return ReadTestFile(path);
@@ -130,14 +131,16 @@ TEST(Update, WaitsForTheClientToExitBeforeAnythingChanges) {
   ExpectInstalled(client, client.new_release);
 }
 
-TEST(Update, WaitsForAFileThatIsHeldForASecond) {
+class HeldFiles : public testing::TestWithParam<const wchar_t*> {};
+
+TEST_P(HeldFiles, AreWaitedForASecond) {
   ClientDirectory client;
   client.Prepare();
-  OwnedHandle holder = HoldAgainstChange(client.At(L"Data\\deep\\er\\b.bin"));
+  OwnedHandle holder = HoldAgainstChange(client.At(GetParam()));
   const std::wstring journal = client.At(L".talvex-update\\previous\\rollback.journal");
   ULONGLONG changing_since = 0;
   const HelperResult result = client.Run(L"--apply-plan", client.ApplyOperands(), [&](DWORD) {
-    if (changing_since == 0 && PathExists(journal)) {
+    if (changing_since == 0 && MayExist(journal)) {
       changing_since = GetTickCount64();
     } else if (changing_since != 0 && GetTickCount64() - changing_since > 1'000) {
       holder.Reset();
@@ -146,6 +149,42 @@ TEST(Update, WaitsForAFileThatIsHeldForASecond) {
   EXPECT_EQ(result.exit_code, 0u) << WideToUtf8(result.message);
   WaitForReport(client.report);
   ExpectInstalled(client, client.new_release);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, HeldFiles,
+                         testing::Values(L"Data\\deep\\er\\b.bin", L"TalvexUpdateState.dat",
+                                         L".talvex-update-cache\\manifest.txt",
+                                         L".talvex-update-cache\\manifest.sig"));
+
+// Somebody holds a part of what the last update has kept. Nothing of it may go before its journal: half of it
+// would let a rollback mix two releases.
+TEST(Update, ClearsTheJournalOfTheLastOneFirst) {
+  for (const std::wstring held : {L"files\\TalvexUpdateHelper.exe", L"rollback.journal"}) {
+    ClientDirectory client;
+    client.Prepare();
+    ASSERT_EQ(client.Apply().exit_code, 0u);
+    WaitForReport(client.report);
+    client.new_release.name = "3.0";
+    client.new_release.sequence = 3;
+    client.new_release.files["Data/a.bin"] = "third";
+    client.plan = {{"Data/a.bin"}, {}};
+    client.stage = StageTestRelease(client.new_release, client.plan, client.root);
+    const Tree before = client.ClientFiles();
+    OwnedHandle holder = HoldAgainstChange(client.At(L".talvex-update\\previous\\" + held));
+    EXPECT_EQ(client.Apply().message, L"Could not remove old updater work data.");
+    EXPECT_EQ(TreeDifference(client.ClientFiles(), before), "");
+    holder.Reset();
+    if (held == L"rollback.journal") {  // every copy is still there
+      EXPECT_EQ(client.Rollback().exit_code, 0u);
+      EXPECT_EQ(TreeDifference(client.ClientFiles(), ClientDirectory::FilesOf(client.old_release)), "");
+      continue;
+    }
+    EXPECT_EQ(client.Rollback().exit_code, 1u);
+    EXPECT_EQ(TreeDifference(client.ClientFiles(), before), "");
+    EXPECT_EQ(client.Apply().exit_code, 0u);
+    WaitForReport(client.report);
+    ExpectInstalled(client, client.new_release);
+  }
 }
 
 TEST(Update, StaysInstalledWhenTheClientCannotBeStarted) {
@@ -404,7 +443,7 @@ TEST(Failure, ThatCannotBePutRightSaysWhy) {
   EXPECT_TRUE(result.message.starts_with(
       L"Could not create a rollback copy for a retired update file.\n\nCould not open file: "))
       << WideToUtf8(result.message);
-  EXPECT_TRUE(PathExists(client.At(L".talvex-update\\previous\\files\\Data\\a.bin")));
+  EXPECT_TRUE(MayExist(client.At(L".talvex-update\\previous\\files\\Data\\a.bin")));
 }
 
 }  // namespace

@@ -3,9 +3,11 @@
 #include <windows.h>
 
 #include "core/owned_handle.h"
+#include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
 #include "storage/work_storage.h"
+#include "tests/support/import_patch.h"
 #include "tests/support/scratch_directory.h"
 
 namespace talvex::test {
@@ -128,6 +130,28 @@ TEST(UpdateDirectories, AreMadeWholeAndNeverThroughAnythingElse) {
   EXPECT_TRUE(ReadTree(scratch / L"elsewhere").empty());
 }
 
+// What the patched calls below are told, and the calls themselves, taken before anything is patched.
+std::wstring pending_path;
+std::wstring exchanged;
+DWORD exchange_error = ERROR_SUCCESS;
+const auto real_get_attributes = ImportedFunction<decltype(GetFileAttributesW)>("GetFileAttributesW");
+const auto real_delete = ImportedFunction<decltype(DeleteFileW)>("DeleteFileW");
+
+DWORD WINAPI AnswerDeletePending(const wchar_t* path) {
+  if (pending_path != path) {
+    return real_get_attributes(path);
+  }
+  SetLastError(ERROR_ACCESS_DENIED);
+  return INVALID_FILE_ATTRIBUTES;
+}
+
+BOOL WINAPI TryToExchangeAndDelete(const wchar_t* path) {
+  if (!MoveFileW(exchanged.c_str(), (exchanged + L"-away").c_str()) && exchange_error == ERROR_SUCCESS) {
+    exchange_error = GetLastError();
+  }
+  return real_delete(path);
+}
+
 class WorkTrees : public testing::Test {
  protected:
   WorkTrees() {
@@ -167,6 +191,43 @@ TEST_F(WorkTrees, StopAtAFileInUse) {
                                        nullptr, OPEN_EXISTING, 0, nullptr));
   EXPECT_FALSE(RemoveWorkTree(tree_, error_));
   EXPECT_EQ(error_.Message(), L"Could not remove old updater work data.");
+}
+
+TEST_F(WorkTrees, LoseTheirJournalFirstOrNothing) {
+  const std::wstring journal = tree_ + L"\\rollback.journal";
+  WriteTestFile(journal, "j");
+  const Tree before = ReadTree(tree_);
+  OwnedHandle holder(
+      CreateFileW(journal.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+  EXPECT_FALSE(RemovePreviousDirectory(tree_, error_));
+  EXPECT_EQ(error_.Message(), L"Could not remove old updater work data.");
+  EXPECT_EQ(ReadTree(tree_), before);
+  // Open to be deleted, it is only gone when its reader is.
+  holder = OwnedHandle(CreateFileW(journal.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                                   nullptr, OPEN_EXISTING, 0, nullptr));
+  const ImportPatch pending("GetFileAttributesW", &AnswerDeletePending);
+  pending_path = journal;
+  EXPECT_FALSE(RemovePreviousDirectory(tree_, error_));
+  pending_path.clear();
+  holder.Reset();
+  EXPECT_EQ(ReadTestFile(tree_ + L"\\a\\deep\\file"), "1");
+
+  WriteTestFile(journal, "j");
+  SetFileAttributesW(journal.c_str(), FILE_ATTRIBUTE_READONLY);
+  EXPECT_TRUE(RemovePreviousDirectory(tree_, error_));
+  EXPECT_FALSE(MayExist(tree_));
+  MakeTestDirectory(journal);  // no journal, and no more than any other directory
+  EXPECT_TRUE(RemovePreviousDirectory(tree_, error_));
+  EXPECT_FALSE(MayExist(tree_));
+}
+
+// Whoever could exchange a directory between two deletions would choose what is deleted.
+TEST_F(WorkTrees, CannotBeExchangedWhileTheyAreWalked) {
+  const ImportPatch patch("DeleteFileW", &TryToExchangeAndDelete);
+  exchanged = tree_ + L"\\a";
+  exchange_error = ERROR_SUCCESS;
+  EXPECT_TRUE(RemoveWorkTree(tree_, error_));
+  EXPECT_EQ(exchange_error, DWORD{ERROR_SHARING_VIOLATION});
 }
 
 TEST_F(WorkTrees, AreClearedExceptForOneName) {

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include "core/publisher_key.h"
+#include "core/regular_file.h"
 #include "core/sha256.h"
 #include "core/whole_file.h"
 #include "formats/text_lines.h"
@@ -74,7 +75,7 @@ bool CheckFiles(const std::wstring& client_root, const Sha256Digest* expected, M
 
 bool TryToStart(const std::wstring& client_root, UpdateError& error) {
   const std::wstring path = JoinPath(client_root, kStartScriptName);
-  if (!PathExists(path)) {
+  if (!MayExist(path)) {
     return true;
   }
   ByteBuffer script;

@@ -15,7 +15,7 @@
 //   restarted after an update                    by the helper, with its handoff
 //   found an unfinished update                   a rollback journal that no client has settled
 //   healthy release=ID sequence=N                the check after an update passed
-//   broken: REASON                               ... or did not
+//   broken: REASON                               ... or did not; or the one that clears what an update left
 //   rollback started
 //   no rollback: REASON                          ... and the newer release goes in instead
 //   may be installed again                       the release rolled back was cut off, never started
@@ -37,6 +37,7 @@
 #include <utility>
 
 #include "core/publisher_key.h"
+#include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "examples/client/client_lock.h"
 #include "examples/client/handoff.h"
@@ -46,9 +47,9 @@
 #include "examples/client/release_offer.h"
 #include "examples/client/staging.h"
 #include "formats/failure_marker.h"
+#include "formats/installed_state.h"
 #include "formats/rollback_journal.h"
 #include "formats/verified_cache.h"
-#include "rollback/rollback_preparation.h"
 #include "storage/client_root.h"
 #include "storage/work_storage.h"
 
@@ -119,14 +120,19 @@ class Client {
     RemoveOldHelpers(client_root_);
     LiftMarkerOfInterrupted();
     const bool updates = !release_directory.empty();
-    if ((handoff.present || PathExists(journal_)) && !SettleUpdate(handoff)) {
+    // In both cases a newer release can still make the directory whole: the player must not be locked out of
+    // it.
+    if (!handoff.present && !MayExist(journal_)) {
+      if (!ClearLeftoverData(error) && !updates) {
+        return Fail(error);
+      }
+    } else if (!SettleUpdate(handoff)) {
       if (RollBack(updates, error)) {
         return kExitRollbackStarted;
       }
       if (!updates) {
         return Fail(error);
       }
-      // A newer release can still make the directory whole: the player must not be locked out of it.
       LogLine(L"no rollback: " + error.Message());
     }
     return updates ? Update(release_directory) : Play();
@@ -162,15 +168,31 @@ class Client {
     }
     LogLine(L"healthy " + Describe(installed));
     DeleteFileW(failed_note_.c_str());
-    // The journal before the copies: cut off in between, a journal would promise copies that are gone.
-    if (DeleteFileW(journal_.c_str())) {
-      static_cast<void>(RemoveWorkTree(previous_directory_, error));  // the next update clears what stays
+    static_cast<void>(
+        RemovePreviousDirectory(previous_directory_, error));  // the next update clears what stays
+    return true;
+  }
+
+  // Copies without a journal can undo nothing: an update that had changed nothing yet has left them, or a
+  // clearing that was cut off. The release is whole, then, and nobody needs them. One that is not whole
+  // cannot be rolled back, and is not played either: an update repairs it.
+  bool ClearLeftoverData(UpdateError& error) const {
+    if (!MayExist(previous_directory_)) {
+      return true;
     }
+    Manifest installed;
+    if (MayExist(JoinPath(client_root_, kInstalledStateFileName)) &&
+        !CheckFiles(client_root_, nullptr, installed, error)) {
+      LogLine(L"broken: " + error.Message());
+      return false;
+    }
+    UpdateError unreported;
+    static_cast<void>(RemovePreviousDirectory(previous_directory_, unreported));  // or the next update does
     return true;
   }
 
   bool IsHealthy(const Handoff& handoff, Manifest& installed, UpdateError& error) const {
-    if (PathExists(failed_note_)) {
+    if (MayExist(failed_note_)) {
       return Refuse(error, kDiedAtStart);
     }
     if (!CheckFiles(client_root_, handoff.present ? &handoff.manifest_digest : nullptr, installed, error)) {
@@ -192,18 +214,18 @@ class Client {
     return ParseRollbackJournal(journal_, journal, unreported) &&
            std::any_of(journal.entries.begin(), journal.entries.end(), [&](const RollbackEntry& row) {
              return !row.retired && !row.existed && FindManifestEntry(installed, row.wide_path) == nullptr &&
-                    PathExists(JoinPath(client_root_, row.wide_path));
+                    MayExist(JoinPath(client_root_, row.wide_path));
            });
   }
 
   // True when the helper was started. A rollback that was cut off is run again; but one that failed may fail
   // for ever, so with a newer release at hand only one is tried.
   bool RollBack(bool has_release, UpdateError& error) {
-    if (has_release && PathExists(restoring_note_)) {
+    if (has_release && MayExist(restoring_note_)) {
       return Refuse(error, kRestoredInVain);
     }
     LeaveNote(restoring_note_);
-    if (!PathExists(failed_note_)) {
+    if (!MayExist(failed_note_)) {
       LeaveNote(interrupted_note_);
     }
     if (!StartRollback(client_root_, lock_.Get(), error)) {
@@ -217,7 +239,7 @@ class Client {
   // The helper marks every release that it rolls back as failed. One that was cut off while it was installed
   // has shown no fault: after the rollback it is welcome again.
   void LiftMarkerOfInterrupted() const {
-    if (PathExists(interrupted_note_) && !PathExists(journal_)) {
+    if (MayExist(interrupted_note_) && !MayExist(journal_)) {
       LogLine(L"may be installed again");
       DeleteFileW(JoinPath(client_root_, kFailureMarkerFileName).c_str());
       DeleteFileW(interrupted_note_.c_str());

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "core/regular_file.h"
 #include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "examples/client/health_check.h"
@@ -32,7 +33,7 @@ bool MayRetire(const std::wstring& client_root, const ManifestEntry& entry) {
   if (IsFileOfRelease(client_root, entry, unreported)) {
     return true;
   }
-  if (PathExists(JoinPath(client_root, entry.normalised_path))) {
+  if (MayExist(JoinPath(client_root, entry.normalised_path))) {
     LogLine(L"kept " + entry.normalised_path);
   }
   return false;

@@ -27,7 +27,8 @@ constexpr std::uintptr_t kNone = 0;
 constexpr std::uintptr_t kAllBits = ~std::uintptr_t{0};  // INVALID_HANDLE_VALUE, -1, WAIT_FAILED
 constexpr std::uintptr_t kBadStatus = 0xC0000001;        // STATUS_UNSUCCESSFUL
 
-// What a call returns when it fails, and the codes that it may then plausibly leave.
+// What a call returns when it fails, and the codes that it may then plausibly leave. The second is none that
+// passes.
 struct Failure {
   std::uintptr_t result = kNone;
   DWORD codes[2] = {ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_MEMORY};
@@ -63,9 +64,13 @@ std::atomic<DWORD> run_thread = 0;  // the thread whose calls count; 0: none
 bool in_hook = false;               // what the run's thread does now is the test's own
 FaultPoint fault;
 std::string_view failing_kind;  // of the calls that fail from the fault on
+int failures_left = 0;
+std::wstring pending_path;  // of a deleted file that somebody still has open
+int pending_looks = 0;      // at it, that are still refused
 const RunSettings* settings = nullptr;
 RunRecord* record = nullptr;
 std::map<void*, OpenHandle> open_handles;
+std::map<void*, std::vector<WIN32_FIND_DATAW>> listings;  // what is left of those that go backwards
 
 bool OnRun() {
   return run_thread != 0 && run_thread == GetCurrentThreadId() && !in_hook;
@@ -124,6 +129,18 @@ constexpr bool ChangesFiles(const Arguments&... arguments) {
   }
 }
 
+// Reads the rest of a listing that has begun with `first`, and makes its last entry the first.
+void ListBackwards(HANDLE search, WIN32_FIND_DATAW& first) {
+  std::vector<WIN32_FIND_DATAW>& entries = listings[search];
+  entries = {first};
+  for (WIN32_FIND_DATAW entry{}; FindNextFileW(search, &entry);) {
+    entries.push_back(entry);
+  }
+  std::ranges::sort(entries, {}, [](const WIN32_FIND_DATAW& entry) { return std::wstring(entry.cFileName); });
+  first = entries.back();
+  entries.pop_back();
+}
+
 // The call as a run makes it when nothing fails: the real one, but for what would leave the test's directory,
 // and for flushes, which a process that dies does not need.
 template <Name api, typename Result, typename... Arguments>
@@ -133,6 +150,35 @@ Result Perform(Result(WINAPI* original)(Arguments...), Arguments... arguments) {
     return TRUE;
   } else if constexpr (api == "MoveFileExW") {
     return std::get<1>(all) == nullptr ? TRUE : original(arguments...);  // deletion at the next restart
+  } else if constexpr (api == "GetFileInformationByHandle") {
+    // Wine takes two milliseconds for the number of the volume, which nobody asks for.
+    FILE_BASIC_INFO basic{};
+    FILE_STANDARD_INFO standard{};
+    auto& information = *std::get<1>(all);
+    const BOOL told =
+        GetFileInformationByHandleEx(std::get<0>(all), FileBasicInfo, &basic, sizeof(basic)) &&
+        GetFileInformationByHandleEx(std::get<0>(all), FileStandardInfo, &standard, sizeof(standard));
+    information.dwFileAttributes = basic.FileAttributes;
+    information.nNumberOfLinks = standard.NumberOfLinks;
+    return told;
+  } else if constexpr (api == "FindFirstFileW") {
+    const HANDLE search = original(arguments...);
+    if (search != INVALID_HANDLE_VALUE && settings->list_backwards) {
+      ListBackwards(search, *std::get<1>(all));
+    }
+    return search;
+  } else if constexpr (api == "FindNextFileW") {
+    const auto listing = listings.find(std::get<0>(all));
+    if (listing == listings.end()) {
+      return original(arguments...);
+    }
+    if (listing->second.empty()) {
+      SetLastError(ERROR_NO_MORE_FILES);
+      return FALSE;
+    }
+    *std::get<1>(all) = listing->second.back();
+    listing->second.pop_back();
+    return TRUE;
   } else if constexpr (api == "GetModuleFileNameW") {
     const auto length = static_cast<DWORD>(settings->program.copy(std::get<1>(all), std::get<2>(all) - 1));
     std::get<1>(all)[length] = L'\0';
@@ -207,12 +253,40 @@ void TrackHandles(Result result, const std::vector<std::wstring>& texts, Argumen
   }
 }
 
+template <Name api, typename... Arguments>
+Opening OpeningOf(const Arguments&... arguments) {
+  if constexpr (api == "CreateFileW") {
+    const auto all = std::tie(arguments...);
+    const DWORD access = std::get<1>(all);
+    const DWORD flags = std::get<5>(all);
+    return (flags & FILE_FLAG_BACKUP_SEMANTICS) != 0  ? Opening::kToHold
+           : (access & GENERIC_WRITE) != 0            ? Opening::kToWrite
+           : (access & GENERIC_READ) == 0             ? Opening::kToLook
+           : (flags & FILE_FLAG_SEQUENTIAL_SCAN) != 0 ? Opening::kToHash
+                                                      : Opening::kToCopy;
+  }
+  return Opening::kNone;
+}
+
+// Whether the call meets the name of a deleted file, or the directory that it is still in.
+template <Name api>
+bool IsPending(const std::vector<std::wstring>& texts) {
+  if (pending_looks == 0) {
+    return false;
+  }
+  const bool meets = api == "RemoveDirectoryW" ? pending_path.starts_with(texts[0] + L"\\")
+                     : ClosesHandle(api.text)  ? false
+                                               : std::ranges::find(texts, pending_path) != texts.end();
+  pending_looks -= meets ? 1 : 0;
+  return meets;
+}
+
 template <Name api, typename Result, typename... Arguments>
 Result Intercept(Result(WINAPI* original)(Arguments...), Arguments... arguments) {
   const DWORD last_error = GetLastError();
   in_hook = true;
   const std::size_t index = record->calls.size();
-  record->calls.push_back({api.text, {}, record->allocations});
+  record->calls.push_back({api.text, OpeningOf<api>(arguments...), {}, record->allocations});
   std::vector<std::wstring>& texts = record->calls.back().texts;
   (AddText(texts, arguments), ...);
   const bool here = index == fault.index;
@@ -223,8 +297,15 @@ Result Intercept(Result(WINAPI* original)(Arguments...), Arguments... arguments)
     failing_kind = api.text;
   }
   Result result{};
-  DWORD code = fault.code != 0 ? fault.code : failure_of<api>.codes[fault.index % 2];
-  if ((here && fault.fault == Fault::kFailOnce) || failing_kind == api.text) {
+  DWORD code =
+      fault.code != 0 ? fault.code : failure_of<api>.codes[failing_kind.empty() ? 1 : fault.index % 2];
+  const bool fails_again = fault.fault == Fault::kFail && failures_left != 0 && index >= fault.index &&
+                           record->calls[index].DoesTheSameAs(record->calls[fault.index]);
+  if (IsPending<api>(texts)) {
+    code = api == "RemoveDirectoryW" ? DWORD{ERROR_DIR_NOT_EMPTY} : DWORD{ERROR_ACCESS_DENIED};
+    result = FromValue<Result>(failure_of<api>.result);
+  } else if (fails_again || failing_kind == api.text) {
+    failures_left -= fails_again ? 1 : 0;
     record->calls.back().made_to_fail = true;
     result = FailCall<api>(code, original, arguments...);
   } else {
@@ -232,6 +313,10 @@ Result Intercept(Result(WINAPI* original)(Arguments...), Arguments... arguments)
     result = Perform<api>(original, arguments...);
     code = GetLastError();
     TrackHandles<api>(result, texts, arguments...);
+    if (here && fault.fault == Fault::kDeletePending) {
+      pending_path = texts[0];
+      pending_looks = 2;
+    }
     if (here && fault.fault == Fault::kDieInside) {
       LeaveHalf<api>(arguments...);
       Die();
@@ -261,7 +346,10 @@ struct Hook {
       return original(arguments...);
     }
     if constexpr (api == "Sleep") {
-      return;
+      in_hook = true;
+      record->sleeps.push_back(std::get<0>(std::tie(arguments...)));
+      in_hook = false;
+      pending_looks = 0;
     } else if constexpr (api == "CreateThread") {
       return nullptr;
     } else if constexpr (api == "GetCurrentProcessId") {
@@ -293,26 +381,27 @@ void PatchImports() {
   if (!patches.empty()) {
     return;
   }
-  constexpr Failure kBadHandle = {kAllBits, {ERROR_SHARING_VIOLATION, ERROR_ACCESS_DENIED}};
-  constexpr Failure kInUse = {kNone, {ERROR_SHARING_VIOLATION, ERROR_ACCESS_DENIED}};
-  constexpr Failure kDiskFull = {kNone, {ERROR_DISK_FULL, ERROR_ACCESS_DENIED}};
+  constexpr Failure kBadHandle = {kAllBits, {ERROR_SHARING_VIOLATION, ERROR_NO_SYSTEM_RESOURCES}};
+  constexpr Failure kInUse = {kNone, {ERROR_SHARING_VIOLATION, ERROR_WRITE_PROTECT}};
+  constexpr Failure kDiskFull = {kNone, {ERROR_ACCESS_DENIED, ERROR_DISK_FULL}};
   constexpr Failure kStatus = {kBadStatus};
   Patch<"CreateFileW">(CreateFileW, kBadHandle);
-  Patch<"ReadFile">(ReadFile, {kNone, {ERROR_CRC, ERROR_LOCK_VIOLATION}});
+  Patch<"ReadFile">(ReadFile, {kNone, {ERROR_LOCK_VIOLATION, ERROR_CRC}});
   Patch<"WriteFile">(WriteFile, kDiskFull);
   Patch<"GetFileSizeEx">(GetFileSizeEx);
   Patch<"GetFileInformationByHandle">(GetFileInformationByHandle);
+  Patch<"GetFileInformationByHandleEx">(GetFileInformationByHandleEx);
   Patch<"FlushFileBuffers">(FlushFileBuffers, kDiskFull);
   Patch<"GetFileAttributesW">(GetFileAttributesW, kBadHandle);
   Patch<"SetFileAttributesW">(SetFileAttributesW);
   Patch<"GetFullPathNameW">(GetFullPathNameW);
   Patch<"CreateDirectoryW">(CreateDirectoryW, kDiskFull);
-  Patch<"RemoveDirectoryW">(RemoveDirectoryW, {kNone, {ERROR_DIR_NOT_EMPTY, ERROR_SHARING_VIOLATION}});
+  Patch<"RemoveDirectoryW">(RemoveDirectoryW, {kNone, {ERROR_SHARING_VIOLATION, ERROR_DIR_NOT_EMPTY}});
   Patch<"DeleteFileW">(DeleteFileW, kInUse);
   Patch<"CopyFileW">(CopyFileW, kDiskFull);
   Patch<"MoveFileExW">(MoveFileExW, kInUse);
   Patch<"ReplaceFileW">(ReplaceFileW, kInUse);
-  Patch<"FindFirstFileW">(FindFirstFileW, {kAllBits, {ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED}});
+  Patch<"FindFirstFileW">(FindFirstFileW, {kAllBits, {ERROR_ACCESS_DENIED, ERROR_FILE_NOT_FOUND}});
   Patch<"FindNextFileW">(FindNextFileW);
   Patch<"FindClose">(FindClose);
   Patch<"BCryptOpenAlgorithmProvider">(BCryptOpenAlgorithmProvider, kStatus);
@@ -333,7 +422,7 @@ void PatchImports() {
   Patch<"ReleaseMutex">(ReleaseMutex);
   Patch<"CloseHandle">(CloseHandle);
   Patch<"CreateEventW">(CreateEventW);
-  Patch<"CreateProcessW">(CreateProcessW, {kNone, {ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED}});
+  Patch<"CreateProcessW">(CreateProcessW, {kNone, {ERROR_ACCESS_DENIED, ERROR_FILE_NOT_FOUND}});
   Patch<"SetEnvironmentVariableW">(SetEnvironmentVariableW);
   Patch<"InitializeProcThreadAttributeList">(InitializeProcThreadAttributeList);
   Patch<"UpdateProcThreadAttribute">(UpdateProcThreadAttribute);
@@ -401,6 +490,9 @@ RunRecord RunWithFault(const std::function<int()>& transaction, const FaultPoint
   RunRecord result;
   fault = point;
   failing_kind = {};
+  failures_left = point.times;
+  pending_looks = 0;
+  listings.clear();
   settings = &with;
   record = &result;
   in_hook = false;

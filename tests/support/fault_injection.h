@@ -17,20 +17,38 @@
 
 namespace talvex::test {
 
-enum class Fault { kNone, kFailOnce, kFailFromHere, kDieBefore, kDieAfter, kDieInside, kOutOfMemory };
+enum class Fault {
+  kNone,
+  kFail,  // the call, and the next ones that do the same, as often as the point says
+  kFailFromHere,
+  kDieBefore,
+  kDieAfter,
+  kDieInside,
+  kDeletePending,  // the deleted file keeps its name a moment longer
+  kOutOfMemory
+};
 
 struct FaultPoint {
   Fault fault = Fault::kNone;
   std::size_t index = 0;  // of the call; of the allocation for kOutOfMemory
-  DWORD code = 0;         // with which the call fails; 0: a plausible one of its kind
+  DWORD code = 0;         // with which the call fails; 0: a plausible one of its kind, which no retry helps
+  int times = 1;
 };
+
+// What CreateFileW opens something for.
+enum class Opening { kNone, kToHold, kToLook, kToHash, kToCopy, kToWrite };
 
 struct ApiCall {
   std::string_view name;
+  Opening opening = Opening::kNone;
   // The call's texts, and the paths of the files whose handles it was given.
   std::vector<std::wstring> texts;
   std::size_t allocations_before = 0;
   bool made_to_fail = false;
+
+  [[nodiscard]] bool DoesTheSameAs(const ApiCall& other) const {
+    return name == other.name && opening == other.opening && texts == other.texts;
+  }
 };
 
 struct RunRecord {
@@ -39,6 +57,7 @@ struct RunRecord {
   std::wstring message;  // of the message box; empty when none was shown
   bool client_started = false;
   std::size_t allocations = 0;
+  std::vector<DWORD> sleeps;  // in milliseconds
   std::vector<ApiCall> calls;
   std::vector<std::string> violations;
 
@@ -51,6 +70,7 @@ struct RunSettings {
   std::wstring program;             // what the running program says its own path is
   DWORD process_id = 1;             // and its own number
   bool die_for_good = false;        // a death ends this whole process
+  bool list_backwards = false;      // directories are listed from Z to A
   std::vector<HANDLE> handed_over;  // handles that the transaction may close, and that are closed after it
   // Called after each call that changed a file or directory; says what is wrong now, or nothing.
   std::function<std::string(const RunRecord& record)> after_change;

@@ -35,6 +35,13 @@ inline AnyFunction* FindImportSlot(const char* function) {
   std::abort();
 }
 
+// What the slot leads to now. (The address of an imported function may be that of a jump through the slot,
+// and a replacement that calls it would call itself.)
+template <typename Function>
+Function* ImportedFunction(const char* name) {
+  return reinterpret_cast<Function*>(*FindImportSlot(name));
+}
+
 // The replacement lasts as long as this object.
 class ImportPatch {
  public:

@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "core/owned_handle.h"
+#include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
 
@@ -137,10 +138,10 @@ void MakeJunction(const std::wstring& link, const std::wstring& target) {
   CloseHandle(started.hProcess);
   CloseHandle(started.hThread);
   // Wine gives no handle to wait for the Unix program with.
-  for (int i = 0; i < 200 && !PathExists(link); ++i) {
+  for (int i = 0; i < 200 && !MayExist(link); ++i) {
     Sleep(25);
   }
-  ASSERT_TRUE(PathExists(link) && !IsRealDirectory(link));
+  ASSERT_TRUE(MayExist(link) && !IsRealDirectory(link));
 }
 
 void MakeSparseFile(const std::wstring& path, std::uint64_t size) {

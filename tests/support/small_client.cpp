@@ -7,6 +7,7 @@
 
 #include "app/rollback_mode.h"
 #include "apply/apply_transaction.h"
+#include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
 #include "tests/support/helper_run.h"
@@ -100,7 +101,7 @@ void SmallClient::Offer(TestRelease old, TestRelease next) {
 
 void SmallClient::StageAgain() const {
   for (const auto& [path, contents] : stage_) {
-    if (!PathExists(JoinPath(root, path))) {
+    if (!MayExist(JoinPath(root, path))) {
       WriteTestFile(JoinPath(root, path), contents);
     }
   }

@@ -1,0 +1,84 @@
+#include "core/regular_file.h"
+
+namespace talvex {
+namespace {
+
+bool IsRegular(const BY_HANDLE_FILE_INFORMATION& information) {
+  return (information.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0 &&
+         information.nNumberOfLinks == 1;
+}
+
+}  // namespace
+
+PathKind KindOfAttributes(DWORD attributes) noexcept {
+  if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+    return PathKind::kReparsePoint;
+  }
+  return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? PathKind::kDirectory : PathKind::kFile;
+}
+
+PathKind ProbePath(const std::wstring& path) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    return IsNotFound(GetLastError()) ? PathKind::kAbsent : PathKind::kUnknown;
+  }
+  return KindOfAttributes(attributes);
+}
+
+bool MayExist(const std::wstring& path) {
+  return ProbePath(path) != PathKind::kAbsent;
+}
+
+bool IsRealDirectory(const std::wstring& path) {
+  return ProbePath(path) == PathKind::kDirectory;
+}
+
+FileState InspectFile(const std::wstring& path) {
+  switch (ProbePath(path)) {
+    case PathKind::kAbsent:
+      return FileState::kAbsent;
+    case PathKind::kUnknown:
+      return FileState::kUnknown;
+    case PathKind::kDirectory:
+    case PathKind::kReparsePoint:
+      return FileState::kNotRegular;
+    case PathKind::kFile:
+      break;
+  }
+  const OwnedHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
+                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                     OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  BY_HANDLE_FILE_INFORMATION information{};
+  if (!file.IsValid() || !GetFileInformationByHandle(file.Get(), &information)) {
+    return FileState::kUnknown;
+  }
+  return IsRegular(information) ? FileState::kRegular : FileState::kUnsafeLinks;
+}
+
+bool IsRegularFile(HANDLE file) noexcept {
+  BY_HANDLE_FILE_INFORMATION information{};
+  return GetFileInformationByHandle(file, &information) && IsRegular(information);
+}
+
+OwnedHandle OpenRegularFileForRead(const std::wstring& path, std::uint64_t size_limit,
+                                   const RegularFileMessages& messages, std::uint64_t& size,
+                                   UpdateError& error) {
+  size = 0;
+  OwnedHandle file(
+      CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                  FILE_FLAG_SEQUENTIAL_SCAN | FILE_FLAG_OPEN_REPARSE_POINT | FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!file.IsValid()) {
+    SetWindowsError(error, messages.open_failed, GetLastError());
+    return OwnedHandle();
+  }
+  LARGE_INTEGER found{};
+  if (!GetFileSizeEx(file.Get(), &found) || found.QuadPart < 0 ||
+      static_cast<std::uint64_t>(found.QuadPart) > size_limit || !IsRegularFile(file.Get())) {
+    SetError(error, messages.not_regular);
+    return OwnedHandle();
+  }
+  size = static_cast<std::uint64_t>(found.QuadPart);
+  return file;
+}
+
+}  // namespace talvex
