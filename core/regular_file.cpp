@@ -1,5 +1,7 @@
 #include "core/regular_file.h"
 
+#include "core/retry.h"
+
 namespace talvex {
 namespace {
 

@@ -11,7 +11,6 @@
 #include <string_view>
 
 #include "core/owned_handle.h"
-#include "core/retry.h"
 #include "core/update_error.h"
 
 namespace talvex {
@@ -46,17 +45,6 @@ enum class FileState {
 // Looks at `path` and then opens it as itself. Asks for attributes only, so that it works while others use
 // the file.
 [[nodiscard]] FileState InspectFile(const std::wstring& path);
-
-// What `look` yields, tried again under `schedule` while it is kUnknown.
-template <typename Look>
-[[nodiscard]] auto LookWithRetry(RetrySchedule& schedule, Look look) {
-  auto result = decltype(look())::kUnknown;
-  static_cast<void>(schedule.Try([&] {
-    result = look();
-    return result != decltype(look())::kUnknown;
-  }));
-  return result;
-}
 
 // Whether an open file is a regular one. False too when Windows does not tell.
 [[nodiscard]] bool IsRegularFile(HANDLE file) noexcept;

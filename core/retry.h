@@ -84,6 +84,17 @@ class RetrySchedule {
   RetryBudget* budget_ = nullptr;
 };
 
+// What `look` yields (a PathKind, a FileState), tried again while it is kUnknown.
+template <typename Look>
+[[nodiscard]] auto LookWithRetry(RetrySchedule& schedule, Look look) {
+  auto result = decltype(look())::kUnknown;
+  static_cast<void>(schedule.Try([&] {
+    result = look();
+    return result != decltype(look())::kUnknown;
+  }));
+  return result;
+}
+
 // MoveFileExW with exactly these flags, under the schedule.
 [[nodiscard]] inline bool MoveFileWithRetry(const std::wstring& source, const std::wstring& destination,
                                             DWORD flags, RetrySchedule& schedule) {

@@ -1,6 +1,7 @@
 // One libFuzzer program for each parser; TALVEX_PARSER is its name in the list of checks.
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

@@ -1,9 +1,15 @@
 #include <windows.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "core/regular_file.h"
 #include "core/sha256.h"
 #include "core/whole_file.h"
 #include "storage/client_root.h"
@@ -61,9 +67,6 @@ DWORD FormatMessageW(DWORD, const void*, DWORD, DWORD, wchar_t*, DWORD, void*) {
 BOOL CloseHandle(HANDLE) {
   std::abort();
 }
-DWORD GetFileAttributesW(const wchar_t*) {
-  std::abort();
-}
 BOOL GetHandleInformation(HANDLE, DWORD*) {
   std::abort();
 }
@@ -84,6 +87,10 @@ DWORD WaitForSingleObject(HANDLE, DWORD) {
 }
 
 namespace talvex {
+
+PathKind ProbePath(const std::wstring&) {
+  std::abort();
+}
 
 bool Sha256OfBuffer(std::span<const std::byte>, Sha256Digest& digest, UpdateError&) {
   digest = {};  // no parser looks at it

@@ -18,7 +18,6 @@ inline constexpr DWORD MB_ERR_INVALID_CHARS = 8;
 inline constexpr DWORD WC_ERR_INVALID_CHARS = 128;
 inline constexpr DWORD FORMAT_MESSAGE_FROM_SYSTEM = 0x1000;
 inline constexpr DWORD FORMAT_MESSAGE_IGNORE_INSERTS = 0x0200;
-inline constexpr DWORD INVALID_FILE_ATTRIBUTES = 0xFFFFFFFF;
 inline constexpr DWORD WAIT_OBJECT_0 = 0;
 inline constexpr DWORD WAIT_ABANDONED = 128;
 
@@ -29,7 +28,6 @@ int WideCharToMultiByte(UINT page, DWORD flags, const wchar_t* wide, int length,
 DWORD FormatMessageW(DWORD flags, const void* source, DWORD code, DWORD language, wchar_t* text, DWORD room,
                      void* arguments);
 BOOL CloseHandle(HANDLE handle);
-DWORD GetFileAttributesW(const wchar_t* path);
 BOOL GetHandleInformation(HANDLE handle, DWORD* flags);
 DWORD GetCurrentProcessId();
 DWORD GetLastError();
