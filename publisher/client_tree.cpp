@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <set>
+#include <string_view>
+#include <utility>
 
 #include "core/ascii_case.h"
 #include "core/owned_handle.h"
@@ -20,10 +22,14 @@
 namespace talvex {
 namespace {
 
-// A full path has at most 259 characters. That of a staged file consists of the client directory, the work
-// directory, the digest of the manifest, "files" and the relative path, a separator between each two.
-constexpr std::size_t kStagedPathLimit =
-    259 - (1 + kWorkDirectoryName.size() + 1 + kDigestHexLength + 1 + std::wstring_view(L"files").size() + 1);
+// Windows' limits for the full path of a file, and of a directory, which leaves room for a short file name.
+constexpr std::size_t kFullPathLimit = 259;
+constexpr std::size_t kFullDirectoryPathLimit = 247;
+// The full path of a staged file consists of the client directory, the work directory, the digest of the
+// manifest, "files" and the relative path, a separator between each two. What stands between the first and
+// the last has this length.
+constexpr std::size_t kStagedPathOverhead =
+    1 + kWorkDirectoryName.size() + 1 + kDigestHexLength + 1 + std::wstring_view(L"files").size() + 1;
 constexpr std::size_t kShortestClientDirectory = 4;  // "C:\a"; the root of a drive is none
 
 constexpr std::wstring_view kLink = L"is a link or another kind of reparse point.";
@@ -41,6 +47,17 @@ bool IsUpdatersOwn(std::wstring_view name) {
   return folded.starts_with(FoldAsciiCase(kInstalledStateFileName)) ||
          folded.starts_with(FoldAsciiCase(kFailureMarkerFileName)) || folded == kWorkDirectoryName ||
          folded == kCacheDirectoryName;
+}
+
+// The longest client directory in which a file with this relative path can be staged; 0 when there is none.
+std::size_t LongestClientDirectoryFor(std::wstring_view relative_path) {
+  const std::size_t file = kStagedPathOverhead + relative_path.size();
+  const std::size_t parent = ParentOfRelativePath(relative_path).size();
+  const std::size_t directory =
+      kStagedPathOverhead + parent - (parent == 0 ? 1 : 0);  // no separator at its end
+  return file >= kFullPathLimit || directory >= kFullDirectoryPathLimit
+             ? 0
+             : std::min(kFullPathLimit - file, kFullDirectoryPathLimit - directory);
 }
 
 // Why the file cannot be part of a release; empty when it can.
@@ -111,7 +128,7 @@ class TreeWalk {
     if (listing.IsDirectory()) {
       return List(path, error);
     }
-    if (path.size() > kStagedPathLimit - kShortestClientDirectory) {
+    if (LongestClientDirectoryFor(path) < kShortestClientDirectory) {
       RefusePath(path, kTooLongToStage);
       return true;
     }
@@ -151,11 +168,11 @@ bool ListClientFiles(const std::wstring& client_directory, ClientTree& tree, Upd
 }
 
 std::size_t LongestClientDirectory(const ClientTree& tree) {
-  std::size_t longest_path = 0;
+  std::size_t longest = kFullDirectoryPathLimit;
   for (const ClientFile& file : tree.files) {
-    longest_path = std::max(longest_path, file.path.size());
+    longest = std::min(longest, LongestClientDirectoryFor(Utf8ToWide(file.path)));
   }
-  return kStagedPathLimit - longest_path;
+  return longest;
 }
 
 }  // namespace talvex

@@ -4,6 +4,10 @@
 
 #include <windows.h>
 
+#include <string>
+#include <string_view>
+#include <vector>
+
 #include "core/regular_file.h"
 #include "storage/client_root.h"
 #include "tests/support/helper_run.h"
@@ -74,6 +78,7 @@ TEST_F(Publisher, NamesEverythingThatNoReleaseCanCarryAndWritesNothing) {
   MakeSparseFile(client + L"\\huge.bin", 8'589'934'593);
   WriteTestFile(client + L"\\" + std::wstring(101, L's'), "1");
   WriteTestFile(client + L"\\" + deep, "1");
+  WriteTestFile(client + L"\\" + std::wstring(100, L'f') + L"\\" + std::wstring(56, L'g') + L"\\h", "1");
   MakeTestDirectory(scratch / L"elsewhere");
   MakeJunction(client + L"\\junction", scratch / L"elsewhere");
   const HelperResult result = MakeManifest();
@@ -83,7 +88,8 @@ TEST_F(Publisher, NamesEverythingThatNoReleaseCanCarryAndWritesNothing) {
         "\xc3\xa4.txt: The update manifest path is outside the supported ASCII",
         "first.bin: has more than one hard link", "second.bin: has more than one hard link",
         "huge.bin: is larger than 8 GiB", "ss: The update manifest contains an unsafe path segment",
-        "ee: is too long a path to be staged", "junction: is a link", "9 of its files or directories"}) {
+        "ee: is too long a path to be staged", "gg\\h: is too long a path to be staged",
+        "junction: is a link", "10 of its files or directories"}) {
     ExpectSays(result, refusal);
   }
   EXPECT_EQ(result.console.find("fine.txt"), std::string::npos);
