@@ -1,5 +1,7 @@
 #include "app/handle_operand.h"
 
+#include <string_view>
+
 #include "core/text_encoding.h"
 
 namespace talvex {

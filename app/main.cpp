@@ -12,12 +12,12 @@
 #include <string_view>
 
 #include "app/diagnostic_modes.h"
-#include "app/dll_search.h"
 #include "app/guard_notice.h"
 #include "app/reporting.h"
 #include "app/rollback_mode.h"
 #include "apply/apply_transaction.h"
 #include "core/ascii_case.h"
+#include "core/system_library.h"
 
 namespace talvex {
 namespace {

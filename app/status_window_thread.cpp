@@ -5,9 +5,11 @@
 #include <commctrl.h>
 #include <shellapi.h>
 
+#include <string>
 #include <utility>
 
 #include "app/tray_icon.h"
+#include "core/system_library.h"
 
 namespace talvex {
 namespace {
@@ -108,8 +110,12 @@ void WindowThread::Run() noexcept {
 }
 
 bool WindowThread::CreateStatusWindow() noexcept {
-  const INITCOMMONCONTROLSEX controls = {sizeof(controls), ICC_PROGRESS_CLASS};
-  InitCommonControlsEx(&controls);
+  // Without the DLL the class of the progress bar is missing, and the window is done without.
+  decltype(&InitCommonControlsEx) register_classes = nullptr;
+  if (FindFunction(LoadVersionedSystemLibrary(L"comctl32.dll"), "InitCommonControlsEx", register_classes)) {
+    const INITCOMMONCONTROLSEX controls = {sizeof(controls), ICC_PROGRESS_CLASS};
+    register_classes(&controls);
+  }
 
   WNDCLASSEXW window_class{};
   window_class.cbSize = sizeof(window_class);

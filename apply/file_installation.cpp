@@ -71,8 +71,9 @@ bool ChangeExistingTarget(const ApplyOperation& operation, PathKind target, Retr
   return true;
 }
 
-// A restart of Windows straight after the update must not lose an installed file. Whoever looks at new
-// programs (a scanner, Explorer for their icons) does so at this moment.
+// A restart of Windows straight after the update must not lose an installed file. This flush alone promises
+// it: REPLACEFILE_WRITE_THROUGH is documented as not supported. Whoever looks at new programs (a scanner,
+// Explorer for their icons) does so at this moment.
 bool FlushInstalledFile(const std::wstring& path, RetrySchedule& schedule, UpdateError& error) {
   OwnedHandle file;
   if (!schedule.Try([&] {

@@ -8,12 +8,16 @@ target_include_directories(talvex_compiler INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_definitions(talvex_compiler INTERFACE
   UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN STRICT _WIN32_WINNT=0x0601 WINVER=0x0601 _WIN32_IE=0x0900)
 
+# For every program, and for nothing that programs are made of: a definition in an archive would come too late.
+target_sources(talvex_compiler INTERFACE
+  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>>:${PROJECT_SOURCE_DIR}/core/terminate_handler.cpp>)
+
 option(TALVEX_COVERAGE "Count what the tests run (tools/coverage.sh); such a build is for nothing else" OFF)
 
 if(MSVC)
   target_compile_options(talvex_compiler INTERFACE /W4 /WX /permissive- /utf-8 /EHsc)
   set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
-  # The flag keeps imports that are not delay-loaded out of the program's own directory as well.
+  # The flag keeps imports from being looked for in the program's own directory.
   target_link_options(talvex_compiler INTERFACE /NXCOMPAT /DYNAMICBASE /DEPENDENTLOADFLAG:0x800 /Brepro)
 else()
   target_compile_options(talvex_compiler INTERFACE

@@ -5,7 +5,6 @@ function(talvex_helper_resources target)
   set(resources "${PROJECT_BINARY_DIR}/generated/TalvexUpdateHelper.rc")
   configure_file("${PROJECT_SOURCE_DIR}/app/TalvexUpdateHelper.rc.in" "${resources}" @ONLY)
   set_source_files_properties("${resources}" PROPERTIES
-    INCLUDE_DIRECTORIES "${PROJECT_SOURCE_DIR}/app"
     OBJECT_DEPENDS "${PROJECT_SOURCE_DIR}/app/TalvexUpdateHelper.manifest")
   target_sources(${target} PRIVATE "${resources}")
   talvex_manifest_is_a_resource(${target})

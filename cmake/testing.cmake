@@ -2,9 +2,10 @@
 set(TALVEX_GOOGLETEST_SOURCE /usr/src/googletest CACHE PATH "Folder of GoogleTest's sources")
 
 if(NOT TALVEX_DEVELOPMENT_KEY)
-  message(STATUS "Tests are left out: they need a build with the development key (TALVEX_UPDATE_PUBLIC_KEY empty).")
+  message(STATUS "No tests: they sign their own releases, and this build trusts a publisher's key.")
 elseif(NOT EXISTS "${TALVEX_GOOGLETEST_SOURCE}/googletest/src/gtest-all.cc")
-  message(STATUS "Tests are left out: TALVEX_GOOGLETEST_SOURCE (${TALVEX_GOOGLETEST_SOURCE}) is not there.")
+  message(WARNING "No tests: GoogleTest's sources are not in ${TALVEX_GOOGLETEST_SOURCE}. Configure with \
+-DTALVEX_GOOGLETEST_SOURCE=FOLDER, the folder of a checkout of GoogleTest, to get them.")
 else()
   # Debian's package holds no library for Windows. Its headers are not held to our warnings (SYSTEM).
   set(source "${TALVEX_GOOGLETEST_SOURCE}/googletest")

@@ -1,11 +1,10 @@
 #include "core/manifest_signature.h"
 
-#include <windows.h>
-
-#include <bcrypt.h>
-
+#include <cstdint>
 #include <cstring>
+#include <string_view>
 
+#include "core/cng.h"
 #include "core/sha256.h"
 
 namespace talvex {
@@ -37,22 +36,23 @@ class RsaPublicKey {
   RsaPublicKey& operator=(const RsaPublicKey&) = delete;
   ~RsaPublicKey() {
     if (key_ != nullptr) {
-      BCryptDestroyKey(key_);
+      cng_->BCryptDestroyKey(key_);
     }
     if (provider_ != nullptr) {
-      BCryptCloseAlgorithmProvider(provider_, 0);
+      cng_->BCryptCloseAlgorithmProvider(provider_, 0);
     }
   }
 
   // CNG takes its inputs through pointers to non-const and does not write there.
   [[nodiscard]] bool Import(std::span<const std::byte> blob) {
-    if (!BCRYPT_SUCCESS(BCryptOpenAlgorithmProvider(&provider_, BCRYPT_RSA_ALGORITHM, nullptr, 0))) {
+    if (cng_ == nullptr ||
+        !BCRYPT_SUCCESS(cng_->BCryptOpenAlgorithmProvider(&provider_, BCRYPT_RSA_ALGORITHM, nullptr, 0))) {
       provider_ = nullptr;
       return false;
     }
     auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(blob.data()));
-    if (!BCRYPT_SUCCESS(BCryptImportKeyPair(provider_, nullptr, BCRYPT_RSAPUBLIC_BLOB, &key_, input,
-                                            static_cast<ULONG>(blob.size()), 0))) {
+    if (!BCRYPT_SUCCESS(cng_->BCryptImportKeyPair(provider_, nullptr, BCRYPT_RSAPUBLIC_BLOB, &key_, input,
+                                                  static_cast<ULONG>(blob.size()), 0))) {
       key_ = nullptr;
       return false;
     }
@@ -62,12 +62,13 @@ class RsaPublicKey {
   [[nodiscard]] bool Verifies(Sha256Digest digest, std::span<const std::byte> signature) const {
     BCRYPT_PKCS1_PADDING_INFO padding{BCRYPT_SHA256_ALGORITHM};
     auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(signature.data()));
-    return BCRYPT_SUCCESS(BCryptVerifySignature(key_, &padding, digest.bytes.data(),
-                                                static_cast<ULONG>(digest.bytes.size()), input,
-                                                static_cast<ULONG>(signature.size()), BCRYPT_PAD_PKCS1));
+    return BCRYPT_SUCCESS(cng_->BCryptVerifySignature(
+        key_, &padding, digest.bytes.data(), static_cast<ULONG>(digest.bytes.size()), input,
+        static_cast<ULONG>(signature.size()), BCRYPT_PAD_PKCS1));
   }
 
  private:
+  const CngFunctions* const cng_ = Cng();
   BCRYPT_ALG_HANDLE provider_ = nullptr;
   BCRYPT_KEY_HANDLE key_ = nullptr;
 };

@@ -1,12 +1,10 @@
 #include "core/sha256.h"
 
-#include <windows.h>
-
-#include <bcrypt.h>
-
 #include <memory>
+#include <string_view>
 #include <vector>
 
+#include "core/cng.h"
 #include "core/regular_file.h"
 #include "core/whole_file.h"
 
@@ -27,27 +25,29 @@ class Sha256Hash {
   Sha256Hash& operator=(const Sha256Hash&) = delete;
   ~Sha256Hash() {
     if (hash_ != nullptr) {
-      BCryptDestroyHash(hash_);
+      cng_->BCryptDestroyHash(hash_);
     }
     if (provider_ != nullptr) {
-      BCryptCloseAlgorithmProvider(provider_, 0);
+      cng_->BCryptCloseAlgorithmProvider(provider_, 0);
     }
   }
 
   [[nodiscard]] bool Prepare() {
-    if (!BCRYPT_SUCCESS(BCryptOpenAlgorithmProvider(&provider_, BCRYPT_SHA256_ALGORITHM, nullptr, 0))) {
+    if (cng_ == nullptr ||
+        !BCRYPT_SUCCESS(cng_->BCryptOpenAlgorithmProvider(&provider_, BCRYPT_SHA256_ALGORITHM, nullptr, 0))) {
       provider_ = nullptr;
       return false;
     }
     DWORD object_length = 0;
     ULONG written = 0;
-    if (!BCRYPT_SUCCESS(BCryptGetProperty(provider_, BCRYPT_OBJECT_LENGTH,
-                                          reinterpret_cast<PUCHAR>(&object_length), sizeof(object_length),
-                                          &written, 0))) {
+    if (!BCRYPT_SUCCESS(cng_->BCryptGetProperty(provider_, BCRYPT_OBJECT_LENGTH,
+                                                reinterpret_cast<PUCHAR>(&object_length),
+                                                sizeof(object_length), &written, 0))) {
       return false;
     }
     object_.resize(object_length);
-    if (!BCRYPT_SUCCESS(BCryptCreateHash(provider_, &hash_, object_.data(), object_length, nullptr, 0, 0))) {
+    if (!BCRYPT_SUCCESS(
+            cng_->BCryptCreateHash(provider_, &hash_, object_.data(), object_length, nullptr, 0, 0))) {
       hash_ = nullptr;
       return false;
     }
@@ -57,13 +57,13 @@ class Sha256Hash {
   // CNG takes its input through a pointer to non-const and does not write there.
   [[nodiscard]] bool Add(std::span<const std::byte> bytes) {
     auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(bytes.data()));
-    return BCRYPT_SUCCESS(BCryptHashData(hash_, input, static_cast<ULONG>(bytes.size()), 0));
+    return BCRYPT_SUCCESS(cng_->BCryptHashData(hash_, input, static_cast<ULONG>(bytes.size()), 0));
   }
 
   [[nodiscard]] bool Finish(Sha256Digest& digest) {
     Sha256Digest finished;
-    if (!BCRYPT_SUCCESS(
-            BCryptFinishHash(hash_, finished.bytes.data(), static_cast<ULONG>(finished.bytes.size()), 0))) {
+    if (!BCRYPT_SUCCESS(cng_->BCryptFinishHash(hash_, finished.bytes.data(),
+                                               static_cast<ULONG>(finished.bytes.size()), 0))) {
       return false;
     }
     digest = finished;
@@ -71,6 +71,7 @@ class Sha256Hash {
   }
 
  private:
+  const CngFunctions* const cng_ = Cng();
   BCRYPT_ALG_HANDLE provider_ = nullptr;
   BCRYPT_HASH_HANDLE hash_ = nullptr;
   std::vector<UCHAR> object_;

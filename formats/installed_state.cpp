@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <cstddef>
 #include <utility>
 
 #include "core/regular_file.h"

@@ -5,6 +5,7 @@
 // Needs windows.h first.
 #include <shellapi.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -13,6 +14,7 @@
 
 #include "core/ascii_case.h"
 #include "core/regular_file.h"
+#include "core/system_library.h"
 #include "core/text_encoding.h"
 #include "formats/manifest.h"
 #include "formats/signed_manifest.h"
@@ -214,6 +216,7 @@ int RunPublisher(std::span<wchar_t* const> words) {
 }  // namespace talvex
 
 int main() {
+  talvex::RestrictDllSearch();
   int count = 0;
   wchar_t** const words = CommandLineToArgvW(GetCommandLineW(), &count);
   if (words == nullptr) {

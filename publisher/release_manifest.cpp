@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <string_view>
+
 #include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"

@@ -4,6 +4,10 @@
 
 #include <windows.h>
 
+#include <cstddef>
+#include <string>
+#include <vector>
+
 #include "apply/file_installation.h"
 #include "core/text_encoding.h"
 #include "storage/client_root.h"

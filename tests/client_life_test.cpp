@@ -8,6 +8,7 @@
 #include <tlhelp32.h>
 
 #include <functional>
+#include <string>
 
 #include "core/regular_file.h"
 #include "core/text_encoding.h"

@@ -4,6 +4,9 @@
 
 #include <windows.h>
 
+#include <string>
+#include <vector>
+
 #include "core/owned_handle.h"
 #include "tests/support/helper_run.h"
 #include "tests/support/scratch_directory.h"

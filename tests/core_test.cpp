@@ -2,6 +2,14 @@
 
 #include <windows.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
 #include "core/manifest_signature.h"
 #include "core/owned_handle.h"
 #include "core/publisher_key.h"

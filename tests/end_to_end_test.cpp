@@ -4,7 +4,9 @@
 
 #include <windows.h>
 
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "core/regular_file.h"
 #include "core/text_encoding.h"

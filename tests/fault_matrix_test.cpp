@@ -5,10 +5,15 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdio>
 #include <iterator>
 #include <map>
+#include <string>
+#include <string_view>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include "core/text_encoding.h"
 #include "tests/support/helper_run.h"

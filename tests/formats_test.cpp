@@ -3,6 +3,11 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "core/sha256.h"
 #include "core/text_encoding.h"

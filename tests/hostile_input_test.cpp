@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <map>
 #include <new>
+#include <string>
 
 #include "tests/support/input_generator.h"
 #include "tests/support/parser_check.h"

@@ -4,6 +4,9 @@
 
 #include <windows.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <string>
 #include <vector>
 
 #include "core/regular_file.h"

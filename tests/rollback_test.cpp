@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <string>
+#include <string_view>
 #include <thread>
 
 #include "core/regular_file.h"

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <string>
+
 #include "core/owned_handle.h"
 #include "core/regular_file.h"
 #include "core/text_encoding.h"

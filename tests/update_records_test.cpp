@@ -5,6 +5,11 @@
 
 #include <windows.h>
 
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "core/owned_handle.h"
 #include "core/publisher_key.h"
 #include "core/text_encoding.h"

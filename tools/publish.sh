@@ -8,6 +8,7 @@
 # Windows programs run in the Wine of the environment, or in that of tools/wine.sh when TALVEX_WINE_FOLDER
 # names its folder.
 set -eu
+export LC_ALL=C.UTF-8  # in a locale without UTF-8, Wine cannot find folders with names beyond ASCII
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${TALVEX_BUILD:-$root/build/mingw-release}

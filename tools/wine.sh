@@ -20,6 +20,7 @@ shift 2
 
 export WINEPREFIX="$folder/prefix"
 export WINEARCH=win32
+export LC_ALL=C.UTF-8  # in a locale without UTF-8, Wine makes no files with names beyond ASCII
 export WINEDEBUG="${WINEDEBUG:--all}"
 # No offers to download Mono or Gecko; and no debugger, whose window would keep a crashed program forever.
 export WINEDLLOVERRIDES="mscoree,mshtml,winedbg.exe=${WINEDLLOVERRIDES:+;$WINEDLLOVERRIDES}"

@@ -1,5 +1,7 @@
 #include "examples/client/client_lock.h"
 
+#include <span>
+#include <string_view>
 #include <utility>
 
 #include "core/sha256.h"

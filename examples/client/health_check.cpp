@@ -2,6 +2,9 @@
 
 #include <windows.h>
 
+#include <cstdint>
+#include <string_view>
+
 #include "core/publisher_key.h"
 #include "core/regular_file.h"
 #include "core/sha256.h"

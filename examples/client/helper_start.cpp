@@ -1,8 +1,10 @@
 #include "examples/client/helper_start.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <string_view>
 
 #include "core/ascii_case.h"
 #include "core/inherited_handle_list.h"

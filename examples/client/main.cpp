@@ -38,6 +38,7 @@
 
 #include "core/publisher_key.h"
 #include "core/regular_file.h"
+#include "core/system_library.h"
 #include "core/text_encoding.h"
 #include "examples/client/client_lock.h"
 #include "examples/client/handoff.h"
@@ -316,5 +317,6 @@ int RunClient() {
 }  // namespace talvex::example
 
 int WINAPI WinMain(HINSTANCE, HINSTANCE, LPSTR, int) {
+  talvex::RestrictDllSearch();
   return talvex::example::RunClient();
 }

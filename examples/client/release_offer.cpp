@@ -1,5 +1,8 @@
 #include "examples/client/release_offer.h"
 
+#include <cstdint>
+#include <string_view>
+
 #include "core/publisher_key.h"
 #include "core/text_encoding.h"
 #include "formats/failure_marker.h"

@@ -1,6 +1,7 @@
 #include "tests/support/client_directory.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include "core/text_encoding.h"
 #include "storage/client_root.h"

@@ -2,8 +2,6 @@
 
 #include <windows.h>
 
-#include <bcrypt.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -16,6 +14,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "core/cng.h"
 #include "core/text_encoding.h"
 #include "tests/support/import_patch.h"
 #include "tests/support/run_memory.h"
@@ -118,7 +117,7 @@ Result FromValue(std::uintptr_t value) {
 
 template <Name api, typename... Arguments>
 constexpr bool ChangesFiles(const Arguments&... arguments) {
-  const auto all = std::tie(arguments...);
+  [[maybe_unused]] const auto all = std::tie(arguments...);
   if constexpr (api == "CreateFileW") {
     return std::get<4>(all) != OPEN_EXISTING;
   } else if constexpr (api == "MoveFileExW") {
@@ -144,8 +143,8 @@ void ListBackwards(HANDLE search, WIN32_FIND_DATAW& first) {
 // The call as a run makes it when nothing fails: the real one, but for what would leave the test's directory,
 // and for flushes, which a process that dies does not need.
 template <Name api, typename Result, typename... Arguments>
-Result Perform(Result(WINAPI* original)(Arguments...), Arguments... arguments) {
-  const auto all = std::tie(arguments...);
+Result Perform([[maybe_unused]] Result(WINAPI* original)(Arguments...), Arguments... arguments) {
+  [[maybe_unused]] const auto all = std::tie(arguments...);
   if constexpr (api == "FlushFileBuffers") {
     return TRUE;
   } else if constexpr (api == "MoveFileExW") {
@@ -204,8 +203,9 @@ void Forget(void* handle) {
 
 // The call as it fails: without effect, but for those below.
 template <Name api, typename Result, typename... Arguments>
-Result FailCall(DWORD code, Result(WINAPI* original)(Arguments...), Arguments... arguments) {
-  const auto all = std::tie(arguments...);
+Result FailCall([[maybe_unused]] DWORD code, [[maybe_unused]] Result(WINAPI* original)(Arguments...),
+                Arguments... arguments) {
+  [[maybe_unused]] const auto all = std::tie(arguments...);
   if constexpr (ClosesHandle(api.text)) {
     original(arguments...);  // whatever it says, the handle is gone
     Forget<api>(std::get<0>(all));
@@ -221,7 +221,7 @@ Result FailCall(DWORD code, Result(WINAPI* original)(Arguments...), Arguments...
 
 // Half of what the call should have written.
 template <Name api, typename... Arguments>
-void LeaveHalf(Arguments... arguments) {
+void LeaveHalf([[maybe_unused]] Arguments... arguments) {
   if constexpr (api == "CopyFileW") {
     const HANDLE file = CreateFileW(std::get<1>(std::tie(arguments...)), GENERIC_WRITE, 0, nullptr,
                                     OPEN_EXISTING, 0, nullptr);
@@ -232,9 +232,10 @@ void LeaveHalf(Arguments... arguments) {
 }
 
 template <Name api, typename Result, typename... Arguments>
-void TrackHandles(Result result, const std::vector<std::wstring>& texts, Arguments... arguments) {
-  const auto all = std::tie(arguments...);
-  const auto opened = [&](void* handle) {
+void TrackHandles([[maybe_unused]] Result result, [[maybe_unused]] const std::vector<std::wstring>& texts,
+                  Arguments... arguments) {
+  [[maybe_unused]] const auto all = std::tie(arguments...);
+  [[maybe_unused]] const auto opened = [&](void* handle) {
     open_handles[handle] = {api.text, texts.empty() ? L"" : texts[0]};
   };
   if constexpr (api == "CreateFileW" || api == "FindFirstFileW" || api == "CreateEventW" ||
@@ -254,7 +255,7 @@ void TrackHandles(Result result, const std::vector<std::wstring>& texts, Argumen
 }
 
 template <Name api, typename... Arguments>
-Opening OpeningOf(const Arguments&... arguments) {
+Opening OpeningOf([[maybe_unused]] const Arguments&... arguments) {
   if constexpr (api == "CreateFileW") {
     const auto all = std::tie(arguments...);
     const DWORD access = std::get<1>(all);
@@ -264,8 +265,9 @@ Opening OpeningOf(const Arguments&... arguments) {
            : (access & GENERIC_READ) == 0             ? Opening::kToLook
            : (flags & FILE_FLAG_SEQUENTIAL_SCAN) != 0 ? Opening::kToHash
                                                       : Opening::kToCopy;
+  } else {
+    return Opening::kNone;
   }
-  return Opening::kNone;
 }
 
 // Whether the call meets the name of a deleted file, or the directory that it is still in.
@@ -341,7 +343,7 @@ struct Hook {
   using Function = Result(WINAPI*)(Arguments...);
   static inline Function original = nullptr;
 
-  static Result WINAPI Replacement(Arguments... arguments) {
+  static Result WINAPI Replacement([[maybe_unused]] Arguments... arguments) {
     if (!OnRun()) {
       return original(arguments...);
     }
@@ -375,6 +377,15 @@ void Patch(Result(WINAPI*)(Arguments...), const Failure& failure = {}) {
   patches.emplace_back(api.text, &ThisHook::Replacement);
 }
 
+// A function of the table through which the product calls CNG.
+template <Name api, typename Result, typename... Arguments>
+void PatchCng(Result(WINAPI*& function)(Arguments...)) {
+  using ThisHook = Hook<api, Result, Arguments...>;
+  ThisHook::original = function;
+  failure_of<api> = {kBadStatus};
+  function = &ThisHook::Replacement;
+}
+
 // Every call of the product that touches a file, a handle, a mutex, a process or a hash. The patches stay for
 // the rest of the program; calls outside a run go straight through.
 void PatchImports() {
@@ -384,7 +395,7 @@ void PatchImports() {
   constexpr Failure kBadHandle = {kAllBits, {ERROR_SHARING_VIOLATION, ERROR_NO_SYSTEM_RESOURCES}};
   constexpr Failure kInUse = {kNone, {ERROR_SHARING_VIOLATION, ERROR_WRITE_PROTECT}};
   constexpr Failure kDiskFull = {kNone, {ERROR_ACCESS_DENIED, ERROR_DISK_FULL}};
-  constexpr Failure kStatus = {kBadStatus};
+  CngFunctions& cng = *Cng();
   Patch<"CreateFileW">(CreateFileW, kBadHandle);
   Patch<"ReadFile">(ReadFile, {kNone, {ERROR_LOCK_VIOLATION, ERROR_CRC}});
   Patch<"WriteFile">(WriteFile, kDiskFull);
@@ -404,16 +415,16 @@ void PatchImports() {
   Patch<"FindFirstFileW">(FindFirstFileW, {kAllBits, {ERROR_ACCESS_DENIED, ERROR_FILE_NOT_FOUND}});
   Patch<"FindNextFileW">(FindNextFileW);
   Patch<"FindClose">(FindClose);
-  Patch<"BCryptOpenAlgorithmProvider">(BCryptOpenAlgorithmProvider, kStatus);
-  Patch<"BCryptCloseAlgorithmProvider">(BCryptCloseAlgorithmProvider, kStatus);
-  Patch<"BCryptGetProperty">(BCryptGetProperty, kStatus);
-  Patch<"BCryptCreateHash">(BCryptCreateHash, kStatus);
-  Patch<"BCryptHashData">(BCryptHashData, kStatus);
-  Patch<"BCryptFinishHash">(BCryptFinishHash, kStatus);
-  Patch<"BCryptDestroyHash">(BCryptDestroyHash, kStatus);
-  Patch<"BCryptImportKeyPair">(BCryptImportKeyPair, kStatus);
-  Patch<"BCryptVerifySignature">(BCryptVerifySignature, kStatus);
-  Patch<"BCryptDestroyKey">(BCryptDestroyKey, kStatus);
+  PatchCng<"BCryptOpenAlgorithmProvider">(cng.BCryptOpenAlgorithmProvider);
+  PatchCng<"BCryptCloseAlgorithmProvider">(cng.BCryptCloseAlgorithmProvider);
+  PatchCng<"BCryptGetProperty">(cng.BCryptGetProperty);
+  PatchCng<"BCryptCreateHash">(cng.BCryptCreateHash);
+  PatchCng<"BCryptHashData">(cng.BCryptHashData);
+  PatchCng<"BCryptFinishHash">(cng.BCryptFinishHash);
+  PatchCng<"BCryptDestroyHash">(cng.BCryptDestroyHash);
+  PatchCng<"BCryptImportKeyPair">(cng.BCryptImportKeyPair);
+  PatchCng<"BCryptVerifySignature">(cng.BCryptVerifySignature);
+  PatchCng<"BCryptDestroyKey">(cng.BCryptDestroyKey);
   Patch<"VirtualAlloc">(VirtualAlloc, {kNone, {ERROR_NOT_ENOUGH_MEMORY, ERROR_COMMITMENT_LIMIT}});
   Patch<"VirtualFree">(VirtualFree);
   Patch<"GetHandleInformation">(GetHandleInformation);
@@ -435,6 +446,8 @@ void PatchImports() {
 }
 
 DWORD WINAPI RunOnThread(void* transaction) {
+  // Here, because Visual Studio's library has a handler for each thread.
+  std::set_terminate([] { run_thread == GetCurrentThreadId() ? Die() : std::abort(); });
   run_thread = GetCurrentThreadId();
   try {
     const int exit_code = (*static_cast<const std::function<int()>*>(transaction))();
@@ -449,11 +462,11 @@ void CloseLeftOver(void* handle, std::string_view opened_by) {
   if (opened_by == "FindFirstFileW") {
     FindClose(handle);
   } else if (opened_by == "BCryptOpenAlgorithmProvider") {
-    BCryptCloseAlgorithmProvider(handle, 0);
+    Cng()->BCryptCloseAlgorithmProvider(handle, 0);
   } else if (opened_by == "BCryptCreateHash") {
-    BCryptDestroyHash(handle);
+    Cng()->BCryptDestroyHash(handle);
   } else if (opened_by == "BCryptImportKeyPair") {
-    BCryptDestroyKey(handle);
+    Cng()->BCryptDestroyKey(handle);
   } else if (opened_by == "VirtualAlloc") {
     VirtualFree(handle, 0, MEM_RELEASE);
   } else {
@@ -486,7 +499,6 @@ RunRecord RunWithFault(const std::function<int()>& transaction, const FaultPoint
                        const RunSettings& with) {
   PatchImports();
   count_allocation = CountAllocation;
-  std::set_terminate([] { run_thread == GetCurrentThreadId() ? Die() : std::abort(); });
   RunRecord result;
   fault = point;
   failing_kind = {};

@@ -1,6 +1,7 @@
 #include "tests/support/input_generator.h"
 
 #include <algorithm>
+#include <cstddef>
 
 namespace talvex::test {
 namespace {

@@ -4,6 +4,7 @@
 // others have wrong fields here and there, and bytes and lines changed, moved or lost. The same seed makes
 // the same texts with every compiler.
 
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <random>

@@ -1,6 +1,7 @@
 #include "tests/support/memory_shortage.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 

@@ -1,5 +1,6 @@
 #include "tests/support/naive_parsers.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <set>
 

@@ -1,5 +1,9 @@
 #include "tests/support/parser_check.h"
 
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
 #include "app/handle_operand.h"
 #include "core/text_encoding.h"
 #include "formats/apply_plan.h"

@@ -3,6 +3,7 @@
 // Each parser of the program beside its naive double, behind one face: what a million texts, or a fuzzer's
 // hundred million, are put to.
 
+#include <cstddef>
 #include <string>
 #include <vector>
 

@@ -9,9 +9,10 @@ namespace talvex::test {
 namespace {
 
 // Stands before every allocation; those of the run are linked.
-struct alignas(16) Block {
+struct Block {
   Block* previous = nullptr;
   Block* next = nullptr;
+  std::byte unused[16 - 2 * sizeof(void*)] = {};  // keeps what follows on a multiple of 16 from here
 };
 
 Block run_blocks;
@@ -34,7 +35,8 @@ void* AllocateBlock(std::size_t size) {
   }
   *block = {};
   if (of_the_run) {
-    *block = {&run_blocks, run_blocks.next};
+    block->previous = &run_blocks;
+    block->next = run_blocks.next;
     run_blocks.next = block;
     if (block->next != nullptr) {
       block->next->previous = block;

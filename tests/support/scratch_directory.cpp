@@ -4,6 +4,7 @@
 
 #include <winioctl.h>
 
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 
@@ -51,6 +52,8 @@ ScratchDirectory::ScratchDirectory() {
   static unsigned count = 0;
   wchar_t temporary[MAX_PATH] = {};
   GetTempPathW(MAX_PATH, temporary);
+  GetLongPathNameW(temporary, temporary,
+                   MAX_PATH);  // of two spellings the one in which Windows tells of programs
   path_ = JoinPath(
       temporary, L"talvex-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++count));
   MakeTestDirectory(path_);

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "app/rollback_mode.h"
 #include "apply/apply_transaction.h"

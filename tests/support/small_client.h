@@ -5,7 +5,9 @@
 
 #include <windows.h>
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "core/owned_handle.h"
 #include "tests/support/fault_injection.h"

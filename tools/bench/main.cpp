@@ -7,11 +7,16 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <iterator>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "app/reporting.h"
 #include "apply/apply_transaction.h"
@@ -30,7 +35,7 @@ namespace {
 constexpr double kCompletedTextSeconds = 1.2;  // the fixed wait at the end of an update
 constexpr std::uint64_t kMiB = 1'048'576;
 
-std::FILE* csv = nullptr;
+std::ofstream csv;
 bool all_within = true;
 
 // `most` or `least` of 0: printed without a bound.
@@ -44,7 +49,8 @@ void Report(const char* what, double value, const char* unit, double least, doub
     std::snprintf(bound, sizeof(bound), "at most %.2f", most);
   }
   std::printf("%-58s %10.3f %-6s %-16s %s\n", what, value, unit, bound, within ? "" : "MISSED");
-  std::fprintf(csv, "\"%s\",%.4f,%s,\"%s\",%s\n", what, value, unit, bound, within ? "yes" : "no");
+  csv << '"' << what << "\"," << value << ',' << unit << ",\"" << bound << "\"," << (within ? "yes" : "no")
+      << '\n';
 }
 
 // A figure of work that was not done would be a good one.
@@ -295,22 +301,23 @@ int main(int count, char** arguments) {
     return std::any_of(std::begin(benches), std::end(benches),
                        [&](const auto& bench) { return std::strcmp(name, bench.name) == 0; });
   };
-  csv = count > 1 && std::all_of(arguments + 2, arguments + count, is_known) ? std::fopen(arguments[1], "w")
-                                                                             : nullptr;
-  if (csv == nullptr) {
+  if (count > 1 && std::all_of(arguments + 2, arguments + count, is_known)) {
+    csv.open(arguments[1]);
+  }
+  if (!csv.is_open()) {
     std::fprintf(stderr, "Usage: bench.exe CSV [NAME...]\n");
     return 2;
   }
   talvex::console_reporting = true;
   std::setvbuf(stdout, nullptr, _IONBF, 0);
-  std::fprintf(csv, "figure,value,unit,bound,within\n");
+  csv << "figure,value,unit,bound,within\n";
   for (const auto& bench : benches) {
     if (count == 2 || std::any_of(arguments + 2, arguments + count,
                                   [&](const char* name) { return std::strcmp(name, bench.name) == 0; })) {
       bench.run();
     }
   }
-  std::fclose(csv);
+  csv.close();
   std::printf("%s\n", all_within ? "Every figure keeps its bound." : "Bounds were missed.");
   return all_within ? 0 : 1;
 }
