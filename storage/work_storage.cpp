@@ -107,17 +107,17 @@ bool RemoveWorkTree(const std::wstring& directory, UpdateError& error) {
 }
 
 // The work directory was checked long before it comes to this. Held, it can no longer be exchanged for a
-// link.
+// link; its path is asked once more, as that of any directory before something below it is touched.
 bool RemovePreviousDirectory(const std::wstring& previous_directory, UpdateError& error) {
+  const std::wstring work_directory(ParentOfRelativePath(previous_directory));
   OwnedHandle held;
-  switch (HoldDirectory(std::wstring(ParentOfRelativePath(previous_directory)), held)) {
-    case PathKind::kUnknown:
-      return Refuse(error, kTreeUnreadable);
-    case PathKind::kReparsePoint:
-      return Refuse(error, kTreeUnsafe);
-    default:
-      return RemoveTree(previous_directory, Journal::kFirst, error);
+  if (HoldDirectory(work_directory, held) == PathKind::kUnknown) {
+    return Refuse(error, kTreeUnreadable);
   }
+  if (ProbePath(work_directory) == PathKind::kReparsePoint) {
+    return Refuse(error, kTreeUnsafe);
+  }
+  return RemoveTree(previous_directory, Journal::kFirst, error);
 }
 
 bool ClearWorkDirectoryExcept(const std::wstring& directory, std::wstring_view kept_name,

@@ -23,6 +23,7 @@ int replacements_to_fail = 0;
 DWORD exchange_error = ERROR_SUCCESS;
 const auto real_replace = ImportedFunction<decltype(ReplaceFileW)>("ReplaceFileW");
 const auto real_open = ImportedFunction<decltype(CreateFileW)>("CreateFileW");
+const auto real_get_attributes = ImportedFunction<decltype(GetFileAttributesW)>("GetFileAttributesW");
 const auto real_delete = ImportedFunction<decltype(DeleteFileW)>("DeleteFileW");
 
 void WINAPI CountTheSleep(DWORD ms) {
@@ -52,6 +53,22 @@ BOOL WINAPI TryToExchangeAndReplace(const wchar_t* replaced, const wchar_t* repl
   const std::wstring directory(ParentOfRelativePath(replaced));
   exchange_error = MoveFileW(directory.c_str(), (directory + L"-away").c_str()) ? 0 : GetLastError();
   return real_replace(replaced, replacement, backup, flags, exclude, reserved);
+}
+
+// Somebody has exchanged a directory for a link just before it is held.
+std::wstring held_directory;
+
+HANDLE WINAPI NoteTheHold(const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                          DWORD creation, DWORD flags, HANDLE model) {
+  if ((flags & FILE_FLAG_BACKUP_SEMANTICS) != 0) {
+    held_directory = path;
+  }
+  return real_open(path, access, share, security, creation, flags, model);
+}
+
+DWORD WINAPI ShowAHeldDirectoryAsALink(const wchar_t* path) {
+  return held_directory == path ? FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT
+                                : real_get_attributes(path);
 }
 
 BOOL WINAPI FailToDeleteWhatGoesByItself(const wchar_t* path) {
@@ -164,6 +181,14 @@ TEST_F(Installation, KeepsTheDirectoryOfATargetInItsPlace) {
   const ImportPatch replace("ReplaceFileW", &TryToExchangeAndReplace);
   EXPECT_EQ(Install(), L"");
   EXPECT_EQ(exchange_error, DWORD{ERROR_SHARING_VIOLATION});
+}
+
+TEST_F(Installation, ChecksADirectoryOnceItIsHeld) {
+  const ImportPatch open("CreateFileW", &NoteTheHold);
+  const ImportPatch attributes("GetFileAttributesW", &ShowAHeldDirectoryAsALink);
+  EXPECT_EQ(Install(), L"The client directory is missing or is a reparse point.");
+  held_directory.clear();
+  EXPECT_FALSE(operations_[0].applied);
 }
 
 TEST_F(Installation, RetriesOnlyWhatMayPass) {

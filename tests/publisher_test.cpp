@@ -78,7 +78,7 @@ TEST_F(Publisher, NamesEverythingThatNoReleaseCanCarryAndWritesNothing) {
   MakeSparseFile(client + L"\\huge.bin", 8'589'934'593);
   WriteTestFile(client + L"\\" + std::wstring(101, L's'), "1");
   WriteTestFile(client + L"\\" + deep, "1");
-  WriteTestFile(client + L"\\" + std::wstring(100, L'f') + L"\\" + std::wstring(56, L'g') + L"\\h", "1");
+  WriteTestFile(client + L"\\" + std::wstring(100, L'f') + L"\\" + std::wstring(60, L'g') + L"\\h", "1");
   MakeTestDirectory(scratch / L"elsewhere");
   MakeJunction(client + L"\\junction", scratch / L"elsewhere");
   const HelperResult result = MakeManifest();

@@ -223,6 +223,14 @@ TEST_F(WorkTrees, LoseTheirJournalFirstOrNothing) {
   EXPECT_FALSE(MayExist(tree_));
 }
 
+TEST_F(WorkTrees, AreNotLookedForBehindALink) {
+  WriteTestFile(scratch_ / L"elsewhere\\previous\\rollback.journal", "of somebody else");
+  MakeJunction(scratch_ / L"link", scratch_ / L"elsewhere");
+  EXPECT_FALSE(RemovePreviousDirectory(scratch_ / L"link\\previous", error_));
+  EXPECT_EQ(error_.Message(), L"An updater work directory is unsafe.");
+  EXPECT_EQ(ReadTestFile(scratch_ / L"elsewhere\\previous\\rollback.journal"), "of somebody else");
+}
+
 // Whoever could exchange a directory between two deletions would choose what is deleted.
 TEST_F(WorkTrees, CannotBeExchangedWhileTheyAreWalked) {
   const ImportPatch patch("DeleteFileW", &TryToExchangeAndDelete);
