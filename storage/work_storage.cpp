@@ -109,6 +109,9 @@ bool RemoveWorkTree(const std::wstring& directory, UpdateError& error) {
 // The work directory was checked long before it comes to this. Held, it can no longer be exchanged for a
 // link; its path is asked once more, as that of any directory before something below it is touched.
 bool RemovePreviousDirectory(const std::wstring& previous_directory, UpdateError& error) {
+  if (!MayExist(previous_directory)) {
+    return true;
+  }
   const std::wstring work_directory(ParentOfRelativePath(previous_directory));
   OwnedHandle held;
   if (HoldDirectory(work_directory, held) == PathKind::kUnknown) {

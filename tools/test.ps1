@@ -27,9 +27,9 @@ foreach ($program in Get-ChildItem (Join-Path $Folder 'tests') -Filter '*_test.e
   $process = Start-Process $program.FullName '--gtest_color=no' -PassThru -NoNewWindow `
     -RedirectStandardOutput $output -RedirectStandardError "$output.errors"
   $null = $process.Handle  # without it, PowerShell 5 forgets the exit code
-  $ended = $process.WaitForExit(900000)
+  $ended = $process.WaitForExit(3600000)
   if (-not $ended) {
-    Write-Host 'Still running after a quarter of an hour: ended.'
+    Write-Host 'Still running after an hour: ended.'
     $process.Kill()
     $process.WaitForExit()
   }
