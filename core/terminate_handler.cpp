@@ -4,12 +4,14 @@
 
 #include <cstdlib>
 
-namespace __gnu_cxx {  // NOLINT(bugprone-reserved-identifier)
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+namespace __gnu_cxx {
 
-void __verbose_terminate_handler();  // NOLINT(bugprone-reserved-identifier)
+void __verbose_terminate_handler();
 
-void __verbose_terminate_handler() {  // NOLINT(bugprone-reserved-identifier)
+void __verbose_terminate_handler() {
   std::abort();
 }
 
 }  // namespace __gnu_cxx
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
