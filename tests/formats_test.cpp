@@ -1,162 +1,43 @@
+// What stands behind the text forms: the fields of what was parsed, the order of releases, and the files that
+// the updater keeps for itself. What it writes is read again, and neither a damaged file nor a failed save
+// leaves half of one behind. Which texts are accepted at all is tried in hostile_input_test.
+
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
-#include "core/sha256.h"
+#include "core/owned_handle.h"
+#include "core/publisher_key.h"
 #include "core/text_encoding.h"
-#include "formats/apply_plan.h"
+#include "formats/failure_marker.h"
 #include "formats/installed_state.h"
 #include "formats/manifest.h"
-#include "formats/relative_path.h"
+#include "formats/rollback_journal.h"
 #include "formats/text_lines.h"
 #include "formats/verified_cache.h"
+#include "tests/support/scratch_directory.h"
 #include "tests/support/test_release.h"
 
 namespace talvex::test {
 namespace {
 
-// What the formats refuse is tried in hostile_input_test; paths, which everything rests on, are spelled out
-// here as well.
+const TestRelease kRelease{"1.0", 5, {{"Data/A.txt", "contents"}, {"b", "more"}}};
 
-constexpr wchar_t kUnsafePath[] = L"The update manifest contains an unsafe relative path.";
-constexpr wchar_t kOutsideAscii[] = L"The update manifest path is outside the supported ASCII file-name set.";
-constexpr wchar_t kUnsafeSegment[] = L"The update manifest contains an unsafe path segment.";
-constexpr wchar_t kPathUpdaterState[] = L"The update manifest path targets updater state.";
-
-TEST(RelativePaths, AreAcceptedOrNameTheBrokenRule) {
-  const std::string segment(100, 's');
-  const struct {
-    std::string text;
-    std::wstring message;  // L"": accepted
-  } cases[] = {
-      {"a/b.txt", L""},
-      {"A/B.TXT", L""},
-      {".hidden", L""},
-      {"a.b.c", L""},
-      {segment + "/" + segment + "/12345678901234567.", kUnsafeSegment},
-      {segment + "/" + segment + "/123456789012345678", L""},           // 220 bytes
-      {segment + "/" + segment + "/1234567890123456789", kUnsafePath},  // 221
-      {segment + "s", kUnsafeSegment},                                  // 101 in a segment
-      {"", kUnsafePath},
-      {"/a", kUnsafePath},
-      {"a/", kUnsafePath},
-      {"a\\b", kUnsafePath},
-      {"a\tb", kUnsafePath},
-      {"a b.txt", kOutsideAscii},
-      {"a+b", kOutsideAscii},
-      {"a:b", kOutsideAscii},
-      {"\xC3\xBC.txt", kOutsideAscii},
-      {std::string("a\0b", 3), kOutsideAscii},
-      {"a//b", kUnsafeSegment},
-      {".", kUnsafeSegment},
-      {"..", kUnsafeSegment},
-      {"a/../b", kUnsafeSegment},
-      {"x/./y", kUnsafeSegment},
-      {"name.", kUnsafeSegment},
-      {"...", kUnsafeSegment},
-      {"con", kUnsafeSegment},
-      {"aux.dat", kUnsafeSegment},
-      {"Nul.tar.gz", kUnsafeSegment},
-      {"dir/com3.bin", kUnsafeSegment},
-      {"LPT9/x", kUnsafeSegment},
-      {"com0", L""},  // only 1 to 9 are devices
-      {"com10", L""},
-      {"lpt10", L""},
-      {"CONSOLE", L""},
-      {"CONS.txt", L""},
-      {"TalvexUpdateState.dat", kPathUpdaterState},
-      {"talvexupdatestate.dat.new.tmp", kPathUpdaterState},  // matched by its beginning
-      {"TalvexUpdateFailure.dat", kPathUpdaterState},
-      {"talvexupdatefailure.dat.new", kPathUpdaterState},
-      {"talvexupdatefailure.dat.new.tmp", L""},  // matched whole
-      {".TALVEX-UPDATE", kPathUpdaterState},
-      {".talvex-update/x", kPathUpdaterState},
-      {".talvex-update-cache", kPathUpdaterState},
-      {".talvex-update-cache/manifest.txt", kPathUpdaterState},
-      {".talvex-update2", L""},
-      {"talvexupdatestate.dat2", L""},
-      {"x/talvexupdatestate.dat", L""},
-  };
-  for (const auto& c : cases) {
-    UpdateError error;
-    std::wstring normalised = L"left over";
-    EXPECT_EQ(ValidateRelativePath(c.text, normalised, error), c.message.empty()) << c.text;
-    EXPECT_EQ(error.Message(), c.message) << c.text;
-    std::wstring expected = c.message.empty() ? Utf8ToWide(c.text) : L"";
-    std::replace(expected.begin(), expected.end(), L'/', L'\\');
-    EXPECT_EQ(normalised, expected);
-  }
-}
-
-const std::string kManifestHead = "TALVEX-UPDATE-V1\nrelease\t1.0\nsequence\t42\n";
-
-std::string Row(std::string_view size, std::string_view path) {
-  return "file\t" + std::string(size) + "\t" + std::string(64, 'a') + "\t" + std::string(path) + "\n";
-}
-
-// `row` with each "#" replaced by the number of its repetition.
-std::string Rows(std::size_t count, const std::string& row) {
-  std::string rows;
-  for (std::size_t i = 0; i < count; ++i) {
-    std::string numbered = row;
-    numbered.replace(numbered.find('#'), 1, std::to_string(i));
-    rows += numbered;
-  }
-  return rows;
-}
-
-TEST(Manifests, AreWrittenAsTheyAreRead) {
-  const std::string text = kManifestHead + Row("7", "Data/A.txt") + Row("8589934592", "b");
-  Manifest manifest;
-  UpdateError error;
-  ASSERT_TRUE(ParseManifest(AsBytes(text), manifest, error));
-  EXPECT_EQ(manifest.release, "1.0");
-  EXPECT_EQ(manifest.sequence, 42u);
-  EXPECT_EQ(WideToUtf8(DigestToHex(manifest.digest)), HexDigestOf(text));
+TEST(Manifests, HaveADigestAndEntriesThatCanBeFound) {
+  const Manifest manifest = kRelease.Parsed();
+  EXPECT_EQ(WideToUtf8(DigestToHex(manifest.digest)), HexDigestOf(kRelease.ManifestText()));
   ASSERT_EQ(manifest.entries.size(), 2u);
-  EXPECT_EQ(manifest.entries[0].path, "Data/A.txt");
-  EXPECT_EQ(manifest.entries[0].normalised_path, L"Data\\A.txt");
-  EXPECT_EQ(manifest.entries[1].size, 8'589'934'592u);
-  EXPECT_EQ(FormatManifest(manifest), text);
-  EXPECT_EQ(FindManifestEntry(manifest, L"Data\\A.txt"), &manifest.entries[0]);
+  EXPECT_EQ(FindManifestEntry(manifest, L"b"), &manifest.entries[1]);
   EXPECT_EQ(FindManifestEntry(manifest, L"data\\A.txt"), nullptr);
   EXPECT_EQ(FindManifestEntryIgnoringCase(manifest, L"data\\a.TXT"), &manifest.entries[0]);
-}
-
-// The time that this thread has had so far; the machine may be busy with other tests.
-std::uint64_t ThreadTimeMs() {
-  FILETIME created;
-  FILETIME exited;
-  FILETIME kernel;
-  FILETIME user;
-  GetThreadTimes(GetCurrentThread(), &created, &exited, &kernel, &user);
-  const std::uint64_t units = (std::uint64_t{user.dwHighDateTime} << 32 | user.dwLowDateTime) +
-                              (std::uint64_t{kernel.dwHighDateTime} << 32 | kernel.dwLowDateTime);
-  return units / 10'000;
-}
-
-// At the limits of both formats a parse takes milliseconds; a quadratic step would take seconds.
-TEST(Manifests, AreParsedQuicklyAtTheirLimits) {
-  const std::string name(90, 'n');
-  const std::string manifest_text = kManifestHead + Rows(1024, Row("1", name + "/" + name + "/#"));
-  const std::string plan_text = "TALVEX-APPLY-V1\nmanifest-sha256\t" + HexDigestOf(manifest_text) + "\n" +
-                                Rows(1024, "file\t" + name + "/" + name + "/#\n");
-  const std::uint64_t start = ThreadTimeMs();
-  Manifest manifest;
-  UpdateError error;
-  std::vector<const ManifestEntry*> install;
-  std::vector<const ManifestEntry*> retire;
-  ASSERT_TRUE(ParseManifest(AsBytes(manifest_text), manifest, error));
-  ASSERT_TRUE(ParseApplyPlan(AsBytes(plan_text), manifest, nullptr, manifest.digest, install, retire, error));
-  EXPECT_LT(ThreadTimeMs() - start, 500u);
-  EXPECT_EQ(install.size(), 1024u);
+  EXPECT_EQ(FindManifestEntryIgnoringCase(manifest, L"c"), nullptr);
 }
 
 TEST(ReleaseOrder, ComparesSequencesAndThenDigests) {
@@ -177,11 +58,8 @@ TEST(ReleaseOrder, ComparesSequencesAndThenDigests) {
       {false, 5, 4, false, L""},
   };
   for (const auto& c : cases) {
-    InstalledState state;
-    state.present = c.trusted;
-    state.sequence = c.installed;
-    Manifest offered;
-    offered.sequence = c.offered;
+    const InstalledState state = {c.trusted, c.installed, "", {}};
+    Manifest offered = {"", c.offered, {}, {}};
     offered.digest.bytes.back() = c.same_digest ? 0 : 1;
     UpdateError error;
     EXPECT_EQ(CheckReleaseOrder(state, offered, error), *c.message == L'\0');
@@ -189,23 +67,148 @@ TEST(ReleaseOrder, ComparesSequencesAndThenDigests) {
   }
 }
 
-// Whatever spelling a plan has, the entries are the manifests', new before retired.
-TEST(ApplyPlans, NameEntriesOfTheSignedManifests) {
-  const TestRelease new_release{"2", 2, {{"A.dll", "2"}, {"data/b", "2"}, {"c", "2"}}};
-  const Manifest new_manifest = new_release.Parsed();
-  const Manifest old_manifest = TestRelease{"1", 1, {{"a.dll", "1"}, {"old/X.bin", "1"}}}.Parsed();
-  const std::string head =
-      "TALVEX-APPLY-V1\nmanifest-sha256\t" + HexDigestOf(new_release.ManifestText()) + "\n";
-  const std::string plan = head + "file\ta.DLL\ndelete\tOLD/x.bin\nfile\tc\n";
-  std::vector<const ManifestEntry*> install;
-  std::vector<const ManifestEntry*> retire;
-  UpdateError error;
-  ASSERT_TRUE(ParseApplyPlan(AsBytes(plan), new_manifest, &old_manifest, new_manifest.digest, install, retire,
-                             error));
-  EXPECT_EQ(install, (std::vector{&new_manifest.entries[0], &new_manifest.entries[1]}));
-  EXPECT_EQ(retire, std::vector{&old_manifest.entries[1]});
-  EXPECT_EQ(FormatApplyPlan(new_manifest.digest, install, retire),
-            head + "file\tA.dll\nfile\tc\ndelete\told/X.bin\n");
+class UpdateRecords : public testing::Test {
+ protected:
+  ScratchDirectory scratch_;
+  std::wstring root_ = scratch_.Path();
+  std::wstring state_path_ = scratch_ / L"TalvexUpdateState.dat";
+  std::wstring cache_ = scratch_ / L".talvex-update-cache\\";
+  std::wstring journal_path_ = scratch_ / L"rollback.journal";
+  Manifest manifest_ = kRelease.Parsed();
+  UpdateError error_;
+
+  // `save` fails while the first file of `saved` cannot be replaced, and later leaves exactly `saved` in
+  // place of the earlier files. Neither leaves a temporary file, not even that of a run that died.
+  void ExpectReplacedWhole(const Tree& saved, const std::wstring& temporary_suffix,
+                           const std::wstring& move_failed, const std::function<bool()>& save) {
+    for (const auto& [path, contents] : saved) {
+      WriteTestFile(scratch_ / path, "earlier");
+    }
+    Tree expected = ReadTree(root_);
+    for (const auto& [path, contents] : saved) {
+      WriteTestFile((scratch_ / path) + temporary_suffix, "left behind");
+    }
+    OwnedHandle holder(CreateFileW((scratch_ / saved.begin()->first).c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                   nullptr, OPEN_EXISTING, 0, nullptr));
+    EXPECT_FALSE(save());
+    const bool windows_says_why = move_failed.ends_with(L": ");
+    EXPECT_EQ(error_.Message().substr(0, windows_says_why ? move_failed.size() : std::wstring::npos),
+              move_failed);
+    EXPECT_EQ(ReadTree(root_), expected);
+    holder.Reset();
+    EXPECT_TRUE(save());
+    for (const auto& [path, contents] : saved) {
+      expected[path] = contents;
+    }
+    EXPECT_EQ(ReadTree(root_), expected);
+  }
+};
+
+TEST_F(UpdateRecords, AreReplacedWholeOrNotAtAll) {
+  const RollbackJournal journal = {manifest_.digest, false, false, true, {{false, true, "a/b", L"a\\b"}}};
+  std::string journal_text;
+  EXPECT_TRUE(FormatRollbackJournal(journal, journal_text, error_));
+  ExpectReplacedWhole({{L"TalvexUpdateState.dat", FormatInstalledState(manifest_)}},
+                      L".new-" + std::to_wstring(GetCurrentProcessId()),
+                      L"Could not save the installed update state: ",
+                      [&] { return SaveInstalledState(root_, manifest_, error_); });
+  ExpectReplacedWhole({{L"TalvexUpdateFailure.dat", HexDigestOf(kRelease.ManifestText()) + "\n"}}, L".new",
+                      L"Could not save the update failure marker.",
+                      [&] { return SaveFailureMarker(root_, manifest_.digest, error_); });
+  ExpectReplacedWhole({{L"rollback.journal", journal_text}}, L".new",
+                      L"Could not save the update rollback journal: ",
+                      [&] { return SaveRollbackJournal(journal_path_, journal, error_); });
+  ExpectReplacedWhole({{L".talvex-update-cache\\manifest.sig", "signature"},
+                       {L".talvex-update-cache\\manifest.txt", "manifest"}},
+                      L".new", L"Could not save the verified update cache: ", [&] {
+                        return SaveVerifiedCache(root_, AsBytes("manifest"), AsBytes("signature"), error_);
+                      });
+}
+
+TEST_F(UpdateRecords, AreNotReadBeyondTheirLimit) {
+  InstalledState state;
+  RollbackJournal journal;
+  EXPECT_TRUE(LoadInstalledState(root_, state, error_));  // none was written yet
+  EXPECT_FALSE(state.present);
+  for (const std::size_t limit : {4'096u, 262'144u}) {
+    const bool is_state = limit == 4'096;
+    for (const bool above : {false, true}) {
+      WriteTestFile(is_state ? state_path_ : journal_path_, std::string(limit + (above ? 1 : 0), '\n'));
+      EXPECT_FALSE(is_state ? LoadInstalledState(root_, state, error_)
+                            : ParseRollbackJournal(journal_path_, journal, error_));
+      EXPECT_EQ(error_.Message() == L"The file is too large or is not a regular file.", above);
+    }
+  }
+}
+
+TEST_F(UpdateRecords, AreBelievedOnlyWhileStateCacheAndSignatureAgree) {
+  const auto is_trusted = [&] {
+    InstalledState state;
+    Manifest manifest;
+    ByteBuffer manifest_bytes;
+    ByteBuffer signature;
+    const bool trusted =
+        LoadTrustedState(root_, PublisherKeyBlob(), state, manifest, &manifest_bytes, &signature);
+    EXPECT_EQ(AsText(manifest_bytes), trusted ? kRelease.ManifestText() : "");
+    EXPECT_EQ(signature.size(), trusted ? 384u : 0u);
+    EXPECT_EQ(state.present, trusted);
+    EXPECT_EQ(manifest.entries.size(), trusted ? 2u : 0u);
+    return trusted;
+  };
+  EXPECT_FALSE(is_trusted());
+  const TestRelease other{"1.0", 5, {{"a", "contents"}}};
+  Manifest later = manifest_;
+  later.sequence = 6;
+  const std::pair<std::wstring, std::string> damages[] = {
+      {state_path_, ""},
+      {state_path_, FormatInstalledState(later)},
+      {state_path_, FormatInstalledState(other.Parsed())},  // a crash between cache and state
+      {cache_ + L"manifest.txt", other.ManifestText()},
+      {cache_ + L"manifest.sig", other.Signature()},
+      {cache_ + L"manifest.sig", std::string(1'025, 'x')},
+  };
+  for (const auto& [path, contents] : damages) {
+    InstallTestRelease(kRelease, root_);
+    EXPECT_TRUE(is_trusted());
+    WriteTestFile(path, contents);
+    EXPECT_FALSE(is_trusted()) << WideToUtf8(path) << ": " << contents;
+  }
+  RemoveTestTree(cache_);
+  EXPECT_FALSE(is_trusted());
+  ByteBuffer manifest_bytes;
+  ByteBuffer signature;
+  EXPECT_FALSE(LoadVerifiedCache(root_, manifest_bytes, signature, error_));
+  EXPECT_EQ(error_.Message(), L"No verified update cache is available.");
+}
+
+// Nothing is written that the parser would refuse. (What it takes is written: hostile_input_test has a
+// journal that meets the limit to the byte.)
+TEST_F(UpdateRecords, KeepAnEarlierJournalWhenTheNewOneIsWrong) {
+  using Entries = std::vector<RollbackEntry>;
+  constexpr wchar_t kCount[] = L"The update rollback journal has an invalid file count.";
+  Entries too_large;
+  for (int number = 1'000; number < 2'500; ++number) {
+    const std::string name = std::to_string(number) + std::string(90, 'n');
+    too_large.push_back({false, true, name + "/" + name, Utf8ToWide(name) + L"\\" + Utf8ToWide(name)});
+  }
+  const std::pair<Entries, std::wstring> cases[] = {
+      {{}, kCount},
+      {Entries(2'049, {false, false, "a", L"a"}), kCount},
+      {{{false, false, "a", L"A"}}, L"The update rollback journal contains an unsafe file."},
+      {{{false, false, "../a", L"a"}}, L"The update manifest contains an unsafe path segment."},
+      {{{false, false, "a", L"a"}, {true, false, "A", L"A"}},
+       L"The update rollback journal contains a duplicate file."},
+      {too_large, L"The update rollback journal is too large."},
+  };
+  WriteTestFile(journal_path_, "earlier");
+  for (const auto& [entries, message] : cases) {
+    RollbackJournal journal;
+    journal.entries = entries;
+    UpdateError error;
+    EXPECT_FALSE(SaveRollbackJournal(journal_path_, journal, error));
+    EXPECT_EQ(error.Message(), message);
+    EXPECT_EQ(ReadTree(root_), (Tree{{L"rollback.journal", "earlier"}}));
+  }
 }
 
 }  // namespace

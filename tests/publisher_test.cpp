@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "core/regular_file.h"
-#include "storage/client_root.h"
 #include "tests/support/helper_run.h"
 #include "tests/support/scratch_directory.h"
 #include "tests/support/test_release.h"
@@ -17,18 +16,22 @@
 namespace talvex::test {
 namespace {
 
-HelperResult Publish(const std::vector<std::wstring>& words) {
-  return RunHelper(BuiltProgram(L"TalvexPublish.exe"), words, {});
-}
-
-void ExpectSays(const HelperResult& result, std::string_view text) {
-  EXPECT_NE(result.console.find(text), std::string::npos) << "not said: " << text << "\n" << result.console;
-}
-
 class Publisher : public testing::Test {
  protected:
-  HelperResult MakeManifest() const {
-    return Publish({L"manifest", L"--release", L"2.0-beta", L"--sequence", L"12", L"--out", out, client});
+  // Runs the program, expects its exit code and each of the texts, and returns all that it says.
+  static std::string Publish(const std::vector<std::wstring>& words, DWORD exit_code,
+                             const std::vector<std::string>& texts) {
+    const HelperResult result = RunHelper(BuiltProgram(L"TalvexPublish.exe"), words, {});
+    EXPECT_EQ(result.exit_code, exit_code) << result.console;
+    for (const std::string& text : texts) {
+      EXPECT_NE(result.console.find(text), std::string::npos) << "not said: " << text << "\n"
+                                                              << result.console;
+    }
+    return result.console;
+  }
+  std::string MakeManifest(DWORD exit_code, const std::vector<std::string>& texts) const {
+    return Publish({L"manifest", L"--release", L"2.0-beta", L"--sequence", L"12", L"--out", out, client},
+                   exit_code, texts);
   }
 
   ScratchDirectory scratch;
@@ -49,50 +52,44 @@ TEST_F(Publisher, WritesTheFilesInAStableOrderWithoutTheUpdatersOwn) {
   WriteTestFile(client + L"\\TalvexUpdateFailure.dat", "old");
   WriteTestFile(client + L"\\.talvex-update\\previous\\files\\a", "old");
   MakeTestDirectory(client + L"\\empty");
-  const HelperResult result = MakeManifest();
-  EXPECT_EQ(result.exit_code, 0u);
+  const std::string said = MakeManifest(
+      0, {"release=2.0-beta sequence=12 files=6", "manifest-sha256 " + HexDigestOf(release.ManifestText()),
+          "Left out, as it is the updater's own: .talvex-update-cache"});
+  EXPECT_EQ(said.find("Warning"), std::string::npos);
   EXPECT_EQ(ReadTestFile(out + L"\\manifest.txt"), release.ManifestText());
-  ExpectSays(result, "release=2.0-beta sequence=12 files=6");
-  ExpectSays(result, "manifest-sha256 " + HexDigestOf(release.ManifestText()));
-  ExpectSays(result, "Left out, as it is the updater's own: .talvex-update-cache");
-  EXPECT_EQ(result.console.find("Warning"), std::string::npos);
 }
 
 TEST_F(Publisher, WarnsOfAReleaseThatTheHelperCannotInstall) {
   WriteTestFile(client + L"\\talvex.exe", "in another spelling");
-  const HelperResult result = MakeManifest();
-  EXPECT_EQ(result.exit_code, 0u);
-  ExpectSays(result, "Warning: the release has no Talvex.exe at its top");
-  ExpectSays(result, "Warning: the release has no TalvexUpdateHelper.exe at its top");
+  MakeManifest(0, {"Warning: the release has no Talvex.exe at its top",
+                   "Warning: the release has no TalvexUpdateHelper.exe at its top"});
 }
 
 TEST_F(Publisher, NamesEverythingThatNoReleaseCanCarryAndWritesNothing) {
-  const std::wstring deep = std::wstring(90, L'd') + L"\\" + std::wstring(79, L'e');
-  WriteTestFile(client + L"\\fine.txt", "fine");
+  const std::vector<std::wstring> paths = {L"fine.txt",
+                                           L"with blank.txt",
+                                           L"\x00e4.txt",
+                                           L"data\\first.bin",
+                                           std::wstring(101, L's'),
+                                           std::wstring(90, L'd') + L"\\" + std::wstring(79, L'e'),
+                                           std::wstring(100, L'f') + L"\\" + std::wstring(60, L'g') + L"\\h"};
+  for (const std::wstring& path : paths) {
+    WriteTestFile(client + L"\\" + path, "1");
+  }
   WriteTestFile(client + L"\\empty.txt", "");
-  WriteTestFile(client + L"\\with blank.txt", "1");
-  WriteTestFile(client + L"\\\x00e4.txt", "1");
-  WriteTestFile(client + L"\\data\\first.bin", "1");
   EXPECT_TRUE(
       CreateHardLinkW((client + L"\\second.bin").c_str(), (client + L"\\data\\first.bin").c_str(), nullptr));
   MakeSparseFile(client + L"\\huge.bin", 8'589'934'593);
-  WriteTestFile(client + L"\\" + std::wstring(101, L's'), "1");
-  WriteTestFile(client + L"\\" + deep, "1");
-  WriteTestFile(client + L"\\" + std::wstring(100, L'f') + L"\\" + std::wstring(60, L'g') + L"\\h", "1");
   MakeTestDirectory(scratch / L"elsewhere");
   MakeJunction(client + L"\\junction", scratch / L"elsewhere");
-  const HelperResult result = MakeManifest();
-  EXPECT_EQ(result.exit_code, 1u);
-  for (const char* const refusal :
-       {"empty.txt: is empty", "with blank.txt: The update manifest path is outside the supported ASCII",
-        "\xc3\xa4.txt: The update manifest path is outside the supported ASCII",
-        "first.bin: has more than one hard link", "second.bin: has more than one hard link",
-        "huge.bin: is larger than 8 GiB", "ss: The update manifest contains an unsafe path segment",
-        "ee: is too long a path to be staged", "gg\\h: is too long a path to be staged",
-        "junction: is a link", "10 of its files or directories"}) {
-    ExpectSays(result, refusal);
-  }
-  EXPECT_EQ(result.console.find("fine.txt"), std::string::npos);
+  const std::string said = MakeManifest(
+      1, {"empty.txt: is empty", "with blank.txt: The update manifest path is outside the supported ASCII",
+          "\xc3\xa4.txt: The update manifest path is outside the supported ASCII",
+          "first.bin: has more than one hard link", "second.bin: has more than one hard link",
+          "huge.bin: is larger than 8 GiB", "ss: The update manifest contains an unsafe path segment",
+          "ee: is too long a path to be staged", "gg\\h: is too long a path to be staged",
+          "junction: is a link", "10 of its files or directories"});
+  EXPECT_EQ(said.find("fine.txt"), std::string::npos);
   EXPECT_FALSE(MayExist(out));
 }
 
@@ -100,29 +97,17 @@ TEST_F(Publisher, ProvesTheSignedPairWithThePublicKeyFile) {
   const TestRelease release{"1.0", 1, {{"Talvex.exe", "client"}}};
   WriteTestFile(out + L"\\manifest.txt", release.ManifestText());
   WriteTestFile(out + L"\\manifest.sig", release.Signature());
-  const auto verify = [&](std::wstring_view key) {
-    return Publish({L"verify", out, L"--public-key", BuiltProgram(key)});
+  const auto verify = [&](std::wstring_view key, DWORD exit_code, const std::string& text) {
+    Publish({L"verify", out, L"--public-key", BuiltProgram(key)}, exit_code, {text});
   };
-  const HelperResult right = verify(L"development-key\\public.pem");
-  EXPECT_EQ(right.exit_code, 0u);
-  ExpectSays(right, "OK release=1.0 sequence=1 files=1");
-
-  struct KeyCase {
-    std::wstring_view file;
-    std::string_view message;
-  };
-  for (const auto& [file, message] :
-       {KeyCase{L"fixtures\\other-public.pem", "The update manifest signature is invalid."},
-        KeyCase{L"fixtures\\short-public.pem", "The update key or signature does not use RSA-3072."},
-        KeyCase{L"fixtures\\curve-public.pem", "The public key is not an RSA key."},
-        KeyCase{L"development-key\\private.pem", "The file does not hold one public key in PEM form."},
-        KeyCase{L"missing.pem", "Could not open file: "}}) {
-    const HelperResult wrong = verify(file);
-    EXPECT_EQ(wrong.exit_code, 1u);
-    ExpectSays(wrong, message);
-  }
+  verify(L"development-key\\public.pem", 0, "OK release=1.0 sequence=1 files=1");
+  verify(L"fixtures\\other-public.pem", 1, "The update manifest signature is invalid.");
+  verify(L"fixtures\\short-public.pem", 1, "The update key or signature does not use RSA-3072.");
+  verify(L"fixtures\\curve-public.pem", 1, "The public key is not an RSA key.");
+  verify(L"development-key\\private.pem", 1, "The file does not hold one public key in PEM form.");
+  verify(L"missing.pem", 1, "Could not open file: ");
   WriteTestFile(out + L"\\manifest.txt", release.ManifestText() + "\n");
-  ExpectSays(verify(L"development-key\\public.pem"), "The update manifest signature is invalid.");
+  verify(L"development-key\\public.pem", 1, "The update manifest signature is invalid.");
 }
 
 TEST_F(Publisher, RefusesCommandLinesThatItCannotUse) {
@@ -142,12 +127,10 @@ TEST_F(Publisher, RefusesCommandLinesThatItCannotUse) {
       {L"verify", out, L"--public-key"},
   };
   for (const std::vector<std::wstring>& line : lines) {
-    const HelperResult result = Publish(line);
-    EXPECT_EQ(result.exit_code, 2u) << result.console;
-    ExpectSays(result, "TalvexPublish.exe --help");
+    Publish(line, 2, {"TalvexPublish.exe --help"});
   }
   EXPECT_FALSE(MayExist(out));
-  EXPECT_EQ(Publish({L"--help"}).exit_code, 0u);
+  Publish({L"--help"}, 0, {});
 }
 
 }  // namespace

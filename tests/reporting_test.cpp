@@ -1,3 +1,6 @@
+// What the helper says on the console and in message boxes, and when it tells the user that the client was
+// closed. Stand-ins for the Windows calls keep what they are given.
+
 #include "app/reporting.h"
 
 #include <windows.h>
@@ -6,6 +9,8 @@
 
 #include <cstdint>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "app/guard_notice.h"
@@ -17,127 +22,91 @@ namespace {
 
 using test::ImportPatch;
 
-struct Box {
-  HWND owner;
-  std::wstring text;
-  std::wstring caption;
-  UINT flags;
-  bool operator==(const Box&) const = default;
-};
-std::vector<Box> boxes;
-
-int WINAPI KeepTheBox(HWND owner, LPCWSTR text, LPCWSTR caption, UINT flags) {
-  boxes.push_back({owner, text, caption, flags});
-  return IDOK;
-}
-
-DWORD waited_ms = 0;
-DWORD wait_result = WAIT_OBJECT_0;
-DWORD WINAPI PretendToWait(HANDLE, DWORD milliseconds) {
-  waited_ms = milliseconds;
-  return wait_result;
-}
-
-int writes = 0;
-BOOL WINAPI CountTheWrite(HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*) {
-  ++writes;
-  return FALSE;
-}
-
 class ReportingTest : public testing::Test {
  protected:
-  void SetUp() override { boxes.clear(); }
-  void TearDown() override { console_reporting = false; }
+  using Box = std::tuple<HWND, std::wstring, std::wstring, UINT>;  // owner, text, caption, flags
 
-  // What `speak` writes to standard output.
-  template <typename Speak>
-  static std::string Heard(Speak speak) {
-    HANDLE read_end = nullptr;
-    HANDLE write_end = nullptr;
-    CreatePipe(&read_end, &write_end, nullptr, 0);
-    const OwnedHandle reader(read_end);
-    OwnedHandle writer(write_end);
-    const HANDLE before = GetStdHandle(STD_OUTPUT_HANDLE);
-    SetStdHandle(STD_OUTPUT_HANDLE, writer.Get());
-    speak();
-    SetStdHandle(STD_OUTPUT_HANDLE, before);
-    writer.Reset();
-    char bytes[256] = {};
-    DWORD read = 0;
-    ReadFile(reader.Get(), bytes, sizeof(bytes), &read, nullptr);
-    return std::string(bytes, read);
+  static int RunGuard(const std::wstring& handle) {
+    const wchar_t* const arguments[] = {L"helper", L"--guard-error", L"G-17", handle.c_str()};
+    return RunGuardNotice(4, arguments);
   }
 
-  ImportPatch box_patch_{"MessageBoxW", &KeepTheBox};
+  static int WINAPI KeepTheBox(HWND owner, LPCWSTR text, LPCWSTR caption, UINT flags) {
+    boxes.emplace_back(owner, text, caption, flags);
+    return IDOK;
+  }
+  static BOOL WINAPI Attach(DWORD process_id) { return attached = process_id == ATTACH_PARENT_PROCESS; }
+  static HANDLE WINAPI FindOutput(DWORD which) {
+    return attached && which == STD_OUTPUT_HANDLE ? standard_output : nullptr;
+  }
+  static BOOL WINAPI KeepTheBytes(HANDLE file, const void* bytes, DWORD size, DWORD* written, OVERLAPPED*) {
+    EXPECT_EQ(file, standard_output);
+    printed.append(static_cast<const char*>(bytes), *written = size);
+    return TRUE;
+  }
+  static DWORD WINAPI PretendToWait(HANDLE, DWORD milliseconds) {
+    return milliseconds == 300'000 ? wait_result : WAIT_FAILED;
+  }
+
+  static inline std::vector<Box> boxes;
+  static inline std::string printed;
+  static inline HANDLE standard_output = nullptr;  // what there is once the parent's console is attached
+  static inline bool attached = false;
+  static inline DWORD wait_result = WAIT_OBJECT_0;
+
+  const ImportPatch patches_[4] = {{"MessageBoxW", &KeepTheBox},
+                                   {"AttachConsole", &Attach},
+                                   {"GetStdHandle", &FindOutput},
+                                   {"WriteFile", &KeepTheBytes}};
 };
 
-TEST_F(ReportingTest, ConsoleLinesAreUtf8WithCrLf) {
-  EXPECT_EQ(Heard([] { WriteConsoleLine(L"OK: a\\\u00E9\U0001F600.txt"); }),
-            "OK: a\\\xC3\xA9\xF0\x9F\x98\x80.txt\r\n");
-  EXPECT_EQ(Heard([] { WriteConsoleLine(L"two\nlines"); }), "two\nlines\r\n");
-  EXPECT_EQ(Heard([] { WriteConsoleLine(L"lone \xD800 surrogate"); }), "");
-}
-
-TEST_F(ReportingTest, WithoutStandardOutputNothingIsWritten) {
-  const HANDLE before = GetStdHandle(STD_OUTPUT_HANDLE);
-  for (const HANDLE nowhere : {HANDLE{nullptr}, INVALID_HANDLE_VALUE}) {
-    SetStdHandle(STD_OUTPUT_HANDLE, nowhere);
-    const ImportPatch write("WriteFile", &CountTheWrite);
-    WriteConsoleLine(L"unheard");
+TEST_F(ReportingTest, ConsoleLinesAreUtf8WithCrLfWhereThereIsAnOutput) {
+  for (const std::intptr_t output : {1234, 0, -1}) {  // null and INVALID_HANDLE_VALUE are none
+    attached = false;
+    standard_output = reinterpret_cast<HANDLE>(output);
+    WriteConsoleLine(L"a\\\u00E9\U0001F600\nb");
+    WriteConsoleLine(L"lone \xD800 surrogate");
+    EXPECT_EQ(std::exchange(printed, {}), output == 1234 ? "a\\\xC3\xA9\xF0\x9F\x98\x80\nb\r\n" : "");
   }
-  SetStdHandle(STD_OUTPUT_HANDLE, before);
-  EXPECT_EQ(writes, 0);
 }
 
-TEST_F(ReportingTest, FailuresAndNoticesAreBoxes) {
-  EXPECT_EQ(Heard([] {
-              ShowUpdateFailure(L"The update failed.");
-              ShowUpdateFailure(L"");
-              ShowNotice(L"Talvex Update", L"Restored.");
-            }),
-            "");
-  EXPECT_EQ(boxes, (std::vector<Box>{{nullptr, L"The update failed.", L"Talvex Update", 0x10010},
-                                     {nullptr, L"The update failed. Your existing files were restored.",
-                                      L"Talvex Update", 0x10010},
-                                     {nullptr, L"Restored.", L"Talvex Update", 0x10030}}));
-}
-
-TEST_F(ReportingTest, TheSwitchTurnsBoxesIntoLines) {
-  console_reporting = true;
-  EXPECT_EQ(Heard([] {
-              ShowUpdateFailure(L"The update failed.");
-              ShowNotice(L"Talvex Update", L"Restored.");
-            }),
-            "ERROR: The update failed.\r\n");
-  EXPECT_TRUE(boxes.empty());
+TEST_F(ReportingTest, FailuresAndNoticesAreBoxesUnlessTheSwitchTurnsThemIntoLines) {
+  standard_output = reinterpret_cast<HANDLE>(std::intptr_t{1234});
+  for (const bool lines : {true, false}) {
+    console_reporting = lines;
+    ShowUpdateFailure(L"The update failed.");
+    ShowUpdateFailure(L"");
+    ShowNotice(L"Caption", L"Restored.");
+    EXPECT_EQ(std::exchange(printed, {}), lines ? "ERROR: The update failed.\r\nERROR: \r\n" : "");
+    EXPECT_EQ(boxes.empty(), lines);
+  }
+  EXPECT_EQ(std::exchange(boxes, {}),
+            (std::vector<Box>{{nullptr, L"The update failed.", L"Talvex Update", 0x10010},
+                              {nullptr, L"The update failed. Your existing files were restored.",
+                               L"Talvex Update", 0x10010},
+                              {nullptr, L"Restored.", L"Caption", 0x10030}}));
 }
 
 TEST_F(ReportingTest, TheGuardNoticeNamesTheCodeOnceTheClientIsGone) {
   const ImportPatch wait("WaitForSingleObject", &PretendToWait);
-  for (const DWORD result : {WAIT_OBJECT_0, static_cast<DWORD>(WAIT_TIMEOUT), WAIT_FAILED}) {
+  for (const DWORD result : {DWORD{WAIT_OBJECT_0}, DWORD{WAIT_TIMEOUT}, WAIT_FAILED}) {
     wait_result = result;
-    OwnedHandle client(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    const HANDLE handle = client.Release();
-    const std::wstring operand = std::to_wstring(reinterpret_cast<std::uintptr_t>(handle));
-    const wchar_t* const arguments[] = {L"helper", L"--guard-error", L"G-17", operand.c_str(), L"more"};
-    EXPECT_EQ(RunGuardNotice(3, arguments), 2);
-    EXPECT_EQ(RunGuardNotice(5, arguments), 2);
-    EXPECT_EQ(RunGuardNotice(4, arguments), result == WAIT_OBJECT_0 ? 0 : 1);
-    EXPECT_EQ(waited_ms, 300'000u);
+    const HANDLE client = CreateEventW(nullptr, TRUE, FALSE, nullptr);  // the mode takes it over
+    EXPECT_EQ(RunGuard(std::to_wstring(reinterpret_cast<std::uintptr_t>(client))), result != WAIT_OBJECT_0);
     DWORD flags = 0;
-    EXPECT_FALSE(GetHandleInformation(handle, &flags));
+    EXPECT_FALSE(GetHandleInformation(client, &flags));
   }
-  EXPECT_EQ(boxes, (std::vector<Box>{{nullptr, L"Talvex was closed by its security monitor with code G-17.",
-                                      L"Talvex", 0x10030}}));
+  EXPECT_EQ(std::exchange(boxes, {}),
+            (std::vector<Box>{{nullptr, L"Talvex was closed by its security monitor with code G-17.",
+                               L"Talvex", 0x10030}}));
 }
 
 TEST_F(ReportingTest, TheGuardNoticeRefusesUnusableHandles) {
   const OwnedHandle open(CreateEventW(nullptr, TRUE, TRUE, nullptr));
   const auto value = reinterpret_cast<std::uintptr_t>(open.Get());
-  const std::wstring beyond_32_bits = std::to_wstring(0x100000000 + value);
-  for (const wchar_t* operand : {L"", L"0", L"-5", L"12a", L"2147483644", beyond_32_bits.c_str()}) {
-    const wchar_t* const arguments[] = {L"helper", L"--guard-error", L"17", operand};
-    EXPECT_EQ(RunGuardNotice(4, arguments), 1) << testing::PrintToString(std::wstring(operand));
+  for (const std::wstring& handle : {std::to_wstring(value) + L"a", std::wstring(L"0"),
+                                     std::wstring(L"2147483644"), std::to_wstring(0x100000000 + value)}) {
+    EXPECT_EQ(RunGuard(handle), 1) << testing::PrintToString(handle);
   }
   EXPECT_TRUE(boxes.empty());
 }

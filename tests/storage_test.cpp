@@ -1,10 +1,14 @@
+// Paths below the client directory, and the making and removing of directories there: nothing outside is ever
+// reached, through a link least of all. Which calls may fail on the way is tried in fault_matrix_test.
+
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
+#include <optional>
 #include <string>
+#include <vector>
 
-#include "core/owned_handle.h"
 #include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
@@ -15,250 +19,168 @@
 namespace talvex::test {
 namespace {
 
-TEST(ClientRoot, LosesItsClosingSeparatorsButADriveKeepsIts) {
-  struct {
-    const wchar_t* given;
-    const wchar_t* root;
-  } const cases[] = {
-      {L"C:\\Games\\Client\\\\", L"C:\\Games\\Client"},
-      {L"C:/Games/Client/", L"C:\\Games\\Client"},
-      {L"C:\\Games\\x\\..\\Client", L"C:\\Games\\Client"},
-      {L"C:\\", L"C:\\"},
-      {L"C:\\\\\\", L"C:\\"},
-  };
-  UpdateError error;
-  for (const auto& c : cases) {
-    EXPECT_EQ(ResolveClientRoot(c.given, error), c.root);
-  }
-  EXPECT_TRUE(error.IsEmpty());
-  EXPECT_EQ(ResolveClientRoot(L"", error), L"");
-  EXPECT_EQ(error.Message(), L"The client directory is empty.");
-  EXPECT_EQ(ResolveClientRoot(std::wstring(32'768, L'x'), error), L"");
-  EXPECT_TRUE(error.Message().starts_with(L"Could not resolve the client directory: "));
-}
-
-TEST(ClientRoot, JoinsWithOneSeparator) {
-  EXPECT_EQ(JoinPath(L"", L"a"), L"a");
-  EXPECT_EQ(JoinPath(L"a", L""), L"a");
-  EXPECT_EQ(JoinPath(L"a\\", L"b"), L"a\\b");
-  EXPECT_EQ(JoinPath(L"a/", L"b"), L"a/b");
-  EXPECT_EQ(JoinPath(L"a", L"b"), L"a\\b");
-}
-
-TEST(ClientRoot, ContainsOnlyWhatLiesBelowItInFewerThan260Characters) {
+TEST(UpdatePaths, LieInTheClientDirectoryAndHaveFewerThan260Characters) {
   constexpr wchar_t kEscapes[] = L"An update path escapes the client directory or is too long.";
   const std::wstring root = L"C:\\Games\\Client";
   const std::wstring longest(259 - root.size() - 1, L'x');
-  struct {
-    std::wstring base, relative, full;  // an empty full path: refused
-  } const cases[] = {
-      {root, L"a\\b", root + L"\\a\\b"},
-      {root, L"", root},
-      {root, L"a\\..\\b", root + L"\\b"},
-      {root, L"a/b", root + L"\\a\\b"},
-      {root, L"..\\CLIENT\\a", L"C:\\Games\\CLIENT\\a"},  // the same folder in other letters
-      {root, L"..\\ClientOther\\x", L""},
-      {root, L"..", L""},
-      {root, longest, root + L"\\" + longest},
-      {root, longest + L"x", L""},
-      {L"C:\\", L"", L"C:\\"},
-      {L"C:\\", L"a", L""},  // no separator follows the root's own
+  const struct {
+    std::wstring base, relative, full;
+    const wchar_t* message;
+  } cases[] = {
+      {root, L"", root, L""},
+      {L"C:/Games/x/../Client\\\\", L"a\\..\\b/c", root + L"\\b\\c", L""},
+      {root, L"..\\CLIENT\\a", L"C:\\Games\\CLIENT\\a", L""},  // the same directory in other letters
+      {root, L"..\\ClientOther\\x", L"", kEscapes},
+      {root, L"..", L"", kEscapes},
+      {root, longest, root + L"\\" + longest, L""},
+      {root, longest + L"x", L"", kEscapes},
+      {L"C:\\", L"", L"C:\\", L""},
+      {L"C:\\", L"a", L"", kEscapes},  // no separator follows the root's own
+      {L"", L"a", L"", L"The client directory is empty."},
+      {std::wstring(32'768, L'x'), L"a", L"", L"Could not resolve the client directory: "},
   };
   for (const auto& c : cases) {
     UpdateError error;
     std::wstring full = L"left over";
-    EXPECT_EQ(ResolveUpdatePath(c.base, c.relative, full, error), !c.full.empty());
+    EXPECT_EQ(ResolveUpdatePath(c.base, c.relative, full, error), *c.message == L'\0');
     EXPECT_EQ(full, c.full);
-    EXPECT_EQ(error.Message(), c.full.empty() ? kEscapes : L"");
+    EXPECT_TRUE(error.Message().starts_with(c.message)) << WideToUtf8(error.Message());
   }
 }
 
-constexpr wchar_t kHasReparsePoint[] = L"An update path contains a reparse point.";
-constexpr wchar_t kRootUnsafe[] = L"The client directory is missing or is a reparse point.";
+TEST(UpdatePaths, AreJoinedWithOneSeparator) {
+  EXPECT_EQ(JoinPath(L"a\\", L"b"), L"a\\b");
+  EXPECT_EQ(JoinPath(L"a/", L"b"), L"a/b");
+}
 
-TEST(ReparsePoints, AreRefusedAnywhereOnTheWay) {
+TEST(UpdateDirectories, AreMadeInTheClientDirectoryAndNeverThroughALink) {
+  constexpr wchar_t kLinked[] = L"An update path contains a reparse point.";
+  constexpr wchar_t kRootUnsafe[] = L"The client directory is missing or is a reparse point.";
   ScratchDirectory scratch;
-  MakeTestDirectory(scratch / L"root\\real\\inner");
   MakeTestDirectory(scratch / L"elsewhere");
+  MakeTestDirectory(scratch / L"root\\real\\inner");
   WriteTestFile(scratch / L"root\\file", "");
   MakeJunction(scratch / L"root\\real\\link", scratch / L"elsewhere");
   MakeJunction(scratch / L"linked-root", scratch / L"root");
-  struct {
+  const struct {
     const wchar_t *base, *relative, *message;
-  } const cases[] = {
-      {L"root", L"", L""},
-      {L"root", L"real\\inner\\absent\\file", L""},
-      {L"root", L"absent\\real\\link", L""},
-      {L"root", L"real\\link", kHasReparsePoint},
-      {L"root", L"real\\link\\below", kHasReparsePoint},
-      {L"root", L"real\\link\\..\\inner", kHasReparsePoint},  // as written, not as normalised
+  } cases[] = {
+      {L"root", L"a\\\\b\\c", L""},
+      {L"root", L"A\\b", L""},
+      {L"root", L"real\\link", kLinked},
+      {L"root", L"real\\link\\below", kLinked},
+      {L"root", L"real\\link\\..\\inner", kLinked},  // as written, not as normalised
       {L"linked-root", L"real", kRootUnsafe},
       {L"absent", L"", kRootUnsafe},
       {L"root\\file", L"", kRootUnsafe},
+      {L"root", L"file", L"An update directory is unsafe."},
+      {L"root", L"new\\bad|name", L"Could not create an update directory: "},
   };
-  for (const auto& c : cases) {
-    UpdateError error;
-    EXPECT_EQ(RejectReparsePoints(scratch / c.base, c.relative, LastComponent::kChecked, error),
-              *c.message == L'\0');
-    EXPECT_EQ(error.Message(), c.message) << WideToUtf8(c.relative);
-  }
   UpdateError error;
+  std::wstring full;
+  for (const auto& c : cases) {
+    SetError(error, L"");
+    EXPECT_EQ(CreateUpdateDirectory(scratch / c.base, c.relative, full, error), *c.message == L'\0');
+    EXPECT_TRUE(error.Message().starts_with(c.message)) << WideToUtf8(error.Message());
+  }
+  EXPECT_TRUE(IsRealDirectory(scratch / L"root\\a\\b\\c"));
+  EXPECT_TRUE(ReadTree(scratch / L"elsewhere").empty());
   EXPECT_TRUE(RejectReparsePoints(scratch / L"root", L"real\\link", LastComponent::kUnchecked, error));
 }
 
-TEST(UpdateDirectories, AreMadeWholeAndNeverThroughAnythingElse) {
-  ScratchDirectory scratch;
-  const std::wstring root = scratch / L"root";
-  MakeTestDirectory(root);
-  MakeTestDirectory(scratch / L"elsewhere");
-  WriteTestFile(root + L"\\file", "kept");
-  MakeJunction(root + L"\\link", scratch / L"elsewhere");
-  UpdateError error;
-  std::wstring full;
-  EXPECT_TRUE(CreateUpdateDirectory(root, L"a\\\\b\\c", full, error));
-  EXPECT_TRUE(CreateUpdateDirectory(root, L"A\\b", full, error));
-  EXPECT_FALSE(CreateUpdateDirectory(root, L"link\\d", full, error));
-  EXPECT_EQ(error.Message(), kHasReparsePoint);
-  EXPECT_FALSE(CreateUpdateDirectory(root, L"file", full, error));
-  EXPECT_EQ(error.Message(), L"An update directory is unsafe.");
-  EXPECT_FALSE(CreateUpdateDirectory(root, L"new\\bad|name", full, error));
-  EXPECT_TRUE(error.Message().starts_with(L"Could not create an update directory: "));
-  EXPECT_EQ(ReadTree(root), (Tree{{L"a\\", ""},
-                                  {L"a\\b\\", ""},
-                                  {L"a\\b\\c\\", ""},
-                                  {L"file", "kept"},
-                                  {L"link\\", ""},
-                                  {L"new\\", ""}}));
-  EXPECT_TRUE(ReadTree(scratch / L"elsewhere").empty());
-}
-
-// What the patched calls below are told, and the calls themselves, taken before anything is patched.
-std::wstring pending_path;
-std::wstring exchanged;
-DWORD exchange_error = ERROR_SUCCESS;
-const auto real_get_attributes = ImportedFunction<decltype(GetFileAttributesW)>("GetFileAttributesW");
+// What deleting a file says that stays all the same, because somebody has it open; none: it is deleted.
+std::optional<BOOL> answer_of_a_file_that_stays;
+std::vector<std::wstring> deleted;
 const auto real_delete = ImportedFunction<decltype(DeleteFileW)>("DeleteFileW");
 
-DWORD WINAPI AnswerDeletePending(const wchar_t* path) {
-  if (pending_path != path) {
-    return real_get_attributes(path);
-  }
-  SetLastError(ERROR_ACCESS_DENIED);
-  return INVALID_FILE_ATTRIBUTES;
-}
-
+// Whoever could exchange a directory between two deletions would choose what is deleted.
 BOOL WINAPI TryToExchangeAndDelete(const wchar_t* path) {
-  if (!MoveFileW(exchanged.c_str(), (exchanged + L"-away").c_str()) && exchange_error == ERROR_SUCCESS) {
-    exchange_error = GetLastError();
-  }
-  return real_delete(path);
+  const std::wstring directory(ParentOfRelativePath(path));
+  EXPECT_FALSE(MoveFileW(directory.c_str(), (directory + L"-away").c_str()));
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_SHARING_VIOLATION});
+  deleted.emplace_back(path);
+  return answer_of_a_file_that_stays ? *answer_of_a_file_that_stays : real_delete(path);
 }
 
 class WorkTrees : public testing::Test {
  protected:
   WorkTrees() {
     WriteTestFile(tree_ + L"\\a\\deep\\file", "1");
-    WriteTestFile(tree_ + L"\\read-only", "2");
-    SetFileAttributesW((tree_ + L"\\read-only").c_str(), FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN);
-    WriteTestFile(scratch_ / L"elsewhere\\precious", "3");
+    WriteTestFile(read_only_, "2");
+    SetFileAttributesW(read_only_.c_str(), FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN);
+    WriteTestFile(foreign_journal_, "of somebody else");
+    deleted.clear();
   }
-  void ExpectElsewhereUntouched() const {
-    EXPECT_EQ(ReadTree(scratch_ / L"elsewhere"), (Tree{{L"precious", "3"}}));
+  ~WorkTrees() override { EXPECT_EQ(ReadTestFile(foreign_journal_), "of somebody else"); }
+
+  // What the removal says; "" when it succeeds.
+  static std::wstring Message(bool (*remove)(const std::wstring&, UpdateError&), const std::wstring& path) {
+    UpdateError error;
+    const bool removed = remove(path, error);
+    EXPECT_EQ(removed, error.IsEmpty());
+    return error.Message();
   }
+  static bool ClearExceptPrevious(const std::wstring& path, UpdateError& error) {
+    return ClearWorkDirectoryExcept(path, L"previous", error);
+  }
+
   ScratchDirectory scratch_;
-  std::wstring tree_ = scratch_ / L"tree";
-  UpdateError error_;
+  const std::wstring tree_ = scratch_ / L"tree";
+  const std::wstring read_only_ = tree_ + L"\\read-only";
+  const std::wstring elsewhere_ = scratch_ / L"elsewhere";
+  const std::wstring foreign_journal_ = elsewhere_ + L"\\previous\\rollback.journal";
+  const ImportPatch patch_{"DeleteFileW", &TryToExchangeAndDelete};
 };
 
-TEST_F(WorkTrees, AreRemovedWholeOrWereNeverThere) {
-  EXPECT_TRUE(RemoveWorkTree(tree_, error_));
-  EXPECT_EQ(GetFileAttributesW(tree_.c_str()), INVALID_FILE_ATTRIBUTES);
-  EXPECT_TRUE(RemoveWorkTree(tree_, error_));
-  EXPECT_TRUE(error_.IsEmpty());
+constexpr wchar_t kFileStays[] = L"Could not remove old updater work data.";
+
+TEST_F(WorkTrees, AreRemovedWhole) {
+  answer_of_a_file_that_stays = FALSE;
+  EXPECT_EQ(Message(RemoveWorkTree, tree_), kFileStays);
+  answer_of_a_file_that_stays.reset();
+  EXPECT_EQ(Message(RemoveWorkTree, tree_), L"");
+  EXPECT_FALSE(MayExist(tree_));
+  EXPECT_EQ(Message(RemoveWorkTree, tree_), L"");  // there is none
 }
 
-TEST_F(WorkTrees, AreNeverLeftThroughAReparsePoint) {
-  MakeJunction(tree_ + L"\\a\\deep\\link", scratch_ / L"elsewhere");
-  EXPECT_FALSE(RemoveWorkTree(tree_, error_));
-  EXPECT_EQ(error_.Message(), L"An updater work directory contains a reparse point.");
-  EXPECT_FALSE(RemoveWorkTree(tree_ + L"\\a\\deep\\link", error_));
-  EXPECT_EQ(error_.Message(), L"An updater work directory is unsafe.");
-  EXPECT_FALSE(RemoveWorkTree(tree_ + L"\\read-only", error_));
-  EXPECT_EQ(error_.Message(), L"An updater work directory is unsafe.");
-  ExpectElsewhereUntouched();
+TEST_F(WorkTrees, AreNeverLeftThroughALink) {
+  constexpr wchar_t kUnsafe[] = L"An updater work directory is unsafe.";
+  const std::wstring link = tree_ + L"\\a\\deep\\link";
+  MakeJunction(link, elsewhere_);
+  EXPECT_EQ(Message(RemoveWorkTree, tree_), L"An updater work directory contains a reparse point.");
+  EXPECT_EQ(Message(RemoveWorkTree, link), kUnsafe);
+  EXPECT_EQ(Message(RemoveWorkTree, read_only_), kUnsafe);
+  EXPECT_EQ(Message(RemovePreviousDirectory, link + L"\\previous"), kUnsafe);  // nor looked for behind one
 }
 
-TEST_F(WorkTrees, StopAtAFileInUse) {
-  const OwnedHandle holder(CreateFileW((tree_ + L"\\a\\deep\\file").c_str(), GENERIC_READ, FILE_SHARE_READ,
-                                       nullptr, OPEN_EXISTING, 0, nullptr));
-  EXPECT_FALSE(RemoveWorkTree(tree_, error_));
-  EXPECT_EQ(error_.Message(), L"Could not remove old updater work data.");
-}
-
-TEST_F(WorkTrees, LoseTheirJournalFirstOrNothing) {
+TEST_F(WorkTrees, LoseNothingBeforeTheirJournal) {
   const std::wstring journal = tree_ + L"\\rollback.journal";
   WriteTestFile(journal, "j");
-  const Tree before = ReadTree(tree_);
-  OwnedHandle holder(
-      CreateFileW(journal.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-  EXPECT_FALSE(RemovePreviousDirectory(tree_, error_));
-  EXPECT_EQ(error_.Message(), L"Could not remove old updater work data.");
-  EXPECT_EQ(ReadTree(tree_), before);
-  // Open to be deleted, it is only gone when its reader is.
-  holder = OwnedHandle(CreateFileW(journal.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                                   nullptr, OPEN_EXISTING, 0, nullptr));
-  const ImportPatch pending("GetFileAttributesW", &AnswerDeletePending);
-  pending_path = journal;
-  EXPECT_FALSE(RemovePreviousDirectory(tree_, error_));
-  pending_path.clear();
-  holder.Reset();
-  EXPECT_EQ(ReadTestFile(tree_ + L"\\a\\deep\\file"), "1");
-
-  WriteTestFile(journal, "j");
+  for (const BOOL answer : {FALSE, TRUE}) {
+    answer_of_a_file_that_stays = answer;
+    EXPECT_EQ(Message(RemovePreviousDirectory, tree_), kFileStays);
+  }
+  EXPECT_EQ(deleted, (std::vector{journal, journal}));
+  answer_of_a_file_that_stays.reset();
   SetFileAttributesW(journal.c_str(), FILE_ATTRIBUTE_READONLY);
-  EXPECT_TRUE(RemovePreviousDirectory(tree_, error_));
+  EXPECT_EQ(Message(RemovePreviousDirectory, tree_), L"");
   EXPECT_FALSE(MayExist(tree_));
+
   MakeTestDirectory(journal);  // no journal, and no more than any other directory
-  EXPECT_TRUE(RemovePreviousDirectory(tree_, error_));
+  EXPECT_EQ(Message(RemovePreviousDirectory, tree_), L"");
   EXPECT_FALSE(MayExist(tree_));
-}
-
-TEST_F(WorkTrees, AreNotLookedForBehindALink) {
-  WriteTestFile(scratch_ / L"elsewhere\\previous\\rollback.journal", "of somebody else");
-  MakeJunction(scratch_ / L"link", scratch_ / L"elsewhere");
-  EXPECT_FALSE(RemovePreviousDirectory(scratch_ / L"link\\previous", error_));
-  EXPECT_EQ(error_.Message(), L"An updater work directory is unsafe.");
-  EXPECT_EQ(ReadTestFile(scratch_ / L"elsewhere\\previous\\rollback.journal"), "of somebody else");
-}
-
-// Whoever could exchange a directory between two deletions would choose what is deleted.
-TEST_F(WorkTrees, CannotBeExchangedWhileTheyAreWalked) {
-  const ImportPatch patch("DeleteFileW", &TryToExchangeAndDelete);
-  exchanged = tree_ + L"\\a";
-  exchange_error = ERROR_SUCCESS;
-  EXPECT_TRUE(RemoveWorkTree(tree_, error_));
-  EXPECT_EQ(exchange_error, DWORD{ERROR_SHARING_VIOLATION});
-}
-
-TEST_F(WorkTrees, AreClearedExceptForOneName) {
-  MakeTestDirectory(tree_ + L"\\PREVIOUS\\files");
-  WriteTestFile(tree_ + L"\\stale", "");
-  SetFileAttributesW((tree_ + L"\\read-only").c_str(), FILE_ATTRIBUTE_NORMAL);
-  EXPECT_TRUE(ClearWorkDirectoryExcept(tree_, L"previous", error_));
-  EXPECT_EQ(ReadTree(tree_), (Tree{{L"PREVIOUS\\", ""}, {L"PREVIOUS\\files\\", ""}}));
-  EXPECT_TRUE(ClearWorkDirectoryExcept(scratch_ / L"absent", L"previous", error_));
-
-  MakeJunction(tree_ + L"\\link", scratch_ / L"elsewhere");
-  EXPECT_FALSE(ClearWorkDirectoryExcept(tree_, L"previous", error_));
-  EXPECT_EQ(error_.Message(), L"Updater storage contains an unsafe reparse point.");
-  ExpectElsewhereUntouched();
 }
 
 // Unlike a tree's removal, clearing deletes files directly in the directory as they are.
-TEST_F(WorkTrees, KeepAReadOnlyFileWhenCleared) {
-  EXPECT_FALSE(ClearWorkDirectoryExcept(tree_, L"previous", error_));
-  EXPECT_EQ(error_.Message(), L"Could not remove stale updater data.");
-  EXPECT_EQ(ReadTestFile(tree_ + L"\\read-only"), "2");
+TEST_F(WorkTrees, AreClearedExceptForOneName) {
+  MakeTestDirectory(tree_ + L"\\PREVIOUS\\files");
+  EXPECT_EQ(Message(ClearExceptPrevious, tree_), L"Could not remove stale updater data.");
+  SetFileAttributesW(read_only_.c_str(), FILE_ATTRIBUTE_NORMAL);
+  EXPECT_EQ(Message(ClearExceptPrevious, tree_), L"");
+  EXPECT_EQ(ReadTree(tree_), (Tree{{L"PREVIOUS\\", ""}, {L"PREVIOUS\\files\\", ""}}));
+  EXPECT_EQ(Message(ClearExceptPrevious, scratch_ / L"absent"), L"");
+  MakeJunction(tree_ + L"\\link", elsewhere_);
+  EXPECT_EQ(Message(ClearExceptPrevious, tree_), L"Updater storage contains an unsafe reparse point.");
 }
 
 }  // namespace

@@ -20,21 +20,15 @@ check() {
   fi
 }
 
-# says FILE TEXT: the file contains the text, wherever its lines are broken.
-says() {
-  tr -s ' \r\n' ' ' < "$1" | grep -qF -- "$2" || { cat "$1"; return 1; }
-}
-
-# refuses TEXT COMMAND...: the command fails and says so in these words.
+# refuses TEXT COMMAND...: the command fails and says so in these words, wherever its lines are broken.
 refuses() {
   text=$1
   shift
-  if "$@" > "$work/refusal.log" 2>&1; then
-    cat "$work/refusal.log"
-    echo "was not refused"
-    return 1
+  if ! "$@" > "$work/refusal.log" 2>&1 && tr -s ' \r\n' ' ' < "$work/refusal.log" | grep -qF -- "$text"; then
+    return
   fi
-  says "$work/refusal.log" "$text"
+  cat "$work/refusal.log"
+  return 1
 }
 
 finish_checks() {

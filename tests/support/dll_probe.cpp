@@ -1,65 +1,53 @@
 // Loads DLLs as the programs do, behind both of their walls or one of them:
-//   dll_probe WALL NAME           loads NAME.dll behind no-wall, full-path, versioned,
-//   versioned-on-old-windows
-//                                 (these three are forms of the first wall) or second-wall
-//   dll_probe both-walls window   shows and ends the status window
-//   dll_probe missing hash        prints what hashing says when no DLL can be loaded
+//   dll_probe WALL NAME...   loads each NAME.dll behind a wall alone (see LoadBehind); the exit code counts
+//                            those that cannot be loaded
+//   dll_probe window         shows the status window, and prints where its controls come from
+//   dll_probe missing        prints what hashing says when no DLL can be loaded
 
 #include <windows.h>
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 
 #include "app/reporting.h"
 #include "app/status_window.h"
+#include "core/ascii_case.h"
 #include "core/sha256.h"
 #include "core/system_library.h"
 #include "tests/support/import_patch.h"
 
 namespace {
 
-using talvex::UpdateError;
-
-int ShowWindowOnce() {
+void ShowWindowOnce() {
   talvex::RestrictDllSearch();
   talvex::StatusWindow window;
-  return window.StartStatusWindow(L"Probe") ? 0 : 1;
+  wchar_t path[MAX_PATH] = {};
+  if (window.StartStatusWindow(L"Probe")) {
+    GetModuleFileNameW(GetModuleHandleW(L"comctl32.dll"), path, MAX_PATH);
+  }
+  talvex::WriteConsoleLine(talvex::FoldAsciiCase(path));
 }
 
-int HashWithoutDlls() {
+void HashWithoutDlls() {
   const talvex::test::ImportPatch patch("LoadLibraryExW", talvex::test::Failing(&LoadLibraryExW));
   talvex::Sha256Digest digest;
-  std::uint64_t size = 0;
-  UpdateError buffer_error;
-  UpdateError file_error;
-  std::wstring self(MAX_PATH, L'\0');
-  self.resize(GetModuleFileNameW(nullptr, self.data(), MAX_PATH));
-  const bool hashed = talvex::Sha256OfBuffer({}, digest, buffer_error) ||
-                      talvex::Sha256OfFile(self, UINT64_MAX, digest, size, file_error);
-  talvex::WriteConsoleLine(buffer_error.Message());
-  talvex::WriteConsoleLine(file_error.Message());
-  return hashed ? 0 : 1;
+  talvex::UpdateError error;
+  static_cast<void>(talvex::Sha256OfBuffer({}, digest, error));
+  talvex::WriteConsoleLine(error.Message());
 }
 
-const auto real_get_address = talvex::test::ImportedFunction<decltype(GetProcAddress)>("GetProcAddress");
-
-FARPROC WINAPI DenyTheNewFunction(HMODULE library, const char* name) {
-  return std::string_view(name) == "SetDefaultDllDirectories" ? nullptr : real_get_address(library, name);
-}
-
-HMODULE LoadBehind(std::wstring_view wall, const wchar_t* name) {
-  if (wall == L"full-path") {
+HMODULE LoadBehind(std::string_view wall, const wchar_t* name) {
+  if (wall == "full-path") {
     return talvex::LoadSystemLibrary(name);
   }
-  if (wall == L"versioned") {
+  if (wall == "versioned") {
     return talvex::LoadVersionedSystemLibrary(name);
   }
-  if (wall == L"versioned-on-old-windows") {
-    const talvex::test::ImportPatch patch("GetProcAddress", &DenyTheNewFunction);
+  if (wall == "versioned-on-old-windows") {  // which has no SetDefaultDllDirectories
+    const talvex::test::ImportPatch patch("GetProcAddress", talvex::test::Failing(&GetProcAddress));
     return talvex::LoadVersionedSystemLibrary(name);
   }
-  if (wall == L"second-wall") {
+  if (wall == "second-wall") {
     talvex::RestrictDllSearch();
   }
   return LoadLibraryW(name);
@@ -68,17 +56,16 @@ HMODULE LoadBehind(std::wstring_view wall, const wchar_t* name) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  if (count != 3) {
-    return 2;
+  const std::string_view mode = count < 2 ? "" : arguments[1];
+  if (mode == "window") {
+    ShowWindowOnce();
+  } else if (mode == "missing") {
+    HashWithoutDlls();
   }
-  const std::string_view wall = arguments[1];
-  const std::string_view name = arguments[2];
-  if (wall == "both-walls") {
-    return ShowWindowOnce();
+  int missing = 0;
+  for (int i = 2; i < count; ++i) {
+    const std::string file = std::string(arguments[i]) + ".dll";
+    missing += LoadBehind(mode, std::wstring(file.begin(), file.end()).c_str()) == nullptr ? 1 : 0;
   }
-  if (wall == "missing") {
-    return HashWithoutDlls();
-  }
-  const std::wstring file = std::wstring(name.begin(), name.end()) + L".dll";
-  return LoadBehind(std::wstring(wall.begin(), wall.end()), file.c_str()) == nullptr ? 1 : 0;
+  return missing;
 }

@@ -2,15 +2,16 @@
 
 // Runs a transaction of the product in this process with a fault at one of its Win32 calls: the call fails,
 // or the process dies there. The calls are caught in this program's import address table, so the product's
-// own libraries run as they are.
+// own libraries run as they are. A program that links this has a counting operator new.
 //
 // A process that dies is a thread that ends inside the call: nothing above it on the stack runs any more, the
-// mutex it held is abandoned, and what it had open or allocated is given back afterwards, as Windows would.
+// mutex it held is abandoned, and what it had open is closed afterwards, as Windows would.
 
 #include <windows.h>
 
 #include <cstddef>
 #include <functional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,11 +20,11 @@ namespace talvex::test {
 
 enum class Fault {
   kNone,
-  kFail,  // the call, and the next ones that do the same, as often as the point says
-  kFailFromHere,
+  kFail,          // the call, and the next ones that do the same, as often as the point says
+  kFailFromHere,  // the call, and all later ones of the same function
   kDieBefore,
   kDieAfter,
-  kDieInside,
+  kDieInside,      // half of what the call should have written is there
   kDeletePending,  // the deleted file keeps its name a moment longer
   kOutOfMemory
 };
@@ -35,19 +36,16 @@ struct FaultPoint {
   int times = 1;
 };
 
-// What CreateFileW opens something for.
-enum class Opening { kNone, kToHold, kToLook, kToHash, kToCopy, kToWrite };
-
 struct ApiCall {
   std::string_view name;
-  Opening opening = Opening::kNone;
-  // The call's texts, and the paths of the files whose handles it was given.
-  std::vector<std::wstring> texts;
   std::size_t allocations_before = 0;
+  std::vector<std::wstring> texts = {};  // those it was given, and the paths of the files behind its handles
+  std::vector<DWORD> numbers = {};
+  void* handle = nullptr;  // the first it was given
   bool made_to_fail = false;
 
   [[nodiscard]] bool DoesTheSameAs(const ApiCall& other) const {
-    return name == other.name && opening == other.opening && texts == other.texts;
+    return name == other.name && texts == other.texts && numbers == other.numbers;
   }
 };
 
@@ -57,22 +55,19 @@ struct RunRecord {
   std::wstring message;  // of the message box; empty when none was shown
   bool client_started = false;
   std::size_t allocations = 0;
-  std::vector<DWORD> sleeps;  // in milliseconds
+  DWORD waited_ms = 0;  // between attempts
   std::vector<ApiCall> calls;
-  std::vector<std::string> violations;
-
-  // Whether the file has been flushed since it was last written to.
-  [[nodiscard]] bool IsFlushed(std::wstring_view path) const;
+  std::set<std::wstring> unflushed;  // files that were written, copied or replaced, and not flushed since
+  std::string violations;            // a line each
 };
 
 // What the transaction meets besides the fault.
 struct RunSettings {
   std::wstring program;             // what the running program says its own path is
-  DWORD process_id = 1;             // and its own number
   bool die_for_good = false;        // a death ends this whole process
   bool list_backwards = false;      // directories are listed from Z to A
   std::vector<HANDLE> handed_over;  // handles that the transaction may close, and that are closed after it
-  // Called after each call that changed a file or directory; says what is wrong now, or nothing.
+  // Called after each call that changed a file or directory. Says what is wrong now, a line each.
   std::function<std::string(const RunRecord& record)> after_change;
 };
 

@@ -3,22 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstddef>
-#include <cstdint>
-#include <string_view>
+#include <filesystem>
 
-#include "storage/client_root.h"
+#include "core/inherited_handle_list.h"
+#include "tests/support/scratch_directory.h"
 
 namespace talvex::test {
 namespace {
 
-constexpr DWORD kPollMs = 20;
+constexpr DWORD kPollMs = 10;
 constexpr int kTextOfMessageBox = 0xFFFF;  // the control's id
-
-struct WindowSearch {
-  DWORD process_id;
-  HelperResult* result;
-};
 
 std::wstring TextOf(HWND window) {
   std::array<wchar_t, 2048> text{};
@@ -27,38 +21,35 @@ std::wstring TextOf(HWND window) {
   return text.data();
 }
 
-BOOL CALLBACK LookAtWindow(HWND window, LPARAM parameter) {
-  const auto& search = *reinterpret_cast<WindowSearch*>(parameter);
-  DWORD process_id = 0;
-  GetWindowThreadProcessId(window, &process_id);
-  if (process_id != search.process_id || !IsWindowVisible(window)) {
-    return TRUE;
-  }
-  std::array<wchar_t, 64> name{};
-  GetClassNameW(window, name.data(), static_cast<int>(name.size()));
-  if (std::wstring_view(name.data()) == L"TalvexUpdateStatusWindowV1") {
-    search.result->showed_window = true;
-  } else if (std::wstring_view(name.data()) == L"#32770") {
-    const HWND control = GetDlgItem(window, kTextOfMessageBox);
-    const std::wstring text = control == nullptr ? std::wstring() : TextOf(control);
-    const std::wstring caption = TextOf(window);
-    if (!text.empty() && !caption.empty()) {  // on a busy machine the answer comes only the next time
-      search.result->message = text;
-      search.result->caption = caption;
-      PostMessageW(window, WM_COMMAND, IDOK, 0);
-    }
-  }
-  return TRUE;
+HWND VisibleWindow(DWORD process_id, const wchar_t* window_class) {
+  HWND window = nullptr;
+  DWORD owner = 0;
+  do {
+    window = FindWindowExW(nullptr, window, window_class, nullptr);
+    GetWindowThreadProcessId(window, &owner);
+  } while (window != nullptr && (owner != process_id || !IsWindowVisible(window)));
+  return window;
 }
 
-std::string ReadToEnd(HANDLE pipe) {
-  std::string text;
-  std::array<char, 4096> piece{};
-  DWORD read = 0;
-  while (ReadFile(pipe, piece.data(), static_cast<DWORD>(piece.size()), &read, nullptr) && read != 0) {
-    text.append(piece.data(), read);
+// Notes what the process shows now, and closes its message box.
+void LookAtWindows(DWORD process_id, HelperResult& result) {
+  result.showed_window |= VisibleWindow(process_id, L"TalvexUpdateStatusWindowV1") != nullptr;
+  const HWND box = VisibleWindow(process_id, L"#32770");
+  const std::wstring text = TextOf(GetDlgItem(box, kTextOfMessageBox));
+  const std::wstring caption = TextOf(box);
+  if (!text.empty() && !caption.empty()) {  // on a busy machine the texts come only the next time
+    result.message = text;
+    result.caption = caption;
+    PostMessageW(box, WM_COMMAND, IDOK, 0);
   }
-  return text;
+}
+
+std::vector<DWORD> ProcessesIn(const OwnedHandle& job) {
+  std::array<ULONG_PTR, 32> storage{};
+  auto* const found = reinterpret_cast<JOBOBJECT_BASIC_PROCESS_ID_LIST*>(storage.data());
+  EXPECT_TRUE(
+      QueryInformationJobObject(job.Get(), JobObjectBasicProcessIdList, found, sizeof(storage), nullptr));
+  return {found->ProcessIdList, found->ProcessIdList + found->NumberOfProcessIdsInList};
 }
 
 }  // namespace
@@ -66,76 +57,52 @@ std::string ReadToEnd(HANDLE pipe) {
 HelperResult RunHelper(const std::wstring& program, const std::vector<std::wstring>& arguments,
                        std::vector<HANDLE> inherited,
                        const std::function<void(DWORD process_id)>& while_running) {
-  HelperResult result;
-  HANDLE read_end = nullptr;
-  HANDLE write_end = nullptr;
-  EXPECT_TRUE(CreatePipe(&read_end, &write_end, nullptr, 1 << 16));
-  const OwnedHandle console(read_end);
-  OwnedHandle output = MakeInheritable(write_end);
+  const ScratchDirectory scratch;
+  const std::wstring console = scratch / L"console";
+  OwnedHandle output = MakeInheritable(
+      CreateFileW(console.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, 0, nullptr));
   inherited.push_back(output.Get());
-
-  std::array<std::byte, 256> storage{};
-  SIZE_T size = storage.size();
+  const InheritedHandleList handles(inherited);
   STARTUPINFOEXW startup{};
   startup.StartupInfo.cb = sizeof(startup);
   startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
   startup.StartupInfo.hStdOutput = output.Get();
   startup.StartupInfo.hStdError = output.Get();
-  startup.lpAttributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(storage.data());
-  EXPECT_TRUE(InitializeProcThreadAttributeList(startup.lpAttributeList, 1, 0, &size) &&
-              UpdateProcThreadAttribute(startup.lpAttributeList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
-                                        inherited.data(), inherited.size() * sizeof(HANDLE), nullptr,
-                                        nullptr));
+  startup.lpAttributeList = handles.Get();
   std::wstring command_line = L"\"" + program + L"\"";
   for (const std::wstring& argument : arguments) {
     command_line += L" \"" + argument + L"\"";
   }
   PROCESS_INFORMATION started{};
   EXPECT_TRUE(CreateProcessW(program.c_str(), command_line.data(), nullptr, nullptr, TRUE,
-                             EXTENDED_STARTUPINFO_PRESENT, nullptr, nullptr, &startup.StartupInfo, &started))
+                             EXTENDED_STARTUPINFO_PRESENT | CREATE_SUSPENDED, nullptr, nullptr,
+                             &startup.StartupInfo, &started))
       << GetLastError();
-  DeleteProcThreadAttributeList(startup.lpAttributeList);
-  output.Reset();
   const OwnedHandle process(started.hProcess);
   const OwnedHandle thread(started.hThread);
+  // Order: the job before the first instruction, because programs started earlier would not belong to it.
+  const OwnedHandle job(CreateJobObjectW(nullptr, nullptr));
+  EXPECT_TRUE(AssignProcessToJobObject(job.Get(), process.Get())) << GetLastError();
+  ResumeThread(thread.Get());
+  output.Reset();
 
-  while (WaitForSingleObject(process.Get(), kPollMs) == WAIT_TIMEOUT) {
-    AnswerMessageBoxes(started.dwProcessId, result);
-    if (while_running) {
-      while_running(started.dwProcessId);
+  HelperResult result;
+  for (auto ids = ProcessesIn(job); !ids.empty(); ids = ProcessesIn(job)) {
+    for (const DWORD id : ids) {
+      LookAtWindows(id, result);
+      if (while_running) {
+        while_running(id);
+      }
     }
+    Sleep(kPollMs);
   }
   GetExitCodeProcess(process.Get(), &result.exit_code);
-  result.console = ReadToEnd(console.Get());
+  result.console = ReadTestFile(console);
   return result;
 }
 
-void AnswerMessageBoxes(DWORD process_id, HelperResult& result) {
-  WindowSearch search{process_id, &result};
-  EnumWindows(LookAtWindow, reinterpret_cast<LPARAM>(&search));
-}
-
-OwnedHandle MakeInheritable(HANDLE handle) {
-  SetHandleInformation(handle, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
-  return OwnedHandle(handle);
-}
-
-OwnedHandle MakeInheritableEvent(bool signalled) {
-  return MakeInheritable(CreateEventW(nullptr, TRUE, signalled, nullptr));
-}
-
-OwnedHandle MakeInheritableMutex() {
-  return MakeInheritable(CreateMutexW(nullptr, FALSE, nullptr));
-}
-
-std::wstring HandleText(HANDLE handle) {
-  return std::to_wstring(reinterpret_cast<std::uintptr_t>(handle));
-}
-
 std::wstring BuiltProgram(std::wstring_view name) {
-  std::array<wchar_t, MAX_PATH> folder{};
-  GetCurrentDirectoryW(MAX_PATH, folder.data());
-  return JoinPath(folder.data(), name);
+  return (std::filesystem::current_path() / name).wstring();
 }
 
 }  // namespace talvex::test

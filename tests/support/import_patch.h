@@ -46,23 +46,18 @@ Function* ImportedFunction(const char* name) {
 class ImportPatch {
  public:
   ImportPatch(const char* name, AnyFunction replacement) : slot_(FindImportSlot(name)), original_(*slot_) {
-    Write(replacement);
+    DWORD before = 0;
+    VirtualProtect(slot_, sizeof(*slot_), PAGE_READWRITE, &before);
+    *slot_ = replacement;
   }
   template <typename Result, typename... Arguments>
   ImportPatch(const char* name, Result(WINAPI* replacement)(Arguments...))
       : ImportPatch(name, reinterpret_cast<AnyFunction>(replacement)) {}
   ImportPatch(const ImportPatch&) = delete;
   ImportPatch& operator=(const ImportPatch&) = delete;
-  ~ImportPatch() { Write(original_); }
+  ~ImportPatch() { *slot_ = original_; }
 
  private:
-  void Write(AnyFunction function) {
-    DWORD protection = 0;
-    VirtualProtect(slot_, sizeof(*slot_), PAGE_READWRITE, &protection);
-    *slot_ = function;
-    VirtualProtect(slot_, sizeof(*slot_), protection, &protection);
-  }
-
   AnyFunction* slot_;
   AnyFunction original_;
 };

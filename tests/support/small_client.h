@@ -1,7 +1,7 @@
 #pragma once
 
 // A client directory of a few bytes that is updated and rolled back inside this process, with a fault or
-// without: fast enough for thousands of runs.
+// without: fast enough for thousands of runs. Every change that a run makes is watched (small_client.cpp).
 
 #include <windows.h>
 
@@ -16,33 +16,32 @@
 
 namespace talvex::test {
 
+inline constexpr wchar_t kFailureMark[] = L"TalvexUpdateFailure.dat";
+inline constexpr wchar_t kJournal[] = L".talvex-update\\previous\\rollback.journal";
+
 class SmallClient {
  public:
-  // Has `old` installed, and its helper run as the running program of every release.
-  SmallClient(TestRelease old, TestRelease next);
-  // The client that another process has made at `existing_root`, as it stands.
-  SmallClient(std::wstring existing_root, TestRelease old, TestRelease next);
+  // Has `old` installed, and its helper as the running program; or is the client that stands at
+  // `existing_root` already.
+  SmallClient(TestRelease old, TestRelease next, const std::wstring& existing_root = {});
 
-  // Exchanges both releases and makes the plan that leads from one to the other: staged by StageAgain.
+  // Exchanges both releases and makes the plan that leads from one to the other.
   void Offer(TestRelease old, TestRelease next);
-  // Lays out what is missing of the staged new release, as the client does before it starts the helper.
-  void StageAgain() const;
 
+  // Stages the new release, as the client does before it starts the helper.
+  void Stage() const { StageTestRelease(new_release, plan_, root); }
   [[nodiscard]] RunRecord Apply(const FaultPoint& fault = {});
   [[nodiscard]] RunRecord Rollback(const FaultPoint& fault = {});
 
-  // Everything below the root, and making it so again; `now`: what Read has just returned, to spare another
-  // look.
+  // Everything below the root, and making it so.
   [[nodiscard]] Tree Read() const { return ReadTree(root); }
-  void Become(const Tree& tree) const { Become(tree, Read()); }
-  void Become(const Tree& tree, const Tree& now) const;
+  void Become(const Tree& tree) const;
 
   // What of `tree` is the client's: all files outside the work directory, and of the updater's own files the
   // state, the cache and the failure marker.
   [[nodiscard]] static Tree ClientFiles(Tree tree);
-  // What ClientFiles has to be with a release installed, and that with the mark of the new release's failure.
-  [[nodiscard]] Tree Installed(const TestRelease& release) const;
-  [[nodiscard]] Tree RolledBack() const;
+  // `files`, and the mark that the new release has failed.
+  [[nodiscard]] Tree Marked(Tree files) const;
   // Whether the journal that undoes the update to the new release is in place.
   [[nodiscard]] bool HasOwnJournal(const Tree& tree) const;
 
@@ -50,18 +49,16 @@ class SmallClient {
   std::wstring root;
   TestRelease old_release;
   TestRelease new_release;
-  StagedPlan plan;
-  Tree old_files;  // Installed(old_release)
+  Tree old_files;  // what ClientFiles has to be with the old release installed
   Tree new_files;
   RunSettings settings;
-  DWORD next_process_id = 1000;
 
  private:
   [[nodiscard]] RunRecord Run(int (*mode)(int, const wchar_t* const*), std::vector<std::wstring> arguments,
                               std::size_t parent_operand, const FaultPoint& fault);
   [[nodiscard]] std::string WhatIsWrong(const RunRecord& record) const;
 
-  Tree stage_;  // relative to the root
+  StagedPlan plan_;
   std::string journal_head_;
   OwnedHandle lock_;
 };

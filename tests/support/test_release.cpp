@@ -3,31 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <windows.h>
-
+// Needs windows.h first.
 #include <wincrypt.h>
 
 #include <algorithm>
 
 #include "core/sha256.h"
 #include "core/text_encoding.h"
-#include "formats/apply_plan.h"
-#include "formats/installed_state.h"
 #include "formats/text_lines.h"
-#include "formats/verified_cache.h"
-#include "storage/client_root.h"
-#include "storage/work_storage.h"
 #include "tests/support/scratch_directory.h"
 
 namespace talvex::test {
-namespace {
-
-std::wstring WidePath(const std::string& path) {
-  std::wstring wide = Utf8ToWide(path);
-  std::replace(wide.begin(), wide.end(), L'/', L'\\');
-  return wide;
-}
-
-}  // namespace
 
 std::string SignWithDevelopmentKey(std::string_view text) {
   const std::string key_blob = ReadTestFile(L"development-key\\private.blob");
@@ -46,7 +32,7 @@ std::string SignWithDevelopmentKey(std::string_view text) {
   CryptDestroyHash(hash);
   CryptDestroyKey(key);
   CryptReleaseContext(provider, 0);
-  std::reverse(signature.begin(), signature.end());  // this interface counts from the low end
+  std::ranges::reverse(signature);  // this interface counts from the low end
   return signature;
 }
 
@@ -74,12 +60,14 @@ Manifest TestRelease::Parsed() const {
 
 void InstallTestRelease(const TestRelease& release, const std::wstring& directory) {
   for (const auto& [path, contents] : release.files) {
-    WriteTestFile(JoinPath(directory, WidePath(path)), contents);
+    WriteTestFile(directory + L"\\" + Utf8ToWide(path), contents);
   }
-  UpdateError error;
-  EXPECT_TRUE(
-      SaveVerifiedCache(directory, AsBytes(release.ManifestText()), AsBytes(release.Signature()), error) &&
-      SaveInstalledState(directory, release.Parsed(), error));
+  const std::string manifest = release.ManifestText();
+  WriteTestFile(directory + L"\\.talvex-update-cache\\manifest.txt", manifest);
+  WriteTestFile(directory + L"\\.talvex-update-cache\\manifest.sig", release.Signature());
+  WriteTestFile(directory + L"\\TalvexUpdateState.dat",
+                "TALVEX-UPDATE-STATE-V1\nsequence\t" + std::to_string(release.sequence) + "\nrelease\t" +
+                    release.name + "\nmanifest-sha256\t" + HexDigestOf(manifest) + "\n");
 }
 
 std::string PlanText(const TestRelease& release, const StagedPlan& plan) {
@@ -95,14 +83,14 @@ std::string PlanText(const TestRelease& release, const StagedPlan& plan) {
 
 std::wstring StageTestRelease(const TestRelease& release, const StagedPlan& plan,
                               const std::wstring& client_root) {
-  const std::wstring stage =
-      JoinPath(JoinPath(client_root, kWorkDirectoryName), Utf8ToWide(HexDigestOf(release.ManifestText())));
-  WriteTestFile(JoinPath(stage, kManifestFileName), release.ManifestText());
-  WriteTestFile(JoinPath(stage, kSignatureFileName), release.Signature());
-  WriteTestFile(JoinPath(stage, kApplyPlanFileName), PlanText(release, plan));
-  MakeTestDirectory(JoinPath(stage, L"files"));
+  const std::string manifest = release.ManifestText();
+  const std::wstring stage = client_root + L"\\.talvex-update\\" + Utf8ToWide(HexDigestOf(manifest));
+  WriteTestFile(stage + L"\\manifest.txt", manifest);
+  WriteTestFile(stage + L"\\manifest.sig", release.Signature());
+  WriteTestFile(stage + L"\\apply.plan", PlanText(release, plan));
+  MakeTestDirectory(stage + L"\\files");
   for (const std::string& path : plan.install) {
-    WriteTestFile(JoinPath(JoinPath(stage, L"files"), WidePath(path)), release.files.at(path));
+    WriteTestFile(stage + L"\\files\\" + Utf8ToWide(path), release.files.at(path));
   }
   return stage;
 }

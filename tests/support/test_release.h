@@ -2,10 +2,8 @@
 
 // Releases made up by tests and signed with the build's development key.
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +14,7 @@ namespace talvex::test {
 
 // Signs as the publisher does, with the private half of the development key.
 [[nodiscard]] std::string SignWithDevelopmentKey(std::string_view text);
+[[nodiscard]] std::string HexDigestOf(std::string_view text);
 
 struct TestRelease {
   std::string name;
@@ -27,19 +26,18 @@ struct TestRelease {
   [[nodiscard]] Manifest Parsed() const;
 };
 
-[[nodiscard]] std::string HexDigestOf(std::string_view text);
-
 // Puts the release's files below `directory`, and state and cache beside them, as an update leaves them.
 void InstallTestRelease(const TestRelease& release, const std::wstring& directory);
 
-// Lays the release out below the client root as the client does: manifest, signature, plan, and the files
-// that the plan installs. Returns the stage root.
 struct StagedPlan {
   std::vector<std::string> install;
   std::vector<std::string> retire;
 };
+[[nodiscard]] std::string PlanText(const TestRelease& release, const StagedPlan& plan);
+
+// Lays the release out below the client root as the client does: manifest, signature, plan, and the files
+// that the plan installs. Returns the stage root.
 std::wstring StageTestRelease(const TestRelease& release, const StagedPlan& plan,
                               const std::wstring& client_root);
-[[nodiscard]] std::string PlanText(const TestRelease& release, const StagedPlan& plan);
 
 }  // namespace talvex::test

@@ -1,0 +1,293 @@
+// The changes of client files and their undoing, one by one, while somebody else is at work among them: with
+// Windows calls replaced where a whole run meets such a moment only by chance.
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "apply/file_installation.h"
+#include "core/owned_handle.h"
+#include "core/regular_file.h"
+#include "core/text_encoding.h"
+#include "rollback/restoration.h"
+#include "rollback/rollback_preparation.h"
+#include "storage/client_root.h"
+#include "tests/support/import_patch.h"
+#include "tests/support/scratch_directory.h"
+
+namespace talvex::test {
+namespace {
+
+constexpr DWORD kLink = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+constexpr DWORD kAllSleepsMs = 1'950;
+constexpr wchar_t kReparsePoint[] = L"An update path contains a reparse point.";
+constexpr wchar_t kUnflushed[] = L"An updated file could not be flushed safely before restart.";
+
+// What the replaced calls are told and tell, and the calls themselves, taken before any is replaced.
+DWORD slept_ms = 0;
+OwnedHandle busy;
+DWORD exchange_error = ERROR_SUCCESS;
+std::wstring odd_path;
+DWORD odd_attributes = 0;
+const auto real_copy = ImportedFunction<decltype(CopyFileW)>("CopyFileW");
+const auto real_delete = ImportedFunction<decltype(DeleteFileW)>("DeleteFileW");
+const auto real_get_attributes = ImportedFunction<decltype(GetFileAttributesW)>("GetFileAttributesW");
+const auto real_open = ImportedFunction<decltype(CreateFileW)>("CreateFileW");
+const auto real_replace = ImportedFunction<decltype(ReplaceFileW)>("ReplaceFileW");
+
+// Before the last attempt, whoever is busy with a file is done.
+void WINAPI CountTheSleep(DWORD ms) {
+  slept_ms += ms;
+  if (slept_ms == kAllSleepsMs) {
+    busy.Reset();
+  }
+}
+
+DWORD WINAPI AnswerOddly(const wchar_t* path) {
+  if (odd_path != path) {
+    return real_get_attributes(path);
+  }
+  SetLastError(ERROR_ACCESS_DENIED);  // of a deleted file that somebody still has open
+  return odd_attributes;
+}
+
+void TryToExchangeDirectoryOf(const wchar_t* path) {
+  const std::wstring directory(ParentOfRelativePath(path));
+  exchange_error = MoveFileW(directory.c_str(), (directory + L"-away").c_str()) ? 0 : GetLastError();
+}
+
+BOOL WINAPI TryToExchangeAndReplace(const wchar_t* replaced, const wchar_t* replacement,
+                                    const wchar_t* backup, DWORD flags, void* exclude, void* reserved) {
+  TryToExchangeDirectoryOf(replaced);
+  return real_replace(replaced, replacement, backup, flags, exclude, reserved);
+}
+
+// The directory of the target stays, but that of the copy becomes a link.
+BOOL WINAPI CopyAndTryToExchange(const wchar_t* source, const wchar_t* destination, BOOL fail_if_exists) {
+  TryToExchangeDirectoryOf(destination);
+  odd_path = ParentOfRelativePath(source);
+  odd_attributes = kLink;
+  return real_copy(source, destination, fail_if_exists);
+}
+
+// A directory turns out to have become a link just before it was held.
+HANDLE WINAPI ExchangeWhatIsHeld(const wchar_t* path, DWORD access, DWORD share,
+                                 SECURITY_ATTRIBUTES* security, DWORD creation, DWORD flags, HANDLE model) {
+  if ((flags & FILE_FLAG_BACKUP_SEMANTICS) != 0) {
+    odd_path = path;
+    odd_attributes = kLink;
+  }
+  return real_open(path, access, share, security, creation, flags, model);
+}
+
+BOOL WINAPI FailToDeleteWhatGoesByItself(const wchar_t* path) {
+  const BOOL deleted = real_delete(path);
+  SetLastError(deleted ? ERROR_ACCESS_DENIED : GetLastError());
+  return FALSE;
+}
+
+class FileChange : public testing::Test {
+ protected:
+  FileChange() {
+    slept_ms = 0;
+    odd_path.clear();
+    odd_attributes = INVALID_FILE_ATTRIBUTES;
+  }
+  [[nodiscard]] OwnedHandle Open(const wchar_t* name, DWORD share) const {
+    return OwnedHandle(
+        CreateFileW((root_ / name).c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr));
+  }
+  void GiveASecondName(const std::wstring& file) const {
+    ASSERT_TRUE(CreateHardLinkW((root_ / L"link").c_str(), file.c_str(), nullptr));
+  }
+
+  ScratchDirectory root_;
+  const ImportPatch sleep_{"Sleep", &CountTheSleep};
+};
+
+// A client with the file "present", a release staged that replaces it and adds "added", and "gone" and
+// "never-there" retired.
+class Installation : public FileChange {
+ protected:
+  Installation() {
+    WriteTestFile(root_ / L"present", "old");
+    WriteTestFile(root_ / L"gone", "retired");
+    WriteTestFile(root_ / L"stage\\present", "new");
+    WriteTestFile(root_ / L"stage\\added", "new");
+    MakeTestDirectory(root_ / L"copies");
+    Add("present", false, true);
+    Add("added", false, false);
+    Add("gone", true, true);
+    Add("never-there", true, false);
+  }
+
+  void Add(const std::string& name, bool retire, bool existed) {
+    const std::wstring wide = Utf8ToWide(name);
+    entries_.push_back({1, {}, name, wide});
+    operations_.push_back({&entries_.back(), retire, retire ? L"" : root_ / (L"stage\\" + wide), root_ / wide,
+                           root_ / (L"copies\\" + wide), existed, false});
+  }
+
+  // Installs and yields the message, "" for success.
+  std::wstring Install(std::size_t fault_index = kNoFaultInjection) {
+    StatusWindow window;
+    UpdateError error;
+    const bool installed =
+        InstallApplyOperations(root_.Path(), root_ / L"copies", operations_, window, fault_index, error);
+    EXPECT_EQ(installed, error.IsEmpty());
+    return error.Message();
+  }
+
+  std::list<ManifestEntry> entries_;
+  std::vector<ApplyOperation> operations_;
+};
+
+TEST_F(Installation, FailsOnPurposeOnlyAfterTheChange) {
+  EXPECT_EQ(Install(0), L"Injected update replacement failure.");
+  EXPECT_TRUE(operations_[0].applied);
+  EXPECT_FALSE(operations_[1].applied);
+}
+
+TEST_F(Installation, StopsAtATargetThatIsNotWhatItWas) {
+  constexpr wchar_t kChanged[] = L"An update target changed during installation.";
+  WriteTestFile(root_ / L"added", "by somebody else");
+  EXPECT_EQ(Install(), kChanged);
+  EXPECT_TRUE(operations_[0].applied);
+  EXPECT_FALSE(operations_[1].applied);
+  EXPECT_EQ(ReadTestFile(root_ / L"added"), "by somebody else");
+  operations_.erase(operations_.begin(), operations_.begin() + 2);
+  DeleteFileW((root_ / L"gone").c_str());
+  EXPECT_EQ(Install(), kChanged);
+  MakeTestDirectory(root_ / L"gone");
+  EXPECT_EQ(Install(), kChanged);
+}
+
+TEST_F(Installation, NeverOverwritesARollbackCopy) {
+  WriteTestFile(root_ / L"copies\\gone", "an earlier copy");
+  EXPECT_EQ(Install(), L"Could not create a rollback copy for a retired update file.");
+  EXPECT_EQ(ReadTestFile(root_ / L"copies\\gone"), "an earlier copy");
+}
+
+TEST_F(Installation, RefusesAnInstalledFileWithASecondName) {
+  GiveASecondName(root_ / L"stage\\added");
+  EXPECT_EQ(Install(), kUnflushed);
+}
+
+TEST_F(Installation, SharesOneScheduleBetweenTheMoveAndTheFlush) {
+  busy = Open(L"stage\\added", FILE_SHARE_READ);
+  const OwnedHandle scanner = Open(L"stage\\added", FILE_SHARE_READ | FILE_SHARE_DELETE);
+  EXPECT_EQ(Install(), kUnflushed);
+  EXPECT_EQ(slept_ms, kAllSleepsMs);
+  EXPECT_TRUE(operations_[1].applied);
+}
+
+TEST_F(Installation, WaitsForAHeldTargetAndKeepsItsDirectoryInPlace) {
+  const ImportPatch replace("ReplaceFileW", &TryToExchangeAndReplace);
+  busy = Open(L"present", FILE_SHARE_READ);
+  EXPECT_EQ(Install(), L"");
+  EXPECT_EQ(slept_ms, kAllSleepsMs);
+  EXPECT_EQ(exchange_error, DWORD{ERROR_SHARING_VIOLATION});
+}
+
+TEST_F(Installation, ChecksADirectoryOnceItIsHeld) {
+  const ImportPatch open("CreateFileW", &ExchangeWhatIsHeld);
+  const ImportPatch attributes("GetFileAttributesW", &AnswerOddly);
+  EXPECT_EQ(Install(), L"The client directory is missing or is a reparse point.");
+  EXPECT_FALSE(operations_[0].applied);
+}
+
+// Somebody else's deletion is as good as one's own, but only once there was something to delete.
+TEST_F(Installation, TakesAFileForDeletedThatIsGoneAtALaterAttempt) {
+  RetrySchedule schedule;
+  EXPECT_FALSE(DeleteFileWithRetry(root_ / L"absent", schedule));
+  const ImportPatch patch("DeleteFileW", &FailToDeleteWhatGoesByItself);
+  EXPECT_TRUE(DeleteFileWithRetry(root_ / L"gone", schedule));
+}
+
+// A client with the file "data\a" and a copy of what it was.
+class Restoration : public FileChange {
+ protected:
+  Restoration() {
+    WriteTestFile(target_, "new");
+    WriteTestFile(copy_, "old");
+    MakeTestDirectory(root_ / L"stage");
+  }
+
+  // Undoes the installation of the file as often as `count`, and yields the message.
+  std::wstring Undo(bool existed, const std::wstring& staged_path = {}, std::size_t count = 1) {
+    const std::vector<ApplyOperation> operations(
+        count, ApplyOperation{&entry_, false, staged_path, target_, copy_, existed, true});
+    UpdateError error;
+    const bool restored = RestoreFromRollback(root_.Path(), previous_, {}, operations, error);
+    EXPECT_EQ(restored, error.IsEmpty());
+    return error.Message();
+  }
+
+  const ManifestEntry entry_{1, {}, "data/a", L"data\\a"};
+  const std::wstring previous_ = root_ / L".talvex-update\\previous";
+  const std::wstring target_ = root_ / L"data\\a";
+  const std::wstring copy_ = previous_ + L"\\files\\data\\a";
+};
+
+// A retired file of a terabyte would keep the lock for hours.
+TEST_F(Restoration, IsPreparedWithoutReadingAFileOfAnotherSize) {
+  MakeSparseFile(target_, std::uint64_t{1} << 40);
+  const ImportPatch read("ReadFile", Failing(&ReadFile));
+  ApplyOperation operation{&entry_, true, {}, target_, copy_, false, false};
+  UpdateError error;
+  EXPECT_FALSE(CheckUpdateTarget(operation, error));
+  EXPECT_EQ(error.Message(), L"A retired managed file changed locally and was not deleted.");
+}
+
+TEST_F(Restoration, WaitsForHalfAMinuteInAll) {
+  const ImportPatch patch("DeleteFileW", Failing(&DeleteFileW));
+  EXPECT_EQ(Undo(false, {}, 40), L"Could not remove a file during updater rollback.");
+  EXPECT_GT(slept_ms, 29'000u);
+  EXPECT_LE(slept_ms, 30'000u);
+}
+
+TEST_F(Restoration, TakesNoFileForThereThatItCannotLookAt) {
+  DeleteFileW(copy_.c_str());
+  EXPECT_EQ(Undo(true), L"");
+  const ImportPatch patch("GetFileAttributesW", &AnswerOddly);
+  odd_path = target_;
+  EXPECT_EQ(Undo(true), L"A required rollback copy is missing.");
+  EXPECT_EQ(slept_ms, kAllSleepsMs);
+  WriteTestFile(copy_, "old");
+  EXPECT_EQ(Undo(true), L"An updater rollback target has unsafe file links.");
+}
+
+TEST_F(Restoration, LeavesATargetInPlaceWhoseCopyIsBad) {
+  GiveASecondName(copy_);
+  EXPECT_EQ(Undo(true, root_ / L"stage\\a"), L"An updater recovery source is not a regular file.");
+  EXPECT_EQ(ReadTestFile(target_), "new");
+}
+
+TEST_F(Restoration, MovesNothingIntoTheStageThatIsNoRegularFile) {
+  DeleteFileW(target_.c_str());
+  MakeTestDirectory(target_);
+  for (const bool existed : {true, false}) {
+    EXPECT_EQ(Undo(existed, root_ / L"stage\\a"), L"An updater rollback target is not a regular file.");
+    DeleteFileW(copy_.c_str());
+  }
+}
+
+TEST_F(Restoration, KeepsTheDirectoryOfATargetAndNoticesAnExchangedCopy) {
+  const ImportPatch copy("CopyFileW", &CopyAndTryToExchange);
+  const ImportPatch attributes("GetFileAttributesW", &AnswerOddly);
+  EXPECT_EQ(Undo(true), kReparsePoint);
+  EXPECT_EQ(exchange_error, DWORD{ERROR_SHARING_VIOLATION});
+  EXPECT_EQ(ReadTestFile(target_), "old");
+  DeleteFileW(target_.c_str());
+  EXPECT_EQ(Undo(true), kReparsePoint);  // before anything is touched
+  EXPECT_FALSE(MayExist(target_));
+}
+
+}  // namespace
+}  // namespace talvex::test
