@@ -3,9 +3,9 @@
 #include <string>
 
 #include "app/reporting.h"
+#include "core/exit_code.h"
 #include "core/publisher_key.h"
 #include "core/text_encoding.h"
-#include "core/whole_file.h"
 #include "formats/relative_path.h"
 #include "formats/signed_manifest.h"
 
@@ -19,18 +19,15 @@ constexpr int kValidatePathArguments = 3;
 
 int RunVerifyManifest(int argument_count, const wchar_t* const* arguments) {
   if (argument_count != kVerifyManifestArguments) {
-    return kExitUnusable;
+    return kExitUsage;
   }
-  ByteBuffer manifest_bytes;
-  ByteBuffer signature;
-  Manifest manifest;
+  SignedManifest release;
   UpdateError error;
-  if (!ReadWholeFile(arguments[2], kManifestSizeLimit, manifest_bytes, error) ||
-      !ReadWholeFile(arguments[3], kSignatureSizeLimit, signature, error) ||
-      !VerifySignedManifest(manifest_bytes, signature, PublisherKeyBlob(), manifest, error)) {
+  if (!LoadSignedManifest({arguments[2], arguments[3]}, PublisherKeyBlob(), release, error)) {
     WriteConsoleLine(L"ERROR: " + error.Message());
     return kExitFailed;
   }
+  const Manifest& manifest = release.manifest;
   WriteConsoleLine(L"OK release=" + Utf8ToWide(manifest.release) + L" sequence=" +
                    std::to_wstring(manifest.sequence) + L" files=" +
                    std::to_wstring(manifest.entries.size()));
@@ -39,7 +36,7 @@ int RunVerifyManifest(int argument_count, const wchar_t* const* arguments) {
 
 int RunValidatePath(int argument_count, const wchar_t* const* arguments) {
   if (argument_count != kValidatePathArguments) {
-    return kExitUnusable;
+    return kExitUsage;
   }
   std::wstring normalised_path;
   UpdateError error;

@@ -1,16 +1,16 @@
 #pragma once
 
-// The two modes that answer a question on the console and touch nothing: --verify-manifest and
+// The two modes that print a verdict on the console and change nothing: --verify-manifest and
 // --validate-path. Both take the whole argument vector and return the exit code: 0 for a good verdict, 1 for
-// a bad one, 2 for a wrong argument count, which is not reported in words. They never show a message box.
+// a bad one, 2, without output, for a wrong argument count. They never show a message box.
 
 namespace talvex {
 
-// Proves a manifest file with its signature file. Prints "OK release=... sequence=... files=...", or
+// Verifies a manifest file with its signature file. Prints "OK release=... sequence=... files=...", or
 // "ERROR: " and the reason.
 [[nodiscard]] int RunVerifyManifest(int argument_count, const wchar_t* const* arguments);
 
-// Judges one relative path. Prints "OK: " and the normalised path, or "REJECTED: " and the reason.
+// Validates one relative path. Prints "OK: " and the normalised path, or "REJECTED: " and the reason.
 [[nodiscard]] int RunValidatePath(int argument_count, const wchar_t* const* arguments);
 
 }  // namespace talvex

@@ -9,8 +9,9 @@
 #include <string>
 #include <string_view>
 
-#include "app/handle_operand.h"
 #include "app/reporting.h"
+#include "core/exit_code.h"
+#include "core/transaction_handles.h"
 
 namespace talvex {
 namespace {
@@ -18,10 +19,10 @@ namespace {
 constexpr int kArgumentCount = 4;
 
 constexpr wchar_t kNoticeCaption[] = L"Talvex";
-constexpr std::wstring_view kCodePlaceholder = L"%1";
+constexpr wchar_t kCodePlaceholder[] = L"%1";
 
-// The monitor's codes and its notices belong to the client: add a row for each code that has a sentence of
-// its own. The placeholder is replaced by the code. The last row, without a code, serves all others.
+// The monitor's codes and notices belong to the client: add a row for each code that has its own notice. The
+// placeholder is replaced by the code. The last row, without a code, is for all others.
 struct GuardText {
   std::wstring_view code;
   std::wstring_view notice;
@@ -36,7 +37,7 @@ std::wstring NoticeFor(std::wstring_view code) {
   std::wstring notice(row->notice);
   const std::size_t position = notice.find(kCodePlaceholder);
   if (position != std::wstring::npos) {
-    notice.replace(position, kCodePlaceholder.size(), code);
+    notice.replace(position, std::wstring_view(kCodePlaceholder).size(), code);
   }
   return notice;
 }
@@ -45,14 +46,14 @@ std::wstring NoticeFor(std::wstring_view code) {
 
 int RunGuardNotice(int argument_count, const wchar_t* const* arguments) {
   if (argument_count != kArgumentCount) {
-    return kExitUnusable;
+    return kExitUsage;
   }
   std::uint64_t value = 0;
-  if (!ParseHandleValue(arguments[3], value) || value > kMostHandleValue ||
+  if (!ParseHandleValue(arguments[3], value) || value > kMaxHandleValue ||
       !IsOpenHandle(HandleFromValue(value))) {
     return kExitFailed;
   }
-  // Order: the notice after the client is gone, because it says that the client was closed.
+  // Order: the notice after the client's exit, because it says that the client was closed.
   OwnedHandle client(HandleFromValue(value));
   if (!WaitForClientExit(client)) {
     return kExitFailed;

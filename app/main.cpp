@@ -1,4 +1,4 @@
-// The entry: splits the command line, chooses one mode by its first word, and ends with that mode's exit
+// The entry point: splits the command line, selects a mode by its first word, and returns that mode's exit
 // code.
 
 #include <windows.h>
@@ -7,22 +7,23 @@
 
 #include <algorithm>
 #include <iterator>
-#include <memory>
 #include <new>
 #include <string_view>
 
+#include "app/apply_mode.h"
 #include "app/diagnostic_modes.h"
 #include "app/guard_notice.h"
 #include "app/reporting.h"
 #include "app/rollback_mode.h"
-#include "apply/apply_transaction.h"
 #include "core/ascii_case.h"
+#include "core/exit_code.h"
+#include "core/local_memory.h"
 #include "core/system_library.h"
 
 namespace talvex {
 namespace {
 
-constexpr std::wstring_view kUsage =
+constexpr wchar_t kUsage[] =
     L"Usage: TalvexUpdateHelper.exe --guard-error <code> <parent-handle>\n"
     L"       TalvexUpdateHelper.exe --verify-manifest <manifest> <signature>\n"
     L"       TalvexUpdateHelper.exe --validate-path <relative-path>\n"
@@ -36,9 +37,9 @@ struct Mode {
   int (*run)(int argument_count, const wchar_t* const* arguments);
 };
 constexpr Mode kModes[] = {
-    {L"--guard-error", RunGuardNotice},     {L"--verify-manifest", RunVerifyManifest},
-    {L"--validate-path", RunValidatePath},  {L"--rollback-journal", RunRollbackMode},
-    {L"--apply-plan", RunApplyTransaction},
+    {L"--guard-error", RunGuardNotice},    {L"--verify-manifest", RunVerifyManifest},
+    {L"--validate-path", RunValidatePath}, {L"--rollback-journal", RunRollbackMode},
+    {L"--apply-plan", RunApplyMode},
 };
 
 const Mode* FindMode(std::wstring_view word) {
@@ -48,25 +49,21 @@ const Mode* FindMode(std::wstring_view word) {
   return found == std::end(kModes) ? nullptr : found;
 }
 
-struct LocalFreeDeleter {
-  void operator()(wchar_t** arguments) const noexcept { LocalFree(arguments); }
-};
-
 int RunMode() {
   int count = 0;
-  const std::unique_ptr<wchar_t*, LocalFreeDeleter> arguments(CommandLineToArgvW(GetCommandLineW(), &count));
+  const ArgumentVector arguments(CommandLineToArgvW(GetCommandLineW(), &count));
   if (arguments == nullptr) {
-    return kExitUnusable;
+    return kExitUsage;
   }
-  const Mode* const mode = count < 2 ? nullptr : FindMode(arguments.get()[1]);
+  const Mode* const mode = count < 2 ? nullptr : FindMode(arguments[1]);
   try {
     if (mode != nullptr) {
       return mode->run(count, arguments.get());
     }
     WriteConsoleLine(kUsage);
-    return kExitUnusable;
-  } catch (const std::bad_alloc&) {  // without even the memory for a sentence
-    return mode != nullptr ? kExitFailed : kExitUnusable;
+    return kExitUsage;
+  } catch (const std::bad_alloc&) {  // not even memory for a message
+    return mode != nullptr ? kExitFailed : kExitUsage;
   }
 }
 

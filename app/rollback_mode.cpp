@@ -5,9 +5,10 @@
 #include <cstdint>
 #include <string>
 
-#include "app/handle_operand.h"
 #include "app/reporting.h"
+#include "core/exit_code.h"
 #include "core/memory_shortage.h"
+#include "core/transaction_handles.h"
 #include "rollback/rollback_transaction.h"
 #include "storage/client_root.h"
 
@@ -28,7 +29,7 @@ constexpr wchar_t kRestored[] =
 
 bool ParseUsableHandle(const wchar_t* text, HANDLE& handle) {
   std::uint64_t value = 0;
-  if (!ParseHandleValue(text, value) || value == 0 || value > kMostHandleValue) {
+  if (!ParseHandleValue(text, value) || value == 0 || value > kMaxHandleValue) {
     return false;
   }
   handle = HandleFromValue(value);
@@ -44,7 +45,7 @@ int FailWith(const wchar_t* message) {
 
 int RunRollbackMode(int argument_count, const wchar_t* const* arguments) {
   if (argument_count != kArgumentCount) {
-    return kExitUnusable;
+    return kExitUsage;
   }
   UpdateError unreported;  // an unusable path is invalid data, whatever Windows says of it
   const std::wstring client_root = ResolveClientRoot(arguments[2], unreported);
@@ -54,7 +55,7 @@ int RunRollbackMode(int argument_count, const wchar_t* const* arguments) {
       !ParseUsableHandle(arguments[4], lock)) {
     return FailWith(kInvalidData);
   }
-  // The guard closes what is still open after each failure's message box.
+  // The handles that are still open are closed after a failure's message box.
   TransactionHandles handles(parent, lock);
   if (!handles.AreOpen()) {
     return FailWith(kHandlesLost);
@@ -66,8 +67,8 @@ int RunRollbackMode(int argument_count, const wchar_t* const* arguments) {
     return FailWith(kLockNotAcquired);
   }
   UpdateError error;
-  // Should memory run out, the journal and the copies stay, and the next run finishes what this one began.
-  const bool restored = SucceedsInMemory([&] { return RunRollbackTransaction(client_root, error); });
+  // If memory runs out, the journal and the copies stay, and the next run finishes the rollback.
+  const bool restored = RunCatchingBadAlloc([&] { return RunRollbackTransaction(client_root, error); });
   handles.ReleaseTransactionHandles();
   if (!restored && error.IsEmpty()) {
     return FailWith(kRestoreFailed);

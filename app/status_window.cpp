@@ -5,7 +5,7 @@
 namespace talvex {
 namespace {
 
-// How long StopStatusWindow waits before it asks again.
+// How long StopStatusWindow waits before it repeats its request.
 constexpr DWORD kStopRepeatMs = 250;
 
 }  // namespace
@@ -36,8 +36,8 @@ bool StatusWindow::StartStatusWindow(std::wstring_view initial_text) noexcept {
   return window_exists;
 }
 
-void StatusWindow::SetStatusText(const wchar_t* text) noexcept {
-  StoreText(text == nullptr ? std::wstring_view() : std::wstring_view(text));
+void StatusWindow::SetStatusText(std::wstring_view text) noexcept {
+  StoreText(text);
 }
 
 void StatusWindow::SetStatusProgress(std::uint64_t done, std::uint64_t total) noexcept {
@@ -54,8 +54,9 @@ void StatusWindow::SetStatusProgress(std::uint64_t done, std::uint64_t total) no
   }
 }
 
-// Asks until the thread has ended. One request would do but for the rare case that it cannot be delivered (a
-// full message queue) or gets lost in a menu's own loop: the update must not wait for ever on its window.
+// Repeats the request until the thread has ended. In rare cases a single one cannot be delivered (a full
+// message queue) or gets lost in a menu's own message loop, and the update must not wait for its window
+// forever.
 void StatusWindow::StopStatusWindow() noexcept {
   if (!thread_.IsValid()) {
     return;
@@ -74,7 +75,7 @@ void StatusWindow::StopStatusWindow() noexcept {
   thread_id_ = 0;
 }
 
-// A text for which there is no memory is left out; the window goes on with the one it has.
+// A text for which there is no memory is dropped; the window keeps the one it has.
 void StatusWindow::StoreText(std::wstring_view text) noexcept {
   try {
     std::wstring copy(text);

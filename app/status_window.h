@@ -1,6 +1,6 @@
 #pragma once
 
-// The small window that shows how far an update has come.
+// The small window that shows the progress of an update.
 
 #include <windows.h>
 
@@ -12,11 +12,12 @@
 
 namespace talvex {
 
-// The progress of finished work; a bar counts in thousandths.
+// The progress value of finished work; the bar counts in thousandths.
 inline constexpr int kFullProgress = 1000;
 
-// All that the window's thread and the transaction's thread share. The lock is held only while the fields
-// below it are copied and never across a call on a window, so that neither thread can keep the other waiting.
+// Everything that the window's thread and the transaction's thread share. The lock is held only while the
+// fields below it are copied, never during a call on a window, so that neither thread can keep the other
+// waiting.
 struct StatusBlock {
   SRWLOCK lock = SRWLOCK_INIT;
   std::wstring text;
@@ -37,12 +38,12 @@ class StatusLock {
   SRWLOCK& lock_;
 };
 
-// A window with a line of text and a progress bar, which lives on a thread of its own. The user can hide it
-// in the notification area but cannot close it. Whether it is hidden is kept in this process's environment
-// variable TALVEX_UPDATE_MINIMIZED, which the restarted client inherits.
+// A window with a line of text and a progress bar, on a thread of its own. The user can hide it in the
+// notification area but cannot close it. Whether it is hidden is kept in this process's environment variable
+// TALVEX_UPDATE_MINIMIZED, which the restarted client inherits.
 //
-// The window is a courtesy: nothing here throws, and no failure of the window reaches the update. All
-// operations belong to the transaction's thread. They only hand values over; starting and stopping alone wait
+// The window is optional: nothing here throws, and no failure of the window affects the update. All
+// operations are called on the transaction's thread. They only pass values; only starting and stopping wait
 // for the window's thread.
 class StatusWindow {
  public:
@@ -51,18 +52,18 @@ class StatusWindow {
   StatusWindow& operator=(const StatusWindow&) = delete;
   ~StatusWindow() { StopStatusWindow(); }
 
-  // Shows the window, or its icon alone when TALVEX_UPDATE_MINIMIZED is exactly "1", and returns once it is
-  // there. False: it could not be made, nothing of it is left, and the other operations do no harm. With the
-  // window already running, only the text is changed.
+  // Shows the window, or only its icon when TALVEX_UPDATE_MINIMIZED is exactly "1", and returns once it
+  // exists. False: it could not be created, nothing of it is left, and the other operations are harmless. If
+  // the window is already running, only the text is changed.
   bool StartStatusWindow(std::wstring_view initial_text) noexcept;
 
-  // Replaces the text; null counts as empty. The window shows it within a tenth of a second.
-  void SetStatusText(const wchar_t* text) noexcept;
+  // Replaces the text; one that is null counts as empty. The window shows it within a tenth of a second.
+  void SetStatusText(std::wstring_view text) noexcept;
 
   // Sets the bar to `done` of `total`: empty when `total` is 0, full when `done` reaches or passes it.
   void SetStatusProgress(std::uint64_t done, std::uint64_t total) noexcept;
 
-  // Closes the window and returns when its thread has ended. Does nothing when no window runs.
+  // Closes the window and returns when its thread has ended. Does nothing without a window.
   void StopStatusWindow() noexcept;
 
  private:

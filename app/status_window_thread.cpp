@@ -5,6 +5,7 @@
 #include <commctrl.h>
 #include <shellapi.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -20,8 +21,8 @@ constexpr DWORD kWindowStyle = WS_CAPTION | WS_SYSMENU | WS_MINIMIZEBOX;
 constexpr int kWindowWidth = 440;
 constexpr int kWindowHeight = 180;
 
-constexpr wchar_t kMinimiseCaption[] = L"Minimize to &tray";
-constexpr WORD kMinimiseButtonId = 100;
+constexpr wchar_t kMinimizeCaption[] = L"Minimize to &tray";
+constexpr WORD kMinimizeButtonId = 100;
 
 constexpr wchar_t kShowUpdateCaption[] = L"Show update";
 constexpr int kShowUpdateCommand = 101;
@@ -29,17 +30,23 @@ constexpr int kShowUpdateCommand = 101;
 constexpr UINT_PTR kRefreshTimerId = 1;
 constexpr UINT kRefreshIntervalMs = 100;
 
-constexpr wchar_t kMinimisedVariable[] = L"TALVEX_UPDATE_MINIMIZED";
+constexpr wchar_t kMinimizedVariable[] = L"TALVEX_UPDATE_MINIMIZED";
+
+struct DestroyMenuDeleter {
+  using pointer = HMENU;
+  void operator()(HMENU menu) const noexcept { DestroyMenu(menu); }
+};
+using OwnedMenu = std::unique_ptr<HMENU, DestroyMenuDeleter>;
 
 enum class Activation { kKeepFocus, kTakeFocus };
 
-bool ShouldStartMinimised() {
-  wchar_t value[2] = {};  // room for one character: a longer value does not fit and cannot count
-  return GetEnvironmentVariableW(kMinimisedVariable, value, 2) == 1 && value[0] == L'1';
+bool ShouldStartMinimized() {
+  wchar_t value[2] = {};  // room for one character: a longer value does not fit and is ignored
+  return GetEnvironmentVariableW(kMinimizedVariable, value, 2) == 1 && value[0] == L'1';
 }
 
-// The middle of the screen as seen from the work area's corner. The screen's size enters it, not the work
-// area's, so that a task bar on the left or at the top moves the window half as far as it reaches in.
+// The middle of the area from the work area's top left corner to the screen's bottom right one: a taskbar on
+// the left or at the top shifts the window by half its own size.
 POINT WindowPosition() {
   RECT work_area{};
   SystemParametersInfoW(SPI_GETWORKAREA, 0, &work_area, 0);
@@ -49,7 +56,7 @@ POINT WindowPosition() {
           work_area.top + (screen_height - work_area.top - kWindowHeight) / 2};
 }
 
-// All that this thread alone touches.
+// The state that only this thread uses.
 class WindowThread {
  public:
   explicit WindowThread(const StatusWindowThreadStart& start) noexcept
@@ -65,13 +72,13 @@ class WindowThread {
   void SignalReady() noexcept;
   void Refresh() noexcept;
   bool AddTrayIcon() noexcept;
-  void MinimiseToTray() noexcept;
+  void MinimizeToTray() noexcept;
   void RestoreFromTray(Activation activation) noexcept;
   void OpenTrayMenu() noexcept;
   void HandleTrayEvent(UINT event) noexcept;
 
   StatusBlock& shared_;
-  HANDLE ready_;  // null once it has been signalled, as the starter closes it then
+  HANDLE ready_;  // null once it has been signalled, because the starter then closes it
   HWND window_ = nullptr;
   HWND label_ = nullptr;
   HWND progress_bar_ = nullptr;
@@ -86,7 +93,7 @@ LRESULT CALLBACK WindowProcedure(HWND window, UINT message, WPARAM wparam, LPARA
     const auto* const creation = reinterpret_cast<const CREATESTRUCTW*>(lparam);
     SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(creation->lpCreateParams));
   }
-  // Null for the messages that a window gets before WM_NCCREATE.
+  // Null for messages that a window gets before WM_NCCREATE.
   auto* const owner = reinterpret_cast<WindowThread*>(GetWindowLongPtrW(window, GWLP_USERDATA));
   return owner == nullptr ? DefWindowProcW(window, message, wparam, lparam)
                           : owner->HandleMessage(window, message, wparam, lparam);
@@ -105,12 +112,12 @@ void WindowThread::Run() noexcept {
     const StatusLock lock(shared_);
     shared_.window = nullptr;
   }
-  // Order: last, so that a starter whose window failed finds no window, and is never left waiting either.
+  // Order: last, so that a starter whose window failed finds no window, and never waits forever.
   SignalReady();
 }
 
 bool WindowThread::CreateStatusWindow() noexcept {
-  // Without the DLL the class of the progress bar is missing, and the window is done without.
+  // Without the DLL the progress bar's class is missing, and no window is shown.
   decltype(&InitCommonControlsEx) register_classes = nullptr;
   if (FindFunction(LoadVersionedSystemLibrary(L"comctl32.dll"), "InitCommonControlsEx", register_classes)) {
     const INITCOMMONCONTROLSEX controls = {sizeof(controls), ICC_PROGRESS_CLASS};
@@ -140,8 +147,8 @@ bool WindowThread::CreateStatusWindow() noexcept {
     const StatusLock lock(shared_);
     shared_.window = window_;
   }
-  // Explorer runs with fewer rights than a helper that was started elevated, and its broadcast would be kept
-  // from the window. A message that could not be registered is number 0, which anybody may send.
+  // Explorer runs with fewer rights than an elevated helper, and its broadcast would be blocked. A message
+  // that could not be registered is number 0, which any process may send.
   taskbar_created_allowed_ =
       taskbar_created_ != 0 && ChangeWindowMessageFilterEx(window_, taskbar_created_, MSGFLT_ALLOW, nullptr);
 
@@ -150,8 +157,8 @@ bool WindowThread::CreateStatusWindow() noexcept {
   }
   EnableMenuItem(GetSystemMenu(window_, FALSE), SC_CLOSE, MF_BYCOMMAND | MF_GRAYED);
   Refresh();
-  if (ShouldStartMinimised()) {
-    MinimiseToTray();
+  if (ShouldStartMinimized()) {
+    MinimizeToTray();
   } else {
     ShowWindow(window_, SW_SHOWNOACTIVATE);
   }
@@ -166,8 +173,8 @@ bool WindowThread::CreateControls() noexcept {
   progress_bar_ = CreateWindowExW(0, PROGRESS_CLASSW, L"", kChildStyle | PBS_SMOOTH, 25, 72, 390, 20, window_,
                                   nullptr, instance, nullptr);
   const HWND button =
-      CreateWindowExW(0, L"BUTTON", kMinimiseCaption, kChildStyle | WS_TABSTOP, 260, 105, 150, 27, window_,
-                      reinterpret_cast<HMENU>(static_cast<UINT_PTR>(kMinimiseButtonId)), instance, nullptr);
+      CreateWindowExW(0, L"BUTTON", kMinimizeCaption, kChildStyle | WS_TABSTOP, 260, 105, 150, 27, window_,
+                      reinterpret_cast<HMENU>(static_cast<UINT_PTR>(kMinimizeButtonId)), instance, nullptr);
   if (label_ == nullptr || progress_bar_ == nullptr || button == nullptr) {
     return false;
   }
@@ -178,8 +185,8 @@ bool WindowThread::CreateControls() noexcept {
   return true;
 }
 
-// Ends at WM_QUIT, and also without one once the window is gone: the menu of the icon and the dragging of the
-// title bar run loops of their own, in which the WM_QUIT of a window that is destroyed there can get lost.
+// Ends at WM_QUIT, and also without one once the window is gone: the icon's menu and dragging the title bar
+// run message loops of their own, in which the WM_QUIT of a window destroyed there can get lost.
 void WindowThread::RunMessageLoop() noexcept {
   MSG message{};
   while (IsWindow(window_) && GetMessageW(&message, nullptr, 0, 0) > 0) {
@@ -196,9 +203,9 @@ void WindowThread::SignalReady() noexcept {
   }
 }
 
-// Nothing on this thread may throw: an exception would end the process in the middle of the update. The copy
-// of the text is the one thing here that can, and it comes before anything is marked as shown, so that the
-// next tick tries again.
+// Nothing on this thread may throw: an exception would end the process in the middle of the update. Copying
+// the text is the only call here that can, and it comes before anything is marked as shown, so that the next
+// tick tries again.
 void WindowThread::Refresh() noexcept {
   std::wstring text;
   int progress = 0;
@@ -215,11 +222,11 @@ void WindowThread::Refresh() noexcept {
   }
   SetWindowTextW(label_, text.c_str());
   SendMessageW(progress_bar_, PBM_SETPOS, static_cast<WPARAM>(progress), 0);
-  tray_icon_.SetTip(CutToTip(text));
+  tray_icon_.SetTip(TruncateForTooltip(text));
 }
 
-// Without "TaskbarCreated" the helper would not learn that Explorer has restarted and lost the icon, and the
-// user could not get a hidden window back: then it is not hidden at all.
+// Without "TaskbarCreated" the helper would not notice that Explorer has restarted and dropped the icon, and
+// the user could not get a hidden window back: so it is not hidden at all.
 bool WindowThread::AddTrayIcon() noexcept {
   if (!taskbar_created_allowed_) {
     return false;
@@ -227,14 +234,14 @@ bool WindowThread::AddTrayIcon() noexcept {
   TrayTip tip;
   {
     const StatusLock lock(shared_);
-    tip = CutToTip(shared_.text);
+    tip = TruncateForTooltip(shared_.text);
   }
   return tray_icon_.Add(window_, tip);
 }
 
-void WindowThread::MinimiseToTray() noexcept {
+void WindowThread::MinimizeToTray() noexcept {
   if (AddTrayIcon()) {
-    SetEnvironmentVariableW(kMinimisedVariable, L"1");
+    SetEnvironmentVariableW(kMinimizedVariable, L"1");
     ShowWindow(window_, SW_HIDE);
   } else {
     RestoreFromTray(Activation::kKeepFocus);
@@ -243,7 +250,7 @@ void WindowThread::MinimiseToTray() noexcept {
 
 void WindowThread::RestoreFromTray(Activation activation) noexcept {
   tray_icon_.Remove();
-  SetEnvironmentVariableW(kMinimisedVariable, nullptr);
+  SetEnvironmentVariableW(kMinimizedVariable, nullptr);
   if (activation == Activation::kTakeFocus) {
     ShowWindow(window_, SW_RESTORE);
     SetForegroundWindow(window_);
@@ -253,24 +260,22 @@ void WindowThread::RestoreFromTray(Activation activation) noexcept {
 }
 
 void WindowThread::OpenTrayMenu() noexcept {
-  const HMENU menu = CreatePopupMenu();
-  if (menu == nullptr || !AppendMenuW(menu, MF_STRING, kShowUpdateCommand, kShowUpdateCaption)) {
-    if (menu != nullptr) {
-      DestroyMenu(menu);
-    }
+  OwnedMenu menu(CreatePopupMenu());
+  if (menu == nullptr || !AppendMenuW(menu.get(), MF_STRING, kShowUpdateCommand, kShowUpdateCaption)) {
+    menu.reset();
     RestoreFromTray(Activation::kTakeFocus);
     return;
   }
   POINT cursor{};
   GetCursorPos(&cursor);
-  // The menu of a window in the background would not close when the user clicks elsewhere; the WM_NULL at the
-  // end is the second half of that remedy.
+  // The menu of a background window would not close when the user clicks elsewhere; the WM_NULL at the end is
+  // the other half of the documented workaround.
   tray_menu_open_ = true;  // set first: the call below can deliver the second report of the same click
   SetForegroundWindow(window_);
-  const BOOL command = TrackPopupMenu(menu, TPM_RIGHTBUTTON | TPM_RETURNCMD | TPM_NONOTIFY, cursor.x,
+  const BOOL command = TrackPopupMenu(menu.get(), TPM_RIGHTBUTTON | TPM_RETURNCMD | TPM_NONOTIFY, cursor.x,
                                       cursor.y, 0, window_, nullptr);
   tray_menu_open_ = false;
-  DestroyMenu(menu);
+  menu.reset();
   if (command == kShowUpdateCommand) {
     RestoreFromTray(Activation::kTakeFocus);
   }
@@ -316,14 +321,14 @@ LRESULT WindowThread::HandleMessage(HWND window, UINT message, WPARAM wparam, LP
     case WM_CLOSE:
       return 0;  // a closed window would look like a cancelled update
     case WM_COMMAND:
-      if (LOWORD(wparam) == kMinimiseButtonId) {
-        MinimiseToTray();
+      if (LOWORD(wparam) == kMinimizeButtonId) {
+        MinimizeToTray();
         return 0;
       }
       break;
     case WM_SYSCOMMAND:
       if ((wparam & 0xFFF0) == SC_MINIMIZE) {  // the lowest four bits are the system's own
-        MinimiseToTray();
+        MinimizeToTray();
         return 0;
       }
       break;

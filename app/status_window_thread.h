@@ -11,14 +11,14 @@ namespace talvex {
 // Posted to the window: it destroys itself, and its thread ends.
 inline constexpr UINT kStopStatusWindowMessage = WM_APP + 2;
 
-// What the starter hands over. It has to last until the thread has signalled `ready`.
+// The thread's parameters. They must stay valid until the thread has signalled `ready`.
 struct StatusWindowThreadStart {
   StatusBlock& shared;
   HANDLE ready;
 };
 
 // The thread, for CreateThread; `start` is a StatusWindowThreadStart. Signals `ready` once, when the window
-// is there (its handle stands in `shared` then) or could not be made (null stands there).
+// exists (its handle is then in `shared`) or could not be created (null).
 DWORD WINAPI RunStatusWindowThread(void* start);
 
 }  // namespace talvex

@@ -19,7 +19,7 @@ NOTIFYICONDATAW Describe(HWND window) {
   return data;
 }
 
-// Version 4 shows no tooltip of its own unless NIF_SHOWTIP asks for it.
+// Version 4 shows no standard tooltip without NIF_SHOWTIP.
 void PutTip(NOTIFYICONDATAW& data, const TrayTip& tip) {
   static_assert(sizeof(data.szTip) == sizeof(tip));
   data.uFlags |= NIF_TIP | NIF_SHOWTIP;
@@ -28,7 +28,7 @@ void PutTip(NOTIFYICONDATAW& data, const TrayTip& tip) {
 
 }  // namespace
 
-TrayTip CutToTip(std::wstring_view text) noexcept {
+TrayTip TruncateForTooltip(std::wstring_view text) noexcept {
   TrayTip tip{};
   text.copy(tip.data(), tip.size() - 1);
   return tip;

@@ -9,27 +9,27 @@
 
 namespace talvex {
 
-// What a tooltip holds: 128 characters, of which the last is its closing zero. A copy of fixed size can be
-// taken under a lock, where nothing may fail.
+// A tooltip: 128 characters including the terminating zero. A fixed-size copy can be made under a lock, where
+// nothing may fail.
 using TrayTip = std::array<wchar_t, 128>;
 
-// Cuts `text` to what fits a tooltip.
-[[nodiscard]] TrayTip CutToTip(std::wstring_view text) noexcept;
+// Truncates `text` to the size of a tooltip.
+[[nodiscard]] TrayTip TruncateForTooltip(std::wstring_view text) noexcept;
 
-// The icon, which sends kCallbackMessage to its window. The window's thread alone uses it, without a lock.
+// The icon, which sends kCallbackMessage to its window. Only the window's thread uses it, without a lock.
 class TrayIcon {
  public:
   static constexpr UINT kCallbackMessage = WM_APP + 1;
 
   [[nodiscard]] bool IsPresent() const noexcept { return present_; }
 
-  // Adds the icon for `window`; succeeds at once when it is there already.
+  // Adds the icon for `window`; succeeds at once when it exists already.
   [[nodiscard]] bool Add(HWND window, const TrayTip& tip) noexcept;
 
   // Changes the tooltip, if there is an icon.
   void SetTip(const TrayTip& tip) noexcept;
 
-  // Takes the icon away, if there is one; it may have been lost with Explorer by then.
+  // Removes the icon, if there is one; it may already have been lost with Explorer.
   void Remove() noexcept;
 
   // The mouse or keyboard event that a kCallbackMessage with this last parameter reports.

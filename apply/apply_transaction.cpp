@@ -10,18 +10,17 @@
 #include <utility>
 #include <vector>
 
-#include "app/handle_operand.h"
-#include "app/reporting.h"
-#include "app/status_window.h"
 #include "apply/client_relaunch.h"
 #include "apply/file_installation.h"
 #include "apply/file_verification.h"
 #include "core/ascii_case.h"
+#include "core/exit_code.h"
 #include "core/memory_shortage.h"
 #include "core/publisher_key.h"
 #include "core/regular_file.h"
 #include "core/sha256.h"
 #include "core/text_encoding.h"
+#include "core/transaction_handles.h"
 #include "core/whole_file.h"
 #include "formats/apply_plan.h"
 #include "formats/installed_state.h"
@@ -31,22 +30,21 @@
 #include "rollback/restoration.h"
 #include "rollback/rollback_preparation.h"
 #include "storage/client_root.h"
+#include "storage/update_layout.h"
 #include "storage/work_storage.h"
 
 namespace talvex {
 namespace {
 
 constexpr int kArgumentCount = 8;
-// The staged release's own tree, below the stage root.
-constexpr std::wstring_view kStagedFilesName = L"files";
-// Long enough to read the last status text before the window goes.
+// Long enough to read the last status text before the window closes.
 constexpr DWORD kCompletedTextMs = 1'200;
 
-constexpr std::wstring_view kVerifyingText = L"Verifying update...";
-constexpr const wchar_t* kApplyingText = L"Applying update...";
-constexpr const wchar_t* kCompletedText = L"Update completed. Starting Talvex...";
+constexpr wchar_t kVerifyingText[] = L"Verifying update...";
+constexpr wchar_t kApplyingText[] = L"Applying update...";
+constexpr wchar_t kCompletedText[] = L"Update completed. Starting Talvex...";
 
-// Shown as they are, because some of them tell of memory that ran out.
+// Shown without copying, because some of them report that memory ran out.
 constexpr wchar_t kInvalidData[] = L"The update helper received invalid transaction data.";
 constexpr wchar_t kHandlesLost[] = L"The update ownership lock was lost.";
 constexpr wchar_t kStageOutside[] = L"The update staging directory is outside this Talvex installation.";
@@ -60,7 +58,7 @@ constexpr wchar_t kFilesRestored[] = L"Your existing files were restored.";
 constexpr wchar_t kWorkDataStays[] = L"The rollback data of this update could not be removed.";
 constexpr wchar_t kReasonSeparator[] = L"\n\n";
 
-// What the client said on the command line: pointers to data that the transaction then proves.
+// What the client passed on the command line; the transaction verifies the data that it refers to.
 struct Operands {
   std::wstring client_root;
   std::wstring stage_root;
@@ -78,22 +76,26 @@ bool ParseOperands(const wchar_t* const* arguments, Operands& operands) {
          ParseHandleValue(arguments[4], operands.parent_value) &&
          ParseHexDigest(WideToUtf8(arguments[5]), operands.manifest_digest) &&
          ParseHexDigest(WideToUtf8(arguments[6]), operands.plan_digest) &&
-         ParseHandleValue(arguments[7], operands.lock_value) && operands.parent_value <= kMostHandleValue &&
-         operands.lock_value <= kMostHandleValue && IsRealDirectory(operands.client_root) &&
+         ParseHandleValue(arguments[7], operands.lock_value) && operands.parent_value <= kMaxHandleValue &&
+         operands.lock_value <= kMaxHandleValue && IsRealDirectory(operands.client_root) &&
          IsRealDirectory(operands.stage_root);
 }
 
-// One run, from proven operands on. Each method is one step; a step that returns false has set the error,
-// unless the check that failed has no message of its own or memory ran out.
+// One run, from validated operands on. Each method is one step; a step that returns false has set the error,
+// unless the failed check has no message of its own or memory ran out.
 class ApplyTransaction {
  public:
-  explicit ApplyTransaction(Operands operands)
+  ApplyTransaction(Operands operands, TransactionDisplay& display)
       : operands_(std::move(operands)),
-        work_directory_(JoinPath(operands_.client_root, kWorkDirectoryName)),
-        previous_directory_(JoinPath(work_directory_, kPreviousDirectoryName)),
-        rollback_files_directory_(JoinPath(previous_directory_, kRollbackFilesName)),
-        staged_files_directory_(JoinPath(operands_.stage_root, kStagedFilesName)),
-        handles_(HandleFromValue(operands_.parent_value), HandleFromValue(operands_.lock_value)) {}
+        work_directory_(WorkDirectory(operands_.client_root)),
+        previous_directory_(PreviousDirectory(operands_.client_root)),
+        rollback_files_directory_(FilesDirectory(previous_directory_)),
+        staged_files_directory_(FilesDirectory(operands_.stage_root)),
+        handles_(HandleFromValue(operands_.parent_value), HandleFromValue(operands_.lock_value)),
+        display_(display) {}
+  ApplyTransaction(const ApplyTransaction&) = delete;
+  ApplyTransaction& operator=(const ApplyTransaction&) = delete;
+  ~ApplyTransaction() { display_.StopStatusWindow(); }
 
   [[nodiscard]] int Run() {
     if (!handles_.AreOpen()) {
@@ -109,12 +111,12 @@ class ApplyTransaction {
     if (!LoadPlan()) {
       return FailWith(ErrorOr(kPlanInvalid));
     }
-    window_.StartStatusWindow(kVerifyingText);
+    display_.StartStatusWindow(kVerifyingText);
     if (!BuildOperations()) {
       return FailWith(error_.Message().c_str());
     }
-    // Both waits stand before the first change: until they have succeeded the client may be running and
-    // using its files.
+    // Order: both waits before the first change, because until they have succeeded the client may be running
+    // and using its files.
     if (!handles_.WaitForParentExit()) {
       return FailWith(kClientStillRuns);
     }
@@ -124,9 +126,9 @@ class ApplyTransaction {
     if (!ClearStaleRollbackData() || !PrepareRollbackData()) {
       return FailWith(error_.Message().c_str());
     }
-    // Memory that runs out from here on must not end the process with files half replaced: it is a failure
+    // From here on, running out of memory must not end the process with files half replaced: it is a failure
     // like any other.
-    if (!SucceedsInMemory([&] { return ChangeClient(); })) {
+    if (!RunCatchingBadAlloc([&] { return ChangeClient(); })) {
       return FailRestored();
     }
     return FinishAndRelaunch();
@@ -134,8 +136,8 @@ class ApplyTransaction {
 
  private:
   int FailWith(const wchar_t* message) {
-    window_.StopStatusWindow();
-    ShowUpdateFailure(message);
+    display_.StopStatusWindow();
+    display_.ShowUpdateFailure(message);
     handles_.ReleaseTransactionHandles();
     return kExitFailed;
   }
@@ -144,49 +146,44 @@ class ApplyTransaction {
     return error_.IsEmpty() ? general : error_.Message().c_str();
   }
 
-  // The stage root has to be where the manifest's digest says, and no link may lead there or to the place of
-  // the rollback data.
+  // The stage root must be the one named after the manifest's digest, and no link may lead there or to the
+  // rollback data.
   [[nodiscard]] bool StageRootIsInPlace() const {
     UpdateError unreported;
-    const std::wstring digest_text = DigestToHex(operands_.manifest_digest);
-    const std::wstring expected = ResolveClientRoot(JoinPath(work_directory_, digest_text), unreported);
+    const std::wstring expected =
+        ResolveClientRoot(StageRoot(operands_.client_root, operands_.manifest_digest), unreported);
     return EqualIgnoringAsciiCase(expected, operands_.stage_root) &&
-           RejectReparsePoints(operands_.client_root, JoinPath(kWorkDirectoryName, digest_text),
+           RejectReparsePoints(operands_.client_root, StageRoot(L"", operands_.manifest_digest),
                                LastComponent::kChecked, unreported) &&
-           RejectReparsePoints(operands_.client_root, JoinPath(kWorkDirectoryName, kPreviousDirectoryName),
-                               LastComponent::kChecked, unreported);
+           RejectReparsePoints(operands_.client_root, PreviousDirectory(L""), LastComponent::kChecked,
+                               unreported);
   }
 
-  // No installed release that can be proved is not a failure: such a client accepts any release.
+  // Having no verifiable installed release is not a failure: such a client accepts any release.
   void LoadCurrentRelease() {
     has_current_ =
         LoadTrustedState(operands_.client_root, PublisherKeyBlob(), current_state_, current_manifest_);
   }
 
   [[nodiscard]] bool LoadStagedRelease() {
-    return ReadWholeFile(JoinPath(operands_.stage_root, kManifestFileName), kManifestSizeLimit,
-                         manifest_bytes_, error_) &&
-           ReadWholeFile(JoinPath(operands_.stage_root, kSignatureFileName), kSignatureSizeLimit, signature_,
-                         error_) &&
-           VerifySignedManifest(manifest_bytes_, signature_, PublisherKeyBlob(), new_manifest_, error_) &&
-           DigestsEqual(new_manifest_.digest, operands_.manifest_digest) &&
-           CheckReleaseOrder(current_state_, new_manifest_, error_) &&
-           ReadWholeFile(JoinPath(operands_.stage_root, kApplyPlanFileName), kApplyPlanSizeLimit, plan_bytes_,
-                         error_);
+    return LoadSignedManifest(SignedPairIn(operands_.stage_root), PublisherKeyBlob(), staged_, error_) &&
+           DigestsEqual(staged_.manifest.digest, operands_.manifest_digest) &&
+           CheckReleaseOrder(current_state_, staged_.manifest, error_) &&
+           ReadWholeFile(ApplyPlanPath(operands_.stage_root), kApplyPlanSizeLimit, plan_bytes_, error_);
   }
 
   [[nodiscard]] bool LoadPlan() {
     Sha256Digest plan_digest;
     return Sha256OfBuffer(plan_bytes_, plan_digest, error_) &&
            DigestsEqual(plan_digest, operands_.plan_digest) &&
-           ParseApplyPlan(plan_bytes_, new_manifest_, has_current_ ? &current_manifest_ : nullptr,
+           ParseApplyPlan(plan_bytes_, staged_.manifest, has_current_ ? &current_manifest_ : nullptr,
                           operands_.manifest_digest, install_entries_, retire_entries_, error_);
   }
 
   // Installs first, then retires, each in plan order.
   [[nodiscard]] bool BuildOperations() {
     if (!VerifyStagedFiles(staged_files_directory_, operands_.client_root, rollback_files_directory_,
-                           install_entries_, operations_, window_, error_)) {
+                           install_entries_, operations_, display_, error_)) {
       return false;
     }
     for (const ManifestEntry* const entry : retire_entries_) {
@@ -210,8 +207,8 @@ class ApplyTransaction {
   }
 
   [[nodiscard]] bool PrepareRollbackData() {
-    if (PrepareRollback(operands_.client_root, previous_directory_, rollback_files_directory_, new_manifest_,
-                        manifest_bytes_, signature_, operations_, error_)) {
+    if (PrepareRollback(operands_.client_root, previous_directory_, rollback_files_directory_,
+                        staged_.manifest, staged_.manifest_bytes, staged_.signature, operations_, error_)) {
       return true;
     }
     UpdateError unreported;
@@ -219,17 +216,17 @@ class ApplyTransaction {
     return false;
   }
 
-  // Every step that changes the client. Order: the state last, so that it never names a release whose proof
-  // is not beside it.
+  // Every step that changes the client. Order: the state last, so that it never names a release whose signed
+  // manifest is not in the cache.
   [[nodiscard]] bool ChangeClient() {
-    window_.SetStatusText(kApplyingText);
-    window_.SetStatusProgress(0, operations_.size());
-    return InstallApplyOperations(operands_.client_root, rollback_files_directory_, operations_, window_,
+    display_.SetStatusText(kApplyingText);
+    display_.SetStatusProgress(0, operations_.size());
+    return InstallApplyOperations(operands_.client_root, rollback_files_directory_, operations_, display_,
                                   kNoFaultInjection, error_) &&
-           VerifyInstalledFiles(operands_.client_root, new_manifest_, window_, error_) &&
+           VerifyInstalledFiles(operands_.client_root, staged_.manifest, display_, error_) &&
            VerifyRetiredFilesAreGone() &&
-           SaveVerifiedCache(operands_.client_root, manifest_bytes_, signature_, error_) &&
-           SaveInstalledState(operands_.client_root, new_manifest_, error_);
+           SaveVerifiedCache(operands_.client_root, staged_.manifest_bytes, staged_.signature, error_) &&
+           SaveInstalledState(operands_.client_root, staged_.manifest, error_);
   }
 
   [[nodiscard]] bool VerifyRetiredFilesAreGone() {
@@ -245,20 +242,20 @@ class ApplyTransaction {
     return true;
   }
 
-  // The journal on disk says what to restore, as it would to a later run.
+  // The journal on disk determines what to restore, as it would for a later run.
   [[nodiscard]] bool Restore(UpdateError& restore_error) {
     RollbackJournal journal;
-    return ParseRollbackJournal(JoinPath(previous_directory_, kRollbackJournalName), journal,
-                                restore_error) &&
+    return ParseRollbackJournal(RollbackJournalPath(previous_directory_), journal, restore_error) &&
            RestoreFromRollback(operands_.client_root, previous_directory_, journal, operations_,
                                restore_error);
   }
 
-  // The rollback data goes only after everything was restored; otherwise the player still needs the copies.
+  // The rollback data is removed only after everything was restored; otherwise the player still needs the
+  // copies.
   int FailRestored() {
     UpdateError restore_error;
-    const bool restored = SucceedsInMemory([&] { return Restore(restore_error); });
-    const bool cleared = restored && SucceedsInMemory([&] {
+    const bool restored = RunCatchingBadAlloc([&] { return Restore(restore_error); });
+    const bool cleared = restored && RunCatchingBadAlloc([&] {
                            return RemovePreviousDirectory(previous_directory_, restore_error);
                          });
     if (!cleared && restore_error.IsEmpty()) {
@@ -274,34 +271,34 @@ class ApplyTransaction {
     return FailWith(message.c_str());
   }
 
-  // From here on the release counts as installed: nothing that fails now is a reason to take it back.
+  // From here on the release counts as installed: no failure is a reason to roll it back.
   int FinishAndRelaunch() {
     UpdateError unreported;
-    static_cast<void>(SucceedsInMemory(
+    static_cast<void>(RunCatchingBadAlloc(
         [&] { return ClearWorkDirectoryExcept(work_directory_, kPreviousDirectoryName, unreported); }));
-    window_.SetStatusText(kCompletedText);
-    window_.SetStatusProgress(1, 1);
+    display_.SetStatusText(kCompletedText);
+    display_.SetStatusProgress(1, 1);
     Sleep(kCompletedTextMs);
-    window_.StopStatusWindow();
+    display_.StopStatusWindow();
 
-    RelaunchedClient client;
+    ChildProcess client;
     const bool relaunched =
-        RelaunchClient(operands_.client_root, new_manifest_, handles_.Lock(), client, error_);
+        RelaunchClient(operands_.client_root, staged_.manifest, handles_.Lock(), client, error_);
     if (!relaunched) {
-      ShowUpdateFailure(error_.Message().c_str());
+      display_.ShowUpdateFailure(error_.Message().c_str());
     }
     // Only now: the restarted client has its handle to the mutex, which therefore outlives the helper.
     handles_.ReleaseTransactionHandles();
-    client = RelaunchedClient();
+    client = ChildProcess();
     DeleteOwnProgramAtRestart();
     return relaunched ? kExitDone : kExitFailed;
   }
 
-  // The helper runs from a place of its own and cannot delete itself; Windows does, at its next start.
+  // The helper runs from a directory of its own and cannot delete itself; Windows does, at its next start.
   static void DeleteOwnProgramAtRestart() {
     std::array<wchar_t, MAX_PATH> path{};
     const DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-    // A path that was cut to the buffer names some other file.
+    // A path truncated to the buffer names a different file.
     if (length != 0 && length < path.size()) {
       MoveFileExW(path.data(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT);
     }
@@ -313,37 +310,35 @@ class ApplyTransaction {
   const std::wstring rollback_files_directory_;
   const std::wstring staged_files_directory_;
   TransactionHandles handles_;
+  TransactionDisplay& display_;
 
   bool has_current_ = false;
   InstalledState current_state_;
   Manifest current_manifest_;
-  ByteBuffer manifest_bytes_;
-  ByteBuffer signature_;
+  SignedManifest staged_;
   ByteBuffer plan_bytes_;
-  Manifest new_manifest_;
   std::vector<const ManifestEntry*> install_entries_;
   std::vector<const ManifestEntry*> retire_entries_;
   std::vector<ApplyOperation> operations_;
 
   UpdateError error_;
-  StatusWindow window_;
 };
 
 }  // namespace
 
-int RunApplyTransaction(int argument_count, const wchar_t* const* arguments) {
+int RunApplyTransaction(int argument_count, const wchar_t* const* arguments, TransactionDisplay& display) {
   if (argument_count != kArgumentCount) {
-    return kExitUnusable;
+    return kExitUsage;
   }
   try {
     Operands operands;
     if (!ParseOperands(arguments, operands)) {
-      ShowUpdateFailure(kInvalidData);
+      display.ShowUpdateFailure(kInvalidData);
       return kExitFailed;
     }
-    return ApplyTransaction(std::move(operands)).Run();
+    return ApplyTransaction(std::move(operands), display).Run();
   } catch (const std::bad_alloc&) {
-    ShowUpdateFailure(kUpdateFailed);
+    display.ShowUpdateFailure(kUpdateFailed);
     return kExitFailed;
   }
 }

@@ -2,21 +2,20 @@
 
 #include <cstdint>
 
-#include "core/inherited_handle_list.h"
+#include "core/handoff_variables.h"
 #include "core/memory_shortage.h"
 #include "core/text_encoding.h"
-#include "storage/client_root.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
 
-constexpr std::wstring_view kLockNotInherited = L"The update health lock could not be inherited.";
-constexpr std::wstring_view kHandoffFailed =
-    L"The update finished, but Talvex could not set its restart handoff.";
-constexpr std::wstring_view kRestartFailed =
+constexpr wchar_t kLockNotInherited[] = L"The update health lock could not be inherited.";
+constexpr wchar_t kHandoffFailed[] = L"The update finished, but Talvex could not set its restart handoff.";
+constexpr wchar_t kRestartFailed[] =
     L"The update finished, but Talvex could not restart with its health lock.";
 
-// The handoff environment of this process, taken out again when the owner goes.
+// The handoff variables in this process's environment, removed again by the destructor.
 class HandoffEnvironment {
  public:
   HandoffEnvironment() = default;
@@ -39,42 +38,26 @@ bool MakeInheritable(HANDLE lock) {
          SetHandleInformation(lock, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
 }
 
-bool StartClient(const std::wstring& client_root, HANDLE lock, RelaunchedClient& client) {
-  const InheritedHandleList inherited({lock});
-  if (!inherited.IsComplete()) {
-    return false;
-  }
-  const std::wstring program = JoinPath(client_root, kClientFileName);
-  std::wstring command_line = L"\"" + program + L"\"";  // CreateProcessW wants to be able to write here
-  STARTUPINFOEXW startup{};
-  startup.StartupInfo.cb = sizeof(startup);
-  startup.lpAttributeList = inherited.Get();
-  PROCESS_INFORMATION started{};
-  if (!CreateProcessW(program.c_str(), command_line.data(), nullptr, nullptr, TRUE,
-                      EXTENDED_STARTUPINFO_PRESENT | CREATE_UNICODE_ENVIRONMENT, nullptr, client_root.c_str(),
-                      &startup.StartupInfo, &started)) {
-    return false;
-  }
-  client.process.Reset(started.hProcess);
-  client.thread.Reset(started.hThread);
-  return true;
+bool StartClient(const std::wstring& client_root, HANDLE lock, ChildProcess& client) {
+  const std::wstring program = ClientProgramPath(client_root);
+  return StartChildProcess(program, L"\"" + program + L"\"", client_root, {lock}, client);
 }
 
 }  // namespace
 
 bool RelaunchClient(const std::wstring& client_root, const Manifest& new_manifest, HANDLE lock,
-                    RelaunchedClient& client, UpdateError& error) {
+                    ChildProcess& client, UpdateError& error) {
   if (!MakeInheritable(lock)) {
     return Refuse(error, kLockNotInherited);
   }
-  // The release is installed: should memory run out, that must not read like an update that failed.
+  // The release is installed: running out of memory must not be reported as a failed update.
   const HandoffEnvironment handoff{};
   const auto lock_value = reinterpret_cast<std::uintptr_t>(lock);
-  if (!SucceedsInMemory(
+  if (!RunCatchingBadAlloc(
           [&] { return handoff.Set(DigestToHex(new_manifest.digest), std::to_wstring(lock_value)); })) {
     return Refuse(error, kHandoffFailed);
   }
-  if (!SucceedsInMemory([&] { return StartClient(client_root, lock, client); })) {
+  if (!RunCatchingBadAlloc([&] { return StartClient(client_root, lock, client); })) {
     return Refuse(error, kRestartFailed);
   }
   return true;

@@ -12,12 +12,12 @@
 namespace talvex {
 namespace {
 
-constexpr std::wstring_view kTargetChanged = L"An update target changed during installation.";
-constexpr std::wstring_view kInstallFailed = L"Could not install a new update file.";
-constexpr std::wstring_view kRetireFailed = L"Could not create a rollback copy for a retired update file.";
-constexpr std::wstring_view kReplaceFailed = L"Could not atomically replace an update file.";
-constexpr std::wstring_view kInjectedFailure = L"Injected update replacement failure.";
-constexpr std::wstring_view kFlushFailed = L"An updated file could not be flushed safely before restart.";
+constexpr wchar_t kTargetChanged[] = L"An update target changed during installation.";
+constexpr wchar_t kInstallFailed[] = L"Could not install a new update file.";
+constexpr wchar_t kRetireFailed[] = L"Could not create a rollback copy for a retired update file.";
+constexpr wchar_t kReplaceFailed[] = L"Could not atomically replace an update file.";
+constexpr wchar_t kInjectedFailure[] = L"Injected update replacement failure.";
+constexpr wchar_t kFlushFailed[] = L"An updated file could not be flushed safely before restart.";
 
 bool MakeParentDirectories(const std::wstring& client_root, const std::wstring& rollback_files_directory,
                            const ApplyOperation& operation, UpdateError& error) {
@@ -27,17 +27,17 @@ bool MakeParentDirectories(const std::wstring& client_root, const std::wstring& 
                             CreateUpdateDirectory(rollback_files_directory, parent, made, error));
 }
 
-// Keeps the directory of the target in its place. Checked only once it is held: before, somebody could
-// exchange it between the check and the change.
+// Keeps the directory of the target in its place. Checked only once it is held: otherwise it could be
+// replaced between the check and the change.
 bool HoldCheckedDirectory(const std::wstring& client_root, const ApplyOperation& operation,
                           RetrySchedule& schedule, OwnedHandle& held, UpdateError& error) {
   const std::wstring_view parent = ParentOfRelativePath(operation.entry->normalised_path);
   const PathKind directory = HoldParentOf(operation.target_path, schedule, held);
   return RejectReparsePoints(client_root, parent, LastComponent::kChecked, error) &&
-         (directory == PathKind::kDirectory ? true : Refuse(error, kTargetChanged));
+         (directory == PathKind::kDirectory || Refuse(error, kTargetChanged));
 }
 
-// The change of an operation whose target was absent when rollback was prepared. A look that fails says
+// The change of an operation whose target was absent when rollback was prepared. A failed probe proves
 // nothing, and the move overwrites nothing.
 bool ChangeAbsentTarget(const ApplyOperation& operation, PathKind target, RetrySchedule& schedule,
                         UpdateError& error) {
@@ -51,7 +51,7 @@ bool ChangeAbsentTarget(const ApplyOperation& operation, PathKind target, RetryS
   return true;
 }
 
-// The change of an operation whose target existed, a copy of which the same call leaves behind.
+// The change of an operation whose target existed; the same call leaves a copy of it.
 bool ChangeExistingTarget(const ApplyOperation& operation, PathKind target, RetrySchedule& schedule,
                           UpdateError& error) {
   if (target != PathKind::kFile) {
@@ -71,9 +71,9 @@ bool ChangeExistingTarget(const ApplyOperation& operation, PathKind target, Retr
   return true;
 }
 
-// A restart of Windows straight after the update must not lose an installed file. This flush alone promises
-// it: REPLACEFILE_WRITE_THROUGH is documented as not supported. Whoever looks at new programs (a scanner,
-// Explorer for their icons) does so at this moment.
+// A restart of Windows straight after the update must not lose an installed file. Only this flush ensures it:
+// REPLACEFILE_WRITE_THROUGH is documented as not supported. Retried, because scanners and Explorer (for
+// icons) open new programs at this moment.
 bool FlushInstalledFile(const std::wstring& path, RetrySchedule& schedule, UpdateError& error) {
   OwnedHandle file;
   if (!schedule.Try([&] {
@@ -91,7 +91,7 @@ bool FlushInstalledFile(const std::wstring& path, RetrySchedule& schedule, Updat
 }  // namespace
 
 bool InstallApplyOperations(const std::wstring& client_root, const std::wstring& rollback_files_directory,
-                            std::span<ApplyOperation> operations, StatusWindow& window,
+                            std::span<ApplyOperation> operations, TransactionDisplay& display,
                             std::size_t fault_injection_index, UpdateError& error) {
   for (std::size_t i = 0; i < operations.size(); ++i) {
     ApplyOperation& operation = operations[i];
@@ -115,7 +115,7 @@ bool InstallApplyOperations(const std::wstring& client_root, const std::wstring&
     if (!operation.retire && !FlushInstalledFile(operation.target_path, schedule, error)) {
       return false;
     }
-    window.SetStatusProgress(i + 1, operations.size());
+    display.SetStatusProgress(i + 1, operations.size());
   }
   return true;
 }

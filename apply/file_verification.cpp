@@ -4,43 +4,30 @@
 #include <string_view>
 #include <utility>
 
-#include "core/sha256.h"
+#include "formats/managed_file.h"
 #include "storage/client_root.h"
 
 namespace talvex {
 namespace {
 
-constexpr const wchar_t* kVerifyingInstalled = L"Verifying installed files...";
+constexpr wchar_t kVerifyingInstalled[] = L"Verifying installed files...";
 
-constexpr std::wstring_view kStagedMismatch = L"A staged update file failed verification.";
-constexpr std::wstring_view kInstalledMismatch = L"An installed update file failed verification.";
-
-// Proves the file at `path` to be the one that `entry` describes. The entry's size is the limit, so that a
-// longer file is refused before a byte of it is read.
-bool VerifyFile(const std::wstring& path, const ManifestEntry& entry, std::wstring_view mismatch,
-                UpdateError& error, HashProgressCallback progress = nullptr, void* context = nullptr) {
-  Sha256Digest digest;
-  std::uint64_t size = 0;
-  if (!Sha256OfFile(path, entry.size, digest, size, error, progress, context) || size != entry.size ||
-      !DigestsEqual(digest, entry.digest)) {
-    return RefuseUnlessExplained(error, mismatch);
-  }
-  return true;
-}
+constexpr wchar_t kStagedMismatch[] = L"A staged update file failed verification.";
+constexpr wchar_t kInstalledMismatch[] = L"An installed update file failed verification.";
 
 struct ByteProgress {
-  StatusWindow& window;
+  TransactionDisplay& display;
   std::uint64_t done;
   std::uint64_t total;
 
-  static void OnPiece(std::uint64_t bytes_digested, void* context) {
+  static void OnPiece(std::uint64_t bytes_hashed, void* context) {
     const auto& progress = *static_cast<ByteProgress*>(context);
-    progress.window.SetStatusProgress(progress.done + bytes_digested, progress.total);
+    progress.display.SetStatusProgress(progress.done + bytes_hashed, progress.total);
   }
 
   void AddFile(std::uint64_t size) {
     done += size;
-    window.SetStatusProgress(done, total);
+    display.SetStatusProgress(done, total);
   }
 };
 
@@ -49,21 +36,23 @@ struct ByteProgress {
 bool VerifyStagedFiles(const std::wstring& staged_files_directory, const std::wstring& client_root,
                        const std::wstring& rollback_files_directory,
                        const std::vector<const ManifestEntry*>& install_entries,
-                       std::vector<ApplyOperation>& operations, StatusWindow& window, UpdateError& error) {
+                       std::vector<ApplyOperation>& operations, TransactionDisplay& display,
+                       UpdateError& error) {
   std::uint64_t total = 0;
   for (const ManifestEntry* const entry : install_entries) {
     total += entry->size;
   }
-  ByteProgress progress{window, 0, total};
+  ByteProgress progress{display, 0, total};
   for (const ManifestEntry* const entry : install_entries) {
     ApplyOperation operation;
     operation.entry = entry;
     const std::wstring& relative_path = entry->normalised_path;
-    // No reparse check of the rollback copy's path: its directories are only made once rollback is prepared.
+    // No reparse check of the rollback copy's path: its directories are only created when rollback is
+    // prepared.
     if (!ResolveCheckedPath(staged_files_directory, relative_path, operation.staged_path, error) ||
         !ResolveCheckedPath(client_root, relative_path, operation.target_path, error) ||
         !ResolveUpdatePath(rollback_files_directory, relative_path, operation.rollback_copy_path, error) ||
-        !VerifyFile(operation.staged_path, *entry, kStagedMismatch, error)) {
+        !VerifyManagedFile(operation.staged_path, *entry, entry->size, kStagedMismatch, error)) {
       return false;
     }
     progress.AddFile(entry->size);
@@ -72,19 +61,20 @@ bool VerifyStagedFiles(const std::wstring& staged_files_directory, const std::ws
   return true;
 }
 
-bool VerifyInstalledFiles(const std::wstring& client_root, const Manifest& new_manifest, StatusWindow& window,
-                          UpdateError& error) {
+bool VerifyInstalledFiles(const std::wstring& client_root, const Manifest& new_manifest,
+                          TransactionDisplay& display, UpdateError& error) {
   std::uint64_t total = 0;
   for (const ManifestEntry& entry : new_manifest.entries) {
     total += entry.size;
   }
-  ByteProgress progress{window, 0, total};
-  window.SetStatusText(kVerifyingInstalled);
-  window.SetStatusProgress(0, total);
+  ByteProgress progress{display, 0, total};
+  display.SetStatusText(kVerifyingInstalled);
+  display.SetStatusProgress(0, total);
   for (const ManifestEntry& entry : new_manifest.entries) {
     std::wstring path;
     if (!ResolveCheckedPath(client_root, entry.normalised_path, path, error) ||
-        !VerifyFile(path, entry, kInstalledMismatch, error, ByteProgress::OnPiece, &progress)) {
+        !VerifyManagedFile(path, entry, entry.size, kInstalledMismatch, error, ByteProgress::OnPiece,
+                           &progress)) {
       return false;
     }
     progress.AddFile(entry.size);

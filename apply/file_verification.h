@@ -1,19 +1,19 @@
 #pragma once
 
-// The two proofs around every installation: each staged file before anything changes, and each file of the
-// new release once it is in place.
+// The two verifications around every installation: of each staged file before anything changes, and of each
+// file of the new release once it is in place.
 
 #include <string>
 #include <vector>
 
-#include "app/status_window.h"
+#include "apply/transaction_display.h"
 #include "core/update_error.h"
 #include "formats/apply_operation.h"
 #include "formats/manifest.h"
 
 namespace talvex {
 
-// Proves the staged file of every entry by size and digest, and appends an install operation for each.
+// Verifies the staged file of every entry by size and digest, and appends an install operation for each.
 // Progress is in bytes of all staged files, after each file. Messages: those of ResolveUpdatePath,
 // RejectReparsePoints and Sha256OfFile, and
 //   "A staged update file failed verification."
@@ -21,14 +21,14 @@ namespace talvex {
                                      const std::wstring& client_root,
                                      const std::wstring& rollback_files_directory,
                                      const std::vector<const ManifestEntry*>& install_entries,
-                                     std::vector<ApplyOperation>& operations, StatusWindow& window,
+                                     std::vector<ApplyOperation>& operations, TransactionDisplay& display,
                                      UpdateError& error);
 
-// Proves every file of `new_manifest` in place, those that the plan did not touch included. Progress is in
-// bytes of the whole release, inside files too. Messages: those of ResolveUpdatePath, RejectReparsePoints and
-// Sha256OfFile, and
+// Verifies every file of `new_manifest` in place, including those that the plan did not touch. Progress is in
+// bytes of the whole release, and also reported within files. Messages: those of ResolveUpdatePath,
+// RejectReparsePoints and Sha256OfFile, and
 //   "An installed update file failed verification."
 [[nodiscard]] bool VerifyInstalledFiles(const std::wstring& client_root, const Manifest& new_manifest,
-                                        StatusWindow& window, UpdateError& error);
+                                        TransactionDisplay& display, UpdateError& error);
 
 }  // namespace talvex

@@ -8,7 +8,7 @@ target_include_directories(talvex_compiler INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_definitions(talvex_compiler INTERFACE
   UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN STRICT _WIN32_WINNT=0x0601 WINVER=0x0601 _WIN32_IE=0x0900)
 
-# For every program, and for nothing that programs are made of: a definition in an archive would come too late.
+# For programs only, not for libraries: a definition in an archive would come too late.
 target_sources(talvex_compiler INTERFACE
   $<$<AND:$<CXX_COMPILER_ID:GNU>,$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>>:${PROJECT_SOURCE_DIR}/core/terminate_handler.cpp>)
 
@@ -17,7 +17,7 @@ option(TALVEX_COVERAGE "Count what the tests run (tools/coverage.sh); such a bui
 if(MSVC)
   target_compile_options(talvex_compiler INTERFACE /W4 /WX /permissive- /utf-8 /EHsc)
   set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
-  # The flag keeps imports from being looked for in the program's own directory.
+  # DEPENDENTLOADFLAG keeps imports from being searched for in the program's own directory.
   target_link_options(talvex_compiler INTERFACE /NXCOMPAT /DYNAMICBASE /DEPENDENTLOADFLAG:0x800 /Brepro)
 else()
   target_compile_options(talvex_compiler INTERFACE
@@ -25,8 +25,8 @@ else()
     -ffunction-sections -fdata-sections -fno-ident
     $<$<CONFIG:Release>:-Os> $<$<CONFIG:Debug>:-O1>)
   target_compile_definitions(talvex_compiler INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
-  # Version 6.1: made for Windows 7 or newer, as Visual Studio's linker says of its own accord. Under 4.0, ld's
-  # default, windows get the frame sizes of older systems.
+  # Version 6.1: for Windows 7 or newer, as Visual Studio's linker sets by default. Under 4.0, ld's default,
+  # windows get the frame sizes of older systems.
   target_link_options(talvex_compiler INTERFACE
     -Wl,--major-subsystem-version,6,--minor-subsystem-version,1
     -static -Wl,--gc-sections -Wl,--nxcompat -Wl,--dynamicbase -Wl,--no-insert-timestamp
@@ -35,7 +35,7 @@ else()
     target_compile_options(talvex_compiler INTERFACE --coverage -fprofile-update=atomic)
     target_link_options(talvex_compiler INTERFACE --coverage)
   else()
-    # Absolute paths must not reach the binary, or two checkouts would build different bytes.
+    # Absolute paths must not reach the binary, or two checkouts would build different binaries.
     target_compile_options(talvex_compiler INTERFACE
       -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
   endif()

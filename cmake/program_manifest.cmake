@@ -16,7 +16,7 @@ function(talvex_program_manifest target)
   talvex_manifest_is_a_resource(${target})
 endfunction()
 
-# The linker of Visual Studio must not add a manifest of its own to the one in the resources.
+# Visual Studio's linker must not add a manifest of its own to the one in the resources.
 function(talvex_manifest_is_a_resource target)
   if(MSVC)
     target_link_options(${target} PRIVATE /MANIFEST:NO)

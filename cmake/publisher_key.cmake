@@ -1,14 +1,14 @@
 # The public key that the helper trusts, embedded as the library talvex_publisher_key (core/publisher_key.h).
-# Sets TALVEX_DEVELOPMENT_KEY: true when the build trusts a key pair of its own, which lies in the build folder
-# as development-key/{private.pem,private.blob,public.pem}.
+# Sets TALVEX_DEVELOPMENT_KEY: true when the build trusts its own key pair, which is in the build folder as
+# development-key/{private.pem,private.blob,public.pem}.
 
 include(${CMAKE_CURRENT_LIST_DIR}/rsa_public_key.cmake)
 
 set(TALVEX_UPDATE_PUBLIC_KEY "" CACHE FILEPATH
   "PEM file of the publisher's RSA-3072 public key; empty: a development key made in the build folder")
 
-# Makes the development key pair once. private.blob is the same key in the form that CryptImportKey takes:
-# tests sign with it.
+# Generates the development key pair once. private.blob is the same key in CryptImportKey's format: tests sign
+# with it.
 function(talvex_make_development_key folder)
   find_program(TALVEX_OPENSSL NAMES openssl
     HINTS "$ENV{ProgramFiles}/Git/usr/bin" "$ENV{ProgramFiles}/Git/mingw64/bin")
@@ -17,7 +17,7 @@ function(talvex_make_development_key folder)
       "TALVEX_UPDATE_PUBLIC_KEY to the file of your public key.")
   endif()
   file(MAKE_DIRECTORY "${folder}")
-  # Under a name of its own until all three files exist, so that an interrupted run leaves no half a pair.
+  # Under a temporary name until all three files exist, so that an interrupted run leaves no partial pair.
   set(making "${folder}/making")
   execute_process(COMMAND "${TALVEX_OPENSSL}" genrsa -out "${making}.pem" 3072
     ERROR_QUIET RESULT_VARIABLE made)
@@ -76,7 +76,7 @@ endif()
 talvex_read_rsa3072_public_key("${talvex_public_pem}" talvex_modulus talvex_exponent)
 set(talvex_key_source "${PROJECT_BINARY_DIR}/generated/publisher_key.cpp")
 talvex_write_key_source("${talvex_key_source}" ${talvex_modulus} ${talvex_exponent})
-# A changed key file means another program.
+# A changed key file means a different program.
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${talvex_public_pem}")
 
 add_library(talvex_publisher_key STATIC "${talvex_key_source}")

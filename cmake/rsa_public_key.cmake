@@ -1,5 +1,5 @@
-# Reading of an RSA-3072 public key in PEM (SubjectPublicKeyInfo). CMake reads it itself: a build that is given
-# a key then needs no openssl, which a Windows machine seldom has.
+# Reads an RSA-3072 public key in PEM (SubjectPublicKeyInfo). Done in CMake, so that a build that is given a
+# key needs no openssl, which a Windows machine seldom has.
 
 # Decodes the base64 `text` (no blanks) into hexadecimal digits in `out`.
 function(talvex_decode_base64 text out)
@@ -20,7 +20,7 @@ function(talvex_decode_base64 text out)
     string(SUBSTRING "${bits}" 3 6 digits)
     string(APPEND hex "${digits}")
   endforeach()
-  # Each "=" stands for a byte that the last group does not have.
+  # Each "=" stands for a byte that the last group lacks.
   if(text MATCHES "==$")
     string(REGEX REPLACE "....$" "" hex "${hex}")
   elseif(text MATCHES "=$")
@@ -29,8 +29,8 @@ function(talvex_decode_base64 text out)
   set(${out} "${hex}" PARENT_SCOPE)
 endfunction()
 
-# Reads the public key in the file `pem` and sets `out_modulus` (768 hexadecimal digits) and `out_exponent` (6).
-# Ends the configuration with one sentence if the file holds anything else.
+# Reads the public key in the file `pem` and sets `out_modulus` (768 hexadecimal digits) and `out_exponent`
+# (6). Ends the configuration with an error if the file holds anything else.
 function(talvex_read_rsa3072_public_key pem out_modulus out_exponent)
   if(NOT EXISTS "${pem}" OR IS_DIRECTORY "${pem}")
     message(FATAL_ERROR "TALVEX_UPDATE_PUBLIC_KEY: the public key file ${pem} does not exist.")
@@ -46,7 +46,7 @@ function(talvex_read_rsa3072_public_key pem out_modulus out_exponent)
   talvex_decode_base64("${CMAKE_MATCH_1}" der)
 
   # SubjectPublicKeyInfo: SEQUENCE { SEQUENCE { rsaEncryption, NULL }, BIT STRING { SEQUENCE { modulus,
-  # exponent } } }. A modulus of 3072 bits is 385 bytes long, as its highest bit asks for a zero before it.
+  # exponent } } }. A modulus of 3072 bits takes 385 bytes, because its highest bit requires a leading zero.
   if(NOT der MATCHES "^30[0-9a-f]+300d06092a864886f70d0101010500")
     message(FATAL_ERROR "TALVEX_UPDATE_PUBLIC_KEY: the key in ${pem} is not an RSA key.")
   endif()

@@ -34,4 +34,13 @@ CngFunctions* Cng() noexcept {
   return cng.is_complete ? &cng.functions : nullptr;
 }
 
+OwnedAlgorithmProvider OpenAlgorithmProvider(const wchar_t* algorithm) noexcept {
+  BCRYPT_ALG_HANDLE provider = nullptr;
+  if (Cng() == nullptr ||
+      !BCRYPT_SUCCESS(Cng()->BCryptOpenAlgorithmProvider(&provider, algorithm, nullptr, 0))) {
+    return nullptr;
+  }
+  return OwnedAlgorithmProvider(provider);
+}
+
 }  // namespace talvex

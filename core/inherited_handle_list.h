@@ -1,7 +1,6 @@
 #pragma once
 
-// Which handles a child process inherits: those that are named here, and no other inheritable handle that
-// happens to be open.
+// Which handles a child process inherits: the listed ones, and no other inheritable handle that is open.
 
 #include <windows.h>
 
@@ -11,8 +10,7 @@
 
 namespace talvex {
 
-// The attribute list with which CreateProcessW lets a child inherit exactly `handles`; each of them has to be
-// inheritable already.
+// The attribute list that makes a child created by CreateProcessW inherit exactly `handles`.
 class InheritedHandleList {
  public:
   explicit InheritedHandleList(std::vector<HANDLE> handles) : handles_(std::move(handles)) {
@@ -32,7 +30,9 @@ class InheritedHandleList {
   InheritedHandleList& operator=(const InheritedHandleList&) = delete;
   ~InheritedHandleList() {
     if (list_ != nullptr) {
+      const DWORD last_error = GetLastError();
       DeleteProcThreadAttributeList(list_);
+      SetLastError(last_error);
     }
   }
 

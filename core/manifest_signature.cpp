@@ -10,9 +10,9 @@
 namespace talvex {
 namespace {
 
-constexpr std::wstring_view kKeyInvalid = L"The embedded update public key is invalid.";
-constexpr std::wstring_view kNotRsa3072 = L"The update key or signature does not use RSA-3072.";
-constexpr std::wstring_view kSignatureInvalid = L"The update manifest signature is invalid.";
+constexpr wchar_t kKeyInvalid[] = L"The embedded update public key is invalid.";
+constexpr wchar_t kNotRsa3072[] = L"The update key or signature does not use RSA-3072.";
+constexpr wchar_t kSignatureInvalid[] = L"The update manifest signature is invalid.";
 
 constexpr ULONG kKeyBits = 3072;
 constexpr ULONG kModulusLength = kKeyBits / 8;
@@ -28,49 +28,34 @@ bool IsRsa3072PublicKey(const BCRYPT_RSAKEY_BLOB& header, std::size_t blob_lengt
          blob_length == std::uint64_t{sizeof(header)} + header.cbPublicExp + header.cbModulus;
 }
 
-// An imported public key with its provider, given back in the reverse order.
+// An imported public key.
 class RsaPublicKey {
  public:
-  RsaPublicKey() = default;
-  RsaPublicKey(const RsaPublicKey&) = delete;
-  RsaPublicKey& operator=(const RsaPublicKey&) = delete;
-  ~RsaPublicKey() {
-    if (key_ != nullptr) {
-      cng_->BCryptDestroyKey(key_);
-    }
-    if (provider_ != nullptr) {
-      cng_->BCryptCloseAlgorithmProvider(provider_, 0);
-    }
-  }
-
   // CNG takes its inputs through pointers to non-const and does not write there.
   [[nodiscard]] bool Import(std::span<const std::byte> blob) {
-    if (cng_ == nullptr ||
-        !BCRYPT_SUCCESS(cng_->BCryptOpenAlgorithmProvider(&provider_, BCRYPT_RSA_ALGORITHM, nullptr, 0))) {
-      provider_ = nullptr;
-      return false;
-    }
+    provider_ = OpenAlgorithmProvider(BCRYPT_RSA_ALGORITHM);
     auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(blob.data()));
-    if (!BCRYPT_SUCCESS(cng_->BCryptImportKeyPair(provider_, nullptr, BCRYPT_RSAPUBLIC_BLOB, &key_, input,
-                                                  static_cast<ULONG>(blob.size()), 0))) {
-      key_ = nullptr;
+    BCRYPT_KEY_HANDLE key = nullptr;
+    if (provider_ == nullptr ||
+        !BCRYPT_SUCCESS(Cng()->BCryptImportKeyPair(provider_.get(), nullptr, BCRYPT_RSAPUBLIC_BLOB, &key,
+                                                   input, static_cast<ULONG>(blob.size()), 0))) {
       return false;
     }
+    key_.reset(key);
     return true;
   }
 
   [[nodiscard]] bool Verifies(Sha256Digest digest, std::span<const std::byte> signature) const {
     BCRYPT_PKCS1_PADDING_INFO padding{BCRYPT_SHA256_ALGORITHM};
     auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(signature.data()));
-    return BCRYPT_SUCCESS(cng_->BCryptVerifySignature(
-        key_, &padding, digest.bytes.data(), static_cast<ULONG>(digest.bytes.size()), input,
+    return BCRYPT_SUCCESS(Cng()->BCryptVerifySignature(
+        key_.get(), &padding, digest.bytes.data(), static_cast<ULONG>(digest.bytes.size()), input,
         static_cast<ULONG>(signature.size()), BCRYPT_PAD_PKCS1));
   }
 
  private:
-  const CngFunctions* const cng_ = Cng();
-  BCRYPT_ALG_HANDLE provider_ = nullptr;
-  BCRYPT_KEY_HANDLE key_ = nullptr;
+  OwnedAlgorithmProvider provider_;  // outlives the key
+  OwnedKey key_;
 };
 
 }  // namespace

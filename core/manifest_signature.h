@@ -9,12 +9,12 @@
 
 namespace talvex {
 
-// Proves that `signature` is the RSASSA-PKCS1-v1_5 signature with SHA-256 over exactly `manifest_bytes`, made
-// with the private half of `key_blob` (a CNG RSA public key blob). Nothing of the manifest may be looked at
+// Verifies that `signature` is the RSASSA-PKCS1-v1_5 signature with SHA-256 over exactly `manifest_bytes`,
+// made with the private half of `key_blob` (a CNG RSA public key blob). The manifest must not be parsed
 // before this has succeeded. Messages:
 //   "The embedded update public key is invalid."               the blob is shorter than its header
 //   "The update key or signature does not use RSA-3072."       another kind or size of key or signature
-//   "Windows could not calculate a SHA-256 digest."
+//   that of Sha256OfBuffer
 //   "The update manifest signature is invalid."
 [[nodiscard]] bool VerifyManifestSignature(std::span<const std::byte> manifest_bytes,
                                            std::span<const std::byte> signature,

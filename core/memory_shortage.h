@@ -1,15 +1,15 @@
 #pragma once
 
-// Running out of memory as an ordinary failure, where a transaction has to go on after it.
+// Turns running out of memory into an ordinary failure, where a transaction has to go on after it.
 
 #include <new>
 
 namespace talvex {
 
-// Runs `step` and yields its result, or false when memory ran out in it. What the step has allocated is free
-// again by then, so that what follows (restoring, telling the user) has the memory that it needs.
+// Runs `step` and returns its result, or false when memory ran out in it. The step's allocations have been
+// freed by then, so what follows (restoring, telling the user) has the memory that it needs.
 template <typename Step>
-[[nodiscard]] bool SucceedsInMemory(Step step) {
+[[nodiscard]] bool RunCatchingBadAlloc(Step step) {
   try {
     return step();
   } catch (const std::bad_alloc&) {

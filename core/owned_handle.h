@@ -1,6 +1,6 @@
 #pragma once
 
-// The one owner of a HANDLE.
+// The owner type for a HANDLE.
 
 #include <windows.h>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// The publisher's public key, chosen when the program was built.
+// The publisher's public key, chosen at build time.
 
 #include <cstddef>
 #include <span>

@@ -1,8 +1,8 @@
 #pragma once
 
-// The one retry schedule. Virus scanners, indexers and Explorer hold files for moments: whoever they may
-// disturb tries again for two seconds. A proof is never retried, since who decides must not wait for another
-// answer, and neither is the clearing of work data, which the next run does anyway.
+// The one retry schedule. Virus scanners, indexers and Explorer hold files for moments, so an operation that
+// they may block is retried for up to two seconds. A verification is never retried, because a decision must
+// not wait for a different answer; nor is the clearing of work data, which the next run does anyway.
 
 #include <windows.h>
 
@@ -11,23 +11,23 @@
 
 namespace talvex {
 
-// The codes with which Windows says that somebody else is using the file at this moment.
+// Error codes of a transient sharing conflict.
 [[nodiscard]] constexpr bool IsTransientError(DWORD code) noexcept {
   return code == ERROR_ACCESS_DENIED || code == ERROR_SHARING_VIOLATION || code == ERROR_LOCK_VIOLATION ||
          code == ERROR_BUSY || code == ERROR_USER_MAPPED_FILE;
 }
 
-// Whether `code` is Windows' word that there is nothing of that name.
+// Whether `code` means that nothing of that name exists.
 [[nodiscard]] constexpr bool IsNotFound(DWORD code) noexcept {
   return code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND;
 }
 
-// The time that a piece of work of many operations may sleep in all, in milliseconds.
+// The total time that a series of operations may sleep, in milliseconds.
 class RetryBudget {
  public:
   explicit RetryBudget(DWORD limit_ms) noexcept : left_ms_(limit_ms) {}
 
-  // Takes `delay_ms` from what is left, if there is as much.
+  // Takes `delay_ms` from what is left, if that is enough.
   [[nodiscard]] bool Spend(DWORD delay_ms) noexcept {
     if (delay_ms > left_ms_) {
       return false;
@@ -45,7 +45,7 @@ class RetryBudget {
 class RetrySchedule {
  public:
   RetrySchedule() = default;
-  // Sleeps only as long as `budget` allows; it outlives the schedule.
+  // Sleeps only as long as `budget` allows, which must outlive the schedule.
   explicit RetrySchedule(RetryBudget& budget) noexcept : budget_(&budget) {}
 
   // Calls `attempt` until it returns true, until it fails with a code that is not transient, or until no
@@ -84,7 +84,7 @@ class RetrySchedule {
   RetryBudget* budget_ = nullptr;
 };
 
-// What `look` yields (a PathKind, a FileState), tried again while it is kUnknown.
+// Returns the result of `look` (a PathKind, a FileState), retried while it is kUnknown.
 template <typename Look>
 [[nodiscard]] auto LookWithRetry(RetrySchedule& schedule, Look look) {
   auto result = decltype(look())::kUnknown;
@@ -101,8 +101,8 @@ template <typename Look>
   return schedule.Try([&] { return MoveFileExW(source.c_str(), destination.c_str(), flags) != 0; });
 }
 
-// DeleteFileW under the schedule. A name that is gone at a later attempt has been deleted: by this call or by
-// somebody else, whose handle delayed the end of it.
+// DeleteFileW under the schedule. A name that is gone at a later attempt has been deleted, by this call or by
+// another process: an open handle delayed its removal.
 [[nodiscard]] inline bool DeleteFileWithRetry(const std::wstring& path, RetrySchedule& schedule) {
   bool is_first = true;
   return schedule.Try([&] {

@@ -11,59 +11,44 @@
 namespace talvex {
 namespace {
 
-constexpr std::wstring_view kBufferDigestFailed = L"Windows could not calculate a SHA-256 digest.";
-constexpr std::wstring_view kFileDigestFailed = L"Windows could not hash an update target.";
+constexpr wchar_t kBufferDigestFailed[] = L"Windows could not calculate a SHA-256 digest.";
+constexpr wchar_t kFileDigestFailed[] = L"Windows could not hash an update target.";
 constexpr RegularFileMessages kHashMessages = {L"Could not open file for hashing",
                                                L"The update target is too large or is not a regular file."};
 
-// One SHA-256 computation: provider, hash and the memory that Windows keeps the hash in, given back in the
-// reverse order.
+// One SHA-256 computation.
 class Sha256Hash {
  public:
-  Sha256Hash() = default;
-  Sha256Hash(const Sha256Hash&) = delete;
-  Sha256Hash& operator=(const Sha256Hash&) = delete;
-  ~Sha256Hash() {
-    if (hash_ != nullptr) {
-      cng_->BCryptDestroyHash(hash_);
-    }
-    if (provider_ != nullptr) {
-      cng_->BCryptCloseAlgorithmProvider(provider_, 0);
-    }
-  }
-
   [[nodiscard]] bool Prepare() {
-    if (cng_ == nullptr ||
-        !BCRYPT_SUCCESS(cng_->BCryptOpenAlgorithmProvider(&provider_, BCRYPT_SHA256_ALGORITHM, nullptr, 0))) {
-      provider_ = nullptr;
-      return false;
-    }
+    provider_ = OpenAlgorithmProvider(BCRYPT_SHA256_ALGORITHM);
     DWORD object_length = 0;
     ULONG written = 0;
-    if (!BCRYPT_SUCCESS(cng_->BCryptGetProperty(provider_, BCRYPT_OBJECT_LENGTH,
-                                                reinterpret_cast<PUCHAR>(&object_length),
-                                                sizeof(object_length), &written, 0))) {
+    if (provider_ == nullptr ||
+        !BCRYPT_SUCCESS(Cng()->BCryptGetProperty(provider_.get(), BCRYPT_OBJECT_LENGTH,
+                                                 reinterpret_cast<PUCHAR>(&object_length),
+                                                 sizeof(object_length), &written, 0))) {
       return false;
     }
     object_.resize(object_length);
+    BCRYPT_HASH_HANDLE hash = nullptr;
     if (!BCRYPT_SUCCESS(
-            cng_->BCryptCreateHash(provider_, &hash_, object_.data(), object_length, nullptr, 0, 0))) {
-      hash_ = nullptr;
+            Cng()->BCryptCreateHash(provider_.get(), &hash, object_.data(), object_length, nullptr, 0, 0))) {
       return false;
     }
+    hash_.reset(hash);
     return true;
   }
 
   // CNG takes its input through a pointer to non-const and does not write there.
   [[nodiscard]] bool Add(std::span<const std::byte> bytes) {
     auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(bytes.data()));
-    return BCRYPT_SUCCESS(cng_->BCryptHashData(hash_, input, static_cast<ULONG>(bytes.size()), 0));
+    return BCRYPT_SUCCESS(Cng()->BCryptHashData(hash_.get(), input, static_cast<ULONG>(bytes.size()), 0));
   }
 
   [[nodiscard]] bool Finish(Sha256Digest& digest) {
     Sha256Digest finished;
-    if (!BCRYPT_SUCCESS(cng_->BCryptFinishHash(hash_, finished.bytes.data(),
-                                               static_cast<ULONG>(finished.bytes.size()), 0))) {
+    if (!BCRYPT_SUCCESS(Cng()->BCryptFinishHash(hash_.get(), finished.bytes.data(),
+                                                static_cast<ULONG>(finished.bytes.size()), 0))) {
       return false;
     }
     digest = finished;
@@ -71,10 +56,10 @@ class Sha256Hash {
   }
 
  private:
-  const CngFunctions* const cng_ = Cng();
-  BCRYPT_ALG_HANDLE provider_ = nullptr;
-  BCRYPT_HASH_HANDLE hash_ = nullptr;
+  // Order: the hash is destroyed before its memory and its provider.
   std::vector<UCHAR> object_;
+  OwnedAlgorithmProvider provider_;
+  OwnedHash hash_;
 };
 
 // The memory that a piece of a file is read into. Windows zeroes its pages when they are first used, so a
@@ -89,9 +74,8 @@ PieceBuffer AllocatePiece() {
       VirtualAlloc(nullptr, kFilePieceSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)));
 }
 
-// Digests an open file from its current position to its end.
-bool DigestOpenFile(HANDLE file, Sha256Digest& digest, HashProgressCallback progress,
-                    void* progress_context) {
+// Hashes an open file from its current position to its end.
+bool HashOpenFile(HANDLE file, Sha256Digest& digest, HashProgressCallback progress, void* progress_context) {
   Sha256Hash hash;
   if (!hash.Prepare()) {
     return false;
@@ -138,7 +122,7 @@ OwnedHandle OpenFileForHashing(const std::wstring& path, std::uint64_t size_limi
 bool Sha256OfOpenFile(HANDLE file, Sha256Digest& digest, UpdateError& error, HashProgressCallback progress,
                       void* progress_context) {
   digest = {};
-  if (!DigestOpenFile(file, digest, progress, progress_context)) {
+  if (!HashOpenFile(file, digest, progress, progress_context)) {
     return Refuse(error, kFileDigestFailed);
   }
   return true;

@@ -1,7 +1,7 @@
 #pragma once
 
 // SHA-256 of buffers and files, computed by Windows (CNG). Each call opens and closes its own provider, so
-// that the operations can be called from any thread.
+// the functions can be called from any thread.
 
 #include <windows.h>
 
@@ -16,17 +16,17 @@
 
 namespace talvex {
 
-// Digests `bytes`, which may be empty. A failure leaves `digest` zeroed, with the message
+// Hashes `bytes`, which may be empty. A failure leaves `digest` zeroed, with the message
 //   "Windows could not calculate a SHA-256 digest."
 [[nodiscard]] bool Sha256OfBuffer(std::span<const std::byte> bytes, Sha256Digest& digest, UpdateError& error);
 
-// Told after every piece of a file how many bytes of it have been digested so far.
-using HashProgressCallback = void (*)(std::uint64_t bytes_digested, void* context);
+// Called after each piece of a file with the number of bytes hashed so far.
+using HashProgressCallback = void (*)(std::uint64_t bytes_hashed, void* context);
 
-// Digests the regular file at `path` in pieces of 1 MiB through one buffer. `size_limit` is in bytes; a
-// larger file is refused before anything is read. `size` becomes the size that was found when the file was
-// opened, and 0 when it was refused or could not be opened. It compares with no expected value; the callers
-// do. A failure leaves `digest` zeroed. Messages:
+// Hashes the regular file at `path` in pieces of 1 MiB through one buffer. `size_limit` is in bytes; a larger
+// file is rejected before anything is read. `size` is set to the size found when the file was opened, or to 0
+// when it was rejected or could not be opened. Does not compare with an expected value; the callers do. A
+// failure leaves `digest` zeroed. Messages:
 //   "Could not open file for hashing: " + Windows text
 //   "The update target is too large or is not a regular file."   above the limit; reparse point; second link
 //   "Windows could not hash an update target."                   a read or a CNG call failed
@@ -34,8 +34,8 @@ using HashProgressCallback = void (*)(std::uint64_t bytes_digested, void* contex
                                 std::uint64_t& size, UpdateError& error,
                                 HashProgressCallback progress = nullptr, void* progress_context = nullptr);
 
-// The two halves of Sha256OfFile, for a caller who judges the size before anything is read. The file is
-// digested from its current position to its end.
+// The two halves of Sha256OfFile, for a caller that checks the size before anything is read. The file is
+// hashed from its current position to its end.
 [[nodiscard]] OwnedHandle OpenFileForHashing(const std::wstring& path, std::uint64_t size_limit,
                                              std::uint64_t& size, UpdateError& error);
 [[nodiscard]] bool Sha256OfOpenFile(HANDLE file, Sha256Digest& digest, UpdateError& error,

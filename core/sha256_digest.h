@@ -13,7 +13,7 @@ struct Sha256Digest {
   std::array<std::uint8_t, 32> bytes{};
 };
 
-// Compares all 32 bytes whatever they hold, so that the time taken tells nothing about where two digests
+// Compares all 32 bytes whatever they hold, so that the time taken reveals nothing about where two digests
 // differ.
 [[nodiscard]] inline bool DigestsEqual(const Sha256Digest& left, const Sha256Digest& right) noexcept {
   unsigned difference = 0;

@@ -9,8 +9,8 @@ namespace {
 using SetDefaultDllDirectoriesFunction = BOOL WINAPI(DWORD directories);
 constexpr DWORD kSearchSystemDirectory = 0x00000800;  // LOAD_LIBRARY_SEARCH_SYSTEM32
 
-// Whether Windows knows the flag at all: it came together with this function. Looked up and not imported,
-// because a missing import would keep the program from starting.
+// Whether Windows knows the flag: it came together with this function. Looked up, not imported, because a
+// missing import would keep the program from starting.
 bool FindSetDirectories(SetDefaultDllDirectoriesFunction*& set_directories) {
   return FindFunction(GetModuleHandleW(L"kernel32.dll"), "SetDefaultDllDirectories", set_directories);
 }

@@ -1,34 +1,34 @@
 #pragma once
 
-// Windows' own DLLs, loaded so that only the system directory can provide them. A program of ours lies in a
-// directory that its user can write, and Windows looks there first: a planted DLL would run inside the
-// updater. Only its "known DLLs" (kernel32, user32, gdi32, advapi32, shell32, ole32, msvcrt) are safe to
-// import. The others are loaded here, at their first use, and stay loaded until the process ends.
+// Windows DLLs, loaded so that only the system directory can provide them. Our programs run from a directory
+// that the user can write to, and Windows searches there first: a planted DLL would run inside the updater.
+// Only Windows' "known DLLs" (kernel32, user32, gdi32, advapi32, shell32, ole32, msvcrt) are safe to import.
+// The others are loaded here on first use, and stay loaded until the process ends.
 
 #include <windows.h>
 
 namespace talvex {
 
-// The second wall, for DLLs that Windows' own DLLs load by their bare name: leaves only the system directory
-// for every search from now on. Must be the first thing that an entry does. Windows 7 knows the restriction
-// only since an update of 2011; without it the program runs behind the first wall alone.
+// The second defence, for DLLs that Windows DLLs load by bare name: restricts every later search to the
+// system directory. Must be the first call of an entry point. Windows 7 has the restriction only since a 2011
+// update; without it the program relies on the first defence alone.
 void RestrictDllSearch() noexcept;
 
-// Loads `name` by its full path in the system directory, and what it needs from there too. Null when that
-// fails.
+// Loads `name` by its full path in the system directory, and its dependencies from there too. Null on
+// failure.
 [[nodiscard]] HMODULE LoadSystemLibrary(const wchar_t* name) noexcept;
 
-// The same for a DLL of which Windows has several versions side by side: by its bare name, with a flag that
-// allows the system directory alone, so that the version comes that the program's manifest asks for. A
-// Windows without the flag gives the version in the system directory. (Where the versions lie is decided
-// before the entry runs; a folder "<program>.local" beside the program can move it. No wall of ours stands
-// before that.)
+// The same for a DLL that Windows has in several side-by-side versions: by its bare name, with a flag that
+// restricts the search to the system directory, so that the version requested by the program's manifest is
+// loaded. A Windows without the flag loads the version in the system directory. (The versions' location is
+// decided before the entry point runs; a folder "<program>.local" beside the program can redirect it. We have
+// no defence against that.)
 [[nodiscard]] HMODULE LoadVersionedSystemLibrary(const wchar_t* name) noexcept;
 
-// Yields the function `name` of `library`. False, and null, when there is none, or no library.
+// Sets `function` to the function `name` of `library`. False, and null, when there is none, or no library.
 template <typename Function>
 [[nodiscard]] bool FindFunction(HMODULE library, const char* name, Function*& function) noexcept {
-  // A way over void*: compilers warn of a cast between function types.
+  // Through void*, because compilers warn about a cast between function types.
   void* const address = library == nullptr ? nullptr : reinterpret_cast<void*>(GetProcAddress(library, name));
   function = reinterpret_cast<Function*>(address);
   return address != nullptr;

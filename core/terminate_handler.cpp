@@ -1,6 +1,6 @@
-// What ends a program that an exception leaves. GCC's own handler prints the name of the exception, and for
-// that brings a name demangler of 62 KiB into every program; none of ours has anybody to read it. This one
-// stands in its place because it has its name: the library's is then not linked. Built with GCC alone.
+// Ends a program on an unhandled exception. GCC's own handler prints the name of the exception, which pulls a
+// name demangler of 62 KiB into every program, and nobody would read the output of ours. This one has the
+// same name, so the library's is not linked. Built with GCC only.
 
 #include <cstdlib>
 

@@ -7,23 +7,23 @@
 namespace talvex {
 namespace {
 
-constexpr std::string_view kHexDigits = "0123456789abcdef";
+constexpr char kHexDigits[] = "0123456789abcdef";
 
-// The conversion calls count in int; no text of this program comes near that, but a caller's mistake must
-// not turn into a negative length.
+// The conversion functions take lengths as int; no text of this program comes near that limit, but a caller's
+// mistake must not become a negative length.
 bool FitsInt(std::size_t length) {
   return length <= static_cast<std::size_t>(std::numeric_limits<int>::max());
 }
 
 bool HexDigitValue(char character, unsigned& value) {
-  const std::size_t position = kHexDigits.find(character);
+  const std::size_t position = std::string_view(kHexDigits).find(character);
   value = static_cast<unsigned>(position);
   return position != std::string_view::npos;
 }
 
 template <typename Char>
 bool ParseDecimal(std::basic_string_view<Char> text, std::uint64_t& value) {
-  constexpr std::uint64_t kMost = std::numeric_limits<std::uint64_t>::max();
+  constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
   value = 0;
   if (text.empty()) {
     return false;
@@ -34,7 +34,7 @@ bool ParseDecimal(std::basic_string_view<Char> text, std::uint64_t& value) {
       return false;
     }
     const auto digit = static_cast<unsigned>(character - Char{'0'});
-    if (parsed > (kMost - digit) / 10) {
+    if (parsed > (kMax - digit) / 10) {
       return false;
     }
     parsed = parsed * 10 + digit;

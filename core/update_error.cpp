@@ -5,7 +5,7 @@
 namespace talvex {
 namespace {
 
-constexpr std::wstring_view kUnknownCode = L"Windows error ";
+constexpr wchar_t kUnknownCode[] = L"Windows error ";
 
 }  // namespace
 
@@ -13,7 +13,7 @@ void SetError(UpdateError& error, std::wstring_view message) {
   error.message_.assign(message);
 }
 
-void SetWindowsError(UpdateError& error, std::wstring_view prefix, DWORD code) {
+void SetWindowsError(UpdateError& error, const wchar_t* prefix, DWORD code) {
   std::array<wchar_t, 512> buffer{};
   const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
                                       code, 0, buffer.data(), static_cast<DWORD>(buffer.size()), nullptr);
@@ -33,12 +33,17 @@ void SetWindowsError(UpdateError& error, std::wstring_view prefix, DWORD code) {
   SetError(error, message);
 }
 
-bool Refuse(UpdateError& error, std::wstring_view message) {
+bool Refuse(UpdateError& error, const wchar_t* message) {
   SetError(error, message);
   return false;
 }
 
-bool RefuseUnlessExplained(UpdateError& error, std::wstring_view message) {
+bool RefuseWithWindowsError(UpdateError& error, const wchar_t* prefix, DWORD code) {
+  SetWindowsError(error, prefix, code);
+  return false;
+}
+
+bool RefuseUnlessExplained(UpdateError& error, const wchar_t* message) {
   if (error.IsEmpty()) {
     SetError(error, message);
   }

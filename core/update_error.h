@@ -1,6 +1,6 @@
 #pragma once
 
-// The one way in which a failing operation tells its caller why.
+// How a failing operation reports the reason to its caller.
 //
 // Every fallible operation of the program returns bool (or an empty result where its header says so) and
 // takes an UpdateError last among its outputs. The message is a complete sentence for the player. The
@@ -14,7 +14,7 @@
 namespace talvex {
 
 // A sentence for the player; empty means that no error was recorded. There is no numeric field: a Windows
-// code becomes part of the text at once, where it is still known which call it belongs to.
+// code becomes part of the text at once, while it is known which call it belongs to.
 class UpdateError {
  public:
   [[nodiscard]] bool IsEmpty() const noexcept { return message_.empty(); }
@@ -29,16 +29,19 @@ class UpdateError {
 // Replaces the message.
 void SetError(UpdateError& error, std::wstring_view message);
 
-// Replaces the message with `prefix`, ": " and the system's text for `code`, its closing CR and LF removed;
-// a code that the system does not know gives "Windows error " and the code in decimal. `prefix` is a short
+// Replaces the message with `prefix`, ": " and the system's text for `code`, without trailing CR and LF; a
+// code that the system does not know gives "Windows error " and the code in decimal. `prefix` is a short
 // phrase without a full stop. Pass the code that GetLastError returned in the statement after the failing
 // call; a later call may have replaced it.
-void SetWindowsError(UpdateError& error, std::wstring_view prefix, DWORD code);
+void SetWindowsError(UpdateError& error, const wchar_t* prefix, DWORD code);
 
 // SetError in one expression with the failure: `return Refuse(error, kWhy);`.
-[[nodiscard]] bool Refuse(UpdateError& error, std::wstring_view message);
+[[nodiscard]] bool Refuse(UpdateError& error, const wchar_t* message);
+
+// SetWindowsError in one expression with the failure.
+[[nodiscard]] bool RefuseWithWindowsError(UpdateError& error, const wchar_t* prefix, DWORD code);
 
 // Refuse for an outer step: keeps a message that a step below has already set.
-[[nodiscard]] bool RefuseUnlessExplained(UpdateError& error, std::wstring_view message);
+[[nodiscard]] bool RefuseUnlessExplained(UpdateError& error, const wchar_t* message);
 
 }  // namespace talvex

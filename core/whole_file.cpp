@@ -13,10 +13,10 @@ namespace {
 
 constexpr RegularFileMessages kReadMessages = {L"Could not open file",
                                                L"The file is too large or is not a regular file."};
-constexpr std::wstring_view kReadIncomplete = L"Could not read the complete file.";
-constexpr std::wstring_view kCreateFailed = L"Could not create file";
-constexpr std::wstring_view kWriteFailed = L"Could not write file";
-constexpr std::wstring_view kFlushFailed = L"Could not flush file";
+constexpr wchar_t kReadIncomplete[] = L"Could not read the complete file.";
+constexpr wchar_t kCreateFailed[] = L"Could not create file";
+constexpr wchar_t kWriteFailed[] = L"Could not write file";
+constexpr wchar_t kFlushFailed[] = L"Could not flush file";
 
 DWORD NextPiece(std::size_t remaining) {
   return static_cast<DWORD>(std::min(remaining, kFilePieceSize));
@@ -54,11 +54,10 @@ bool WriteNewFile(const std::wstring& path, std::span<const std::byte> bytes, Up
                                FILE_FLAG_WRITE_THROUGH | FILE_ATTRIBUTE_NORMAL, nullptr));
         return file.IsValid();
       })) {
-    SetWindowsError(error, kCreateFailed, GetLastError());
-    return false;
+    return RefuseWithWindowsError(error, kCreateFailed, GetLastError());
   }
   // A half-written file must not keep the name: the next writer would find it taken.
-  const auto give_up = [&](std::wstring_view prefix, DWORD code) {
+  const auto give_up = [&](const wchar_t* prefix, DWORD code) {
     SetWindowsError(error, prefix, code);
     file.Reset();
     DeleteTemporaryFile(path);
@@ -90,9 +89,9 @@ void DeleteTemporaryFile(const std::wstring& path) {
 }
 
 bool ReplaceWholeFile(const std::wstring& path, const std::wstring& temporary_path,
-                      std::span<const std::byte> bytes, std::wstring_view move_failed, MoveFailureText form,
+                      std::span<const std::byte> bytes, const wchar_t* move_failed, MoveFailureText form,
                       UpdateError& error) {
-  DeleteTemporaryFile(temporary_path);  // left by a run that died; WriteNewFile refuses a name that exists
+  DeleteTemporaryFile(temporary_path);  // left by a run that died; WriteNewFile fails if the name exists
   if (!WriteNewFile(temporary_path, bytes, error)) {
     return false;
   }

@@ -26,30 +26,30 @@ inline constexpr std::size_t kFilePieceSize = 1'048'576;
 [[nodiscard]] bool ReadWholeFile(const std::wstring& path, std::uint32_t size_limit, ByteBuffer& bytes,
                                  UpdateError& error);
 
-// Creates `path`, which must not exist, writes `bytes` and forces them to disk. The creation is tried again
-// while somebody is in its way; a failed write or flush deletes what was created. Messages, each followed by
-// the Windows text:
+// Creates `path`, which must not exist, writes `bytes` and forces them to disk. The creation is retried on
+// transient errors; a failed write or flush deletes what was created. Messages, each followed by the Windows
+// text:
 //   "Could not create file"   also when the name exists; the existing file is left alone
-//   "Could not write file"    a short write included, whose text can be the one for success
+//   "Could not write file"    includes a short write, whose text may be the one for success
 //   "Could not flush file"
 [[nodiscard]] bool WriteNewFile(const std::wstring& path, std::span<const std::byte> bytes,
                                 UpdateError& error);
 
-// The two halves of a replacement that stand alone where two files are replaced together. MoveIntoPlace moves
+// The two halves of a replacement, used separately where two files are replaced together. MoveIntoPlace moves
 // a written file over `path`, written through; false leaves the last attempt's code as the last error.
-// DeleteTemporaryFile deletes what may or may not be there. Both try again while somebody is in their way.
+// DeleteTemporaryFile deletes a file that may or may not exist. Both are retried on transient errors.
 [[nodiscard]] bool MoveIntoPlace(const std::wstring& temporary_path, const std::wstring& path);
 void DeleteTemporaryFile(const std::wstring& path);
 
-// Whether the text for a failed move is a phrase that the Windows text follows, or a whole sentence.
+// Whether the text for a failed move is a prefix of the Windows text or a whole sentence.
 enum class MoveFailureText { kPrefixOfWindowsText, kSentence };
 
-// Puts `bytes` in the place of the file at `path`, whole: writes them to `temporary_path` with WriteNewFile
-// and moves that over `path`, written through. Whatever lay at `temporary_path` is deleted first. Each of the
-// three is tried again while somebody is in its way. A failed write keeps WriteNewFile's message; a failed
-// move gives `move_failed` and deletes the temporary file. In both cases the old file is still in its place.
+// Replaces the file at `path` with `bytes` as a whole: writes them to `temporary_path` with WriteNewFile and
+// moves that over `path`, written through. A file at `temporary_path` is deleted first. Each of the three
+// steps is retried on transient errors. A failed write keeps WriteNewFile's message; a failed move gives
+// `move_failed` and deletes the temporary file. In both cases the old file is still in place.
 [[nodiscard]] bool ReplaceWholeFile(const std::wstring& path, const std::wstring& temporary_path,
-                                    std::span<const std::byte> bytes, std::wstring_view move_failed,
+                                    std::span<const std::byte> bytes, const wchar_t* move_failed,
                                     MoveFailureText form, UpdateError& error);
 
 }  // namespace talvex

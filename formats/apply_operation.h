@@ -1,6 +1,6 @@
 #pragma once
 
-// One change of a client file: what a proven plan becomes, and what undoing it needs to know.
+// One change of a client file, from a verified plan row, with what is needed to undo it.
 
 #include <string>
 

@@ -10,24 +10,23 @@
 namespace talvex {
 namespace {
 
-constexpr std::string_view kMagic = "TALVEX-APPLY-V1";
-constexpr std::string_view kDigestKey = "manifest-sha256";
-constexpr std::string_view kInstallKey = "file";
-constexpr std::string_view kRetireKey = "delete";
-constexpr std::size_t kLeastLines = 3;
+constexpr char kMagic[] = "TALVEX-APPLY-V1";
+constexpr char kDigestKey[] = "manifest-sha256";
+constexpr char kInstallKey[] = "file";
+constexpr char kRetireKey[] = "delete";
+constexpr std::size_t kMinLines = 3;
 
-constexpr std::wstring_view kEncodingInvalid = L"The update apply plan has an invalid encoding.";
-constexpr std::wstring_view kIncomplete = L"The update apply plan is incomplete.";
-constexpr std::wstring_view kHeaderInvalid = L"The update apply plan header is invalid.";
-constexpr std::wstring_view kDigestMissing = L"The update apply plan has no manifest digest.";
-constexpr std::wstring_view kOtherManifest = L"The update apply plan targets a different manifest.";
-constexpr std::wstring_view kRowInvalid = L"The update apply plan has an invalid file row.";
-constexpr std::wstring_view kDuplicateFile = L"The update apply plan contains a duplicate file.";
-constexpr std::wstring_view kUnprovenRemoval = L"The update apply plan cannot prove a managed file removal.";
-constexpr std::wstring_view kUnsignedFile =
-    L"The update apply plan contains a file outside the signed manifest.";
-constexpr std::wstring_view kDeletesCurrent = L"The update apply plan tries to delete a current file.";
-constexpr std::wstring_view kNoFiles = L"The update apply plan contains no files.";
+constexpr wchar_t kEncodingInvalid[] = L"The update apply plan has an invalid encoding.";
+constexpr wchar_t kIncomplete[] = L"The update apply plan is incomplete.";
+constexpr wchar_t kHeaderInvalid[] = L"The update apply plan header is invalid.";
+constexpr wchar_t kDigestMissing[] = L"The update apply plan has no manifest digest.";
+constexpr wchar_t kOtherManifest[] = L"The update apply plan targets a different manifest.";
+constexpr wchar_t kRowInvalid[] = L"The update apply plan has an invalid file row.";
+constexpr wchar_t kDuplicateFile[] = L"The update apply plan contains a duplicate file.";
+constexpr wchar_t kUnprovenRemoval[] = L"The update apply plan cannot prove a managed file removal.";
+constexpr wchar_t kUnsignedFile[] = L"The update apply plan contains a file outside the signed manifest.";
+constexpr wchar_t kDeletesCurrent[] = L"The update apply plan tries to delete a current file.";
+constexpr wchar_t kNoFiles[] = L"The update apply plan contains no files.";
 
 struct PlanRow {
   bool retire = false;
@@ -35,16 +34,16 @@ struct PlanRow {
 };
 
 bool ParseRow(std::string_view line, PlanRow& row, UpdateError& error) {
-  row.retire = TakeKey(line, kRetireKey);
-  if (!row.retire && !TakeKey(line, kInstallKey)) {
+  row.retire = ConsumeKey(line, kRetireKey);
+  if (!row.retire && !ConsumeKey(line, kInstallKey)) {
     return Refuse(error, kRowInvalid);
   }
   return ValidateRelativePath(line, row.normalised_path, error);
 }
 
-// The entry that vouches for the row, or null with `error` set.
-const ManifestEntry* ProveRow(const PlanRow& row, const Manifest& new_manifest,
-                              const Manifest* current_manifest, UpdateError& error) {
+// The signed entry for the row, or null with `error` set.
+const ManifestEntry* VerifyRow(const PlanRow& row, const Manifest& new_manifest,
+                               const Manifest* current_manifest, UpdateError& error) {
   const Manifest* const vouching = row.retire ? current_manifest : &new_manifest;
   if (vouching == nullptr) {
     SetError(error, kUnprovenRemoval);
@@ -79,12 +78,12 @@ bool ParseApplyPlan(std::span<const std::byte> bytes, const Manifest& new_manife
     return Refuse(error, kIncomplete);
   }
   // line 1          the magic, the whole line
-  if (line_count < kLeastLines || TakeLine(text) != kMagic) {
+  if (line_count < kMinLines || ConsumeLine(text) != kMagic) {
     return Refuse(error, kHeaderInvalid);
   }
   // line 2          "manifest-sha256"  TAB  digest
-  std::string_view digest_text = TakeLine(text);
-  if (!TakeKey(digest_text, kDigestKey)) {
+  std::string_view digest_text = ConsumeLine(text);
+  if (!ConsumeKey(digest_text, kDigestKey)) {
     return Refuse(error, kDigestMissing);
   }
   Sha256Digest digest;
@@ -95,13 +94,13 @@ bool ParseApplyPlan(std::span<const std::byte> bytes, const Manifest& new_manife
   std::set<std::wstring> seen_paths;
   while (!text.empty()) {
     PlanRow row;
-    if (!ParseRow(TakeLine(text), row, error)) {
+    if (!ParseRow(ConsumeLine(text), row, error)) {
       return false;
     }
     if (!seen_paths.insert(FoldAsciiCase(row.normalised_path)).second) {
       return Refuse(error, kDuplicateFile);
     }
-    const ManifestEntry* const entry = ProveRow(row, new_manifest, current_manifest, error);
+    const ManifestEntry* const entry = VerifyRow(row, new_manifest, current_manifest, error);
     if (entry == nullptr) {
       return false;
     }

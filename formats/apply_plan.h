@@ -1,6 +1,6 @@
 #pragma once
 
-// The apply plan: the client's statement of what an update changes. Every row is proven against a signed
+// The apply plan: the client's statement of what an update changes. Every row is checked against a signed
 // manifest, so that a plan can leave files out but never name one that the publisher did not.
 //
 //   TALVEX-APPLY-V1
@@ -23,12 +23,11 @@
 
 namespace talvex {
 
-inline constexpr std::wstring_view kApplyPlanFileName = L"apply.plan";
 inline constexpr std::uint32_t kApplyPlanSizeLimit = 262'144;  // bytes
 
 // Parses `bytes` into entries of `new_manifest` to install and entries of `current_manifest` to retire, each
 // in row order; the entries belong to the manifests. `current_manifest` is null when no installed release
-// could be proved. After a failure the lists may be partly filled. Messages, besides those of
+// could be verified. After a failure the lists may be partly filled. Messages, besides those of
 // ValidateRelativePath:
 //   "The update apply plan has an invalid encoding."
 //   "The update apply plan is incomplete."
@@ -47,7 +46,7 @@ inline constexpr std::uint32_t kApplyPlanSizeLimit = 262'144;  // bytes
                                   std::vector<const ManifestEntry*>& retire_entries, UpdateError& error);
 
 // The file text of a plan for the manifest with `manifest_digest`: a row for every entry to install, then for
-// every entry to retire. Nothing is judged: the parser does that.
+// every entry to retire. Does not validate; the parser does.
 [[nodiscard]] std::string FormatApplyPlan(const Sha256Digest& manifest_digest,
                                           std::span<const ManifestEntry* const> install_entries,
                                           std::span<const ManifestEntry* const> retire_entries);

@@ -9,26 +9,24 @@
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/text_lines.h"
-#include "storage/client_root.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
 
-constexpr std::string_view kMagic = "TALVEX-UPDATE-STATE-V1";
-constexpr std::string_view kSequenceKey = "sequence";
-constexpr std::string_view kReleaseKey = "release";
-constexpr std::string_view kDigestKey = "manifest-sha256";
+constexpr char kMagic[] = "TALVEX-UPDATE-STATE-V1";
+constexpr char kSequenceKey[] = "sequence";
+constexpr char kReleaseKey[] = "release";
+constexpr char kDigestKey[] = "manifest-sha256";
 constexpr std::size_t kLines = 4;
 constexpr std::uint32_t kSizeLimit = 4'096;  // bytes
-// The process id follows, so that two helpers never write to the same temporary file.
-constexpr std::wstring_view kTemporarySuffix = L".new-";
 
-constexpr std::wstring_view kEncodingInvalid = L"The installed update state has an invalid encoding.";
-constexpr std::wstring_view kIncomplete = L"The installed update state is incomplete.";
-constexpr std::wstring_view kFormatInvalid = L"The installed update state has an invalid format.";
-constexpr std::wstring_view kReleaseInvalid = L"The installed update state has invalid release information.";
-constexpr std::wstring_view kDigestInvalid = L"The installed update state has an invalid manifest digest.";
-constexpr std::wstring_view kSaveFailed = L"Could not save the installed update state";
+constexpr wchar_t kEncodingInvalid[] = L"The installed update state has an invalid encoding.";
+constexpr wchar_t kIncomplete[] = L"The installed update state is incomplete.";
+constexpr wchar_t kFormatInvalid[] = L"The installed update state has an invalid format.";
+constexpr wchar_t kReleaseInvalid[] = L"The installed update state has invalid release information.";
+constexpr wchar_t kDigestInvalid[] = L"The installed update state has an invalid manifest digest.";
+constexpr wchar_t kSaveFailed[] = L"Could not save the installed update state";
 
 }  // namespace
 
@@ -42,23 +40,24 @@ bool ParseInstalledStateText(std::string_view text, InstalledState& state, Updat
     return Refuse(error, kIncomplete);
   }
   // line 1          the magic, the whole line
-  if (line_count != kLines || TakeLine(text) != kMagic) {
+  if (line_count != kLines || ConsumeLine(text) != kMagic) {
     return Refuse(error, kFormatInvalid);
   }
   InstalledState parsed;
   // line 2          "sequence"         TAB  decimal, not 0
   std::string_view value;
-  if (!CutKeyedValue(TakeLine(text), kSequenceKey, value) || !ParseDecimalU64(value, parsed.sequence) ||
+  if (!ParseKeyedValue(ConsumeLine(text), kSequenceKey, value) || !ParseDecimalU64(value, parsed.sequence) ||
       parsed.sequence == 0) {
     return Refuse(error, kReleaseInvalid);
   }
   // line 3          "release"          TAB  identifier
-  if (!CutKeyedValue(TakeLine(text), kReleaseKey, value) || !IsReleaseIdentifier(value)) {
+  if (!ParseKeyedValue(ConsumeLine(text), kReleaseKey, value) || !IsReleaseIdentifier(value)) {
     return Refuse(error, kReleaseInvalid);
   }
   parsed.release = value;
   // line 4          "manifest-sha256"  TAB  digest
-  if (!CutKeyedValue(TakeLine(text), kDigestKey, value) || !ParseHexDigest(value, parsed.manifest_digest)) {
+  if (!ParseKeyedValue(ConsumeLine(text), kDigestKey, value) ||
+      !ParseHexDigest(value, parsed.manifest_digest)) {
     return Refuse(error, kDigestInvalid);
   }
   parsed.present = true;
@@ -77,10 +76,10 @@ std::string FormatInstalledState(const Manifest& installed) {
 
 bool LoadInstalledState(std::wstring_view client_root, InstalledState& state, UpdateError& error) {
   state = {};
-  const std::wstring path = JoinPath(client_root, kInstalledStateFileName);
+  const std::wstring path = InstalledStatePath(client_root);
   const PathKind kind = ProbePath(path);
   if (kind == PathKind::kAbsent || kind == PathKind::kUnknown) {
-    return true;  // a record that cannot be looked at proves as little as none
+    return true;  // a record that cannot be inspected counts as none
   }
   ByteBuffer bytes;
   return ReadWholeFile(path, kSizeLimit, bytes, error) &&
@@ -88,9 +87,8 @@ bool LoadInstalledState(std::wstring_view client_root, InstalledState& state, Up
 }
 
 bool SaveInstalledState(std::wstring_view client_root, const Manifest& installed, UpdateError& error) {
-  const std::wstring path = JoinPath(client_root, kInstalledStateFileName);
-  std::wstring temporary_path = path;
-  temporary_path.append(kTemporarySuffix).append(std::to_wstring(GetCurrentProcessId()));
+  const std::wstring path = InstalledStatePath(client_root);
+  const std::wstring temporary_path = InstalledStateTemporaryPath(client_root, GetCurrentProcessId());
   return ReplaceWholeFile(path, temporary_path, AsBytes(FormatInstalledState(installed)), kSaveFailed,
                           MoveFailureText::kPrefixOfWindowsText, error);
 }

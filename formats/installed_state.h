@@ -1,13 +1,13 @@
 #pragma once
 
-// Which signed release is installed in a client directory, as the file TalvexUpdateState.dat in its root:
+// Which signed release is installed in a client directory, as a file in its root:
 //
 //   TALVEX-UPDATE-STATE-V1
 //   sequence         TAB  decimal, not 0
 //   release          TAB  identifier
 //   manifest-sha256  TAB  64 lowercase hexadecimal characters
 //
-// Anybody who can write to the directory can edit it; it is believed only through LoadTrustedState.
+// Anybody who can write to the directory can edit it; it is trusted only through LoadTrustedState.
 
 #include <cstdint>
 #include <string>
@@ -19,9 +19,7 @@
 
 namespace talvex {
 
-inline constexpr std::wstring_view kInstalledStateFileName = L"TalvexUpdateState.dat";
-
-// A record that is not present holds sequence 0, no release and a zero digest.
+// A record that is not present has sequence 0, no release and a zero digest.
 struct InstalledState {
   bool present = false;
   std::uint64_t sequence = 0;
@@ -37,7 +35,7 @@ struct InstalledState {
 //   "The installed update state has an invalid manifest digest."
 [[nodiscard]] bool ParseInstalledStateText(std::string_view text, InstalledState& state, UpdateError& error);
 
-// The file text that records `installed` as the installed release. Nothing is judged: the parser does that.
+// The file text that records `installed` as the installed release. Does not validate; the parser does.
 [[nodiscard]] std::string FormatInstalledState(const Manifest& installed);
 
 // Reads the state file. A missing file is success with a record that is not present: nothing was installed

@@ -10,47 +10,49 @@
 #include "core/text_encoding.h"
 #include "formats/relative_path.h"
 #include "formats/text_lines.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
 
-constexpr std::string_view kMagic = "TALVEX-UPDATE-V1";
-constexpr std::string_view kReleaseKey = "release";
-constexpr std::string_view kSequenceKey = "sequence";
-constexpr std::string_view kFileKey = "file";
-constexpr std::size_t kLeastLines = 4;
+constexpr char kMagic[] = "TALVEX-UPDATE-V1";
+constexpr char kReleaseKey[] = "release";
+constexpr char kSequenceKey[] = "sequence";
+constexpr char kFileKey[] = "file";
+constexpr std::size_t kMinLines = 4;
 constexpr std::size_t kReleaseLengthLimit = 64;
 
-constexpr std::wstring_view kNotLineText = L"The update manifest must be UTF-8 text with LF line endings.";
-constexpr std::wstring_view kIncomplete = L"The update manifest is incomplete.";
-constexpr std::wstring_view kHeaderInvalid = L"The update manifest header is invalid.";
-constexpr std::wstring_view kReleaseInvalid = L"The update manifest release is invalid.";
-constexpr std::wstring_view kSequenceInvalid = L"The update manifest sequence is invalid.";
-constexpr std::wstring_view kRowInvalid = L"The update manifest contains an invalid file row.";
-constexpr std::wstring_view kFileDataInvalid = L"The update manifest contains invalid file data.";
-constexpr std::wstring_view kDuplicatePath = L"The update manifest contains a duplicate path.";
-constexpr std::wstring_view kUpdaterState = L"The update manifest targets updater state.";
-constexpr std::wstring_view kReleaseTooLarge = L"The update manifest exceeds the release size limit.";
-constexpr std::wstring_view kTooManyFiles = L"The update manifest contains too many files.";
-constexpr std::wstring_view kNoFiles = L"The update manifest contains no files.";
+constexpr wchar_t kNotLineText[] = L"The update manifest must be UTF-8 text with LF line endings.";
+constexpr wchar_t kIncomplete[] = L"The update manifest is incomplete.";
+constexpr wchar_t kHeaderInvalid[] = L"The update manifest header is invalid.";
+constexpr wchar_t kReleaseInvalid[] = L"The update manifest release is invalid.";
+constexpr wchar_t kSequenceInvalid[] = L"The update manifest sequence is invalid.";
+constexpr wchar_t kRowInvalid[] = L"The update manifest contains an invalid file row.";
+constexpr wchar_t kFileDataInvalid[] = L"The update manifest contains invalid file data.";
+constexpr wchar_t kDuplicatePath[] = L"The update manifest contains a duplicate path.";
+constexpr wchar_t kUpdaterState[] = L"The update manifest targets updater state.";
+constexpr wchar_t kReleaseTooLarge[] = L"The update manifest exceeds the release size limit.";
+constexpr wchar_t kTooManyFiles[] = L"The update manifest contains too many files.";
+constexpr wchar_t kNoFiles[] = L"The update manifest contains no files.";
 
 bool IsAsciiAlphanumeric(char byte) {
   return (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') || (byte >= '0' && byte <= '9');
 }
 
-// A second look at what the path rules refuse already: this file alone must never let a manifest overwrite
-// the record by which the next one is judged.
-bool IsUpdaterState(std::wstring_view folded_path) {
-  return folded_path == L"talvexupdatestate.dat" || folded_path == L"talvexupdatefailure.dat" ||
-         folded_path == L"talvexupdatefailure.dat.new" || folded_path == L".talvex-update" ||
-         folded_path == L".talvex-update-cache" || folded_path.starts_with(L".talvex-update\\") ||
-         folded_path.starts_with(L".talvex-update-cache\\");
+// Repeats a check of the path rules: even without them, a manifest must never overwrite the record by which
+// the next one is judged.
+bool IsUpdaterState(std::wstring_view path) {
+  const std::wstring_view top = path.substr(0, path.find(L'\\'));
+  return EqualIgnoringAsciiCase(path, kInstalledStateFileName) ||
+         EqualIgnoringAsciiCase(path, kFailureMarkerFileName) ||
+         EqualIgnoringAsciiCase(path, TemporaryPath(kFailureMarkerFileName)) ||
+         EqualIgnoringAsciiCase(top, kWorkDirectoryName) || EqualIgnoringAsciiCase(top, kCacheDirectoryName);
 }
 
 // "file"  TAB  size  TAB  SHA-256  TAB  relative path
 bool ParseFileRow(std::string_view line, ManifestEntry& entry, UpdateError& error) {
   std::array<std::string_view, 4> fields;
-  if (!CutFields(line, fields) || fields[0] != kFileKey) {
+  if (!SplitFields(line, fields) || fields[0] != kFileKey) {
     return Refuse(error, kRowInvalid);
   }
   if (!ParseDecimalU64(fields[1], entry.size) || entry.size == 0 || entry.size > kManagedFileSizeLimit) {
@@ -71,14 +73,13 @@ bool ParseFileRows(std::string_view rows, Manifest& manifest, UpdateError& error
   std::uint64_t total_size = 0;
   while (!rows.empty()) {
     ManifestEntry entry;
-    if (!ParseFileRow(TakeLine(rows), entry, error)) {
+    if (!ParseFileRow(ConsumeLine(rows), entry, error)) {
       return false;
     }
-    const auto [folded_path, is_new] = seen_paths.insert(FoldAsciiCase(entry.normalised_path));
-    if (!is_new) {
+    if (!seen_paths.insert(FoldAsciiCase(entry.normalised_path)).second) {
       return Refuse(error, kDuplicatePath);
     }
-    if (IsUpdaterState(*folded_path)) {
+    if (IsUpdaterState(entry.normalised_path)) {
       return Refuse(error, kUpdaterState);
     }
     if (entry.size > kReleaseSizeLimit - total_size) {
@@ -106,18 +107,18 @@ bool ParseManifest(std::span<const std::byte> bytes, Manifest& manifest, UpdateE
     return Refuse(error, kIncomplete);
   }
   // line 1          the magic, the whole line
-  if (line_count < kLeastLines || TakeLine(text) != kMagic) {
+  if (line_count < kMinLines || ConsumeLine(text) != kMagic) {
     return Refuse(error, kHeaderInvalid);
   }
   // line 2          "release"   TAB  identifier
   std::string_view release;
-  if (!CutKeyedValue(TakeLine(text), kReleaseKey, release) || !IsReleaseIdentifier(release)) {
+  if (!ParseKeyedValue(ConsumeLine(text), kReleaseKey, release) || !IsReleaseIdentifier(release)) {
     return Refuse(error, kReleaseInvalid);
   }
   manifest.release = release;
   // line 3          "sequence"  TAB  decimal, not 0
   std::string_view sequence;
-  if (!CutKeyedValue(TakeLine(text), kSequenceKey, sequence) ||
+  if (!ParseKeyedValue(ConsumeLine(text), kSequenceKey, sequence) ||
       !ParseDecimalU64(sequence, manifest.sequence) || manifest.sequence == 0) {
     return Refuse(error, kSequenceInvalid);
   }

@@ -7,7 +7,7 @@
 //   sequence  TAB  decimal, not 0
 //   file      TAB  size  TAB  SHA-256  TAB  relative path        1 to 1,024 such lines
 //
-// Everything the helper knows about client files it knows from here.
+// All that the helper knows about client files comes from here.
 
 #include <cstddef>
 #include <cstdint>
@@ -22,15 +22,11 @@
 namespace talvex {
 
 inline constexpr std::uint32_t kManifestSizeLimit = 4'194'304;  // bytes
-// The signature file beside it is longer than one RSA-3072 block only when it is wrong.
+// Generous: a valid signature file is one RSA-3072 block.
 inline constexpr std::uint32_t kSignatureSizeLimit = 1'024;  // bytes
 inline constexpr std::size_t kManifestFileLimit = 1'024;
 inline constexpr std::uint64_t kManagedFileSizeLimit = 8'589'934'592;  // bytes, 2^33
 inline constexpr std::uint64_t kReleaseSizeLimit = 17'179'869'184;     // bytes, 2^34
-
-// How the pair is named wherever it lies: staged, cached, downloaded.
-inline constexpr std::wstring_view kManifestFileName = L"manifest.txt";
-inline constexpr std::wstring_view kSignatureFileName = L"manifest.sig";
 
 struct ManifestEntry {
   std::uint64_t size = 0;  // bytes; from 1 in a parsed manifest
@@ -47,9 +43,9 @@ struct Manifest {
   std::vector<ManifestEntry> entries;
 };
 
-// Parses the bytes of a manifest file and computes their digest. Call it only with bytes whose signature was
-// verified (VerifySignedManifest does both). A failure may leave fields parsed so far in `manifest`; it must
-// not be used. Messages, in the order of the checks:
+// Parses the bytes of a manifest file and computes their digest. The helper calls it only with bytes whose
+// signature has been verified (VerifySignedManifest does both). A failure may leave fields parsed so far in
+// `manifest`; it must not be used. Messages, in the order of the checks:
 //   "The update manifest must be UTF-8 text with LF line endings."
 //   "The update manifest is incomplete."
 //   "The update manifest header is invalid."        also when there is no file line
@@ -66,15 +62,15 @@ struct Manifest {
 //   that of Sha256OfBuffer
 [[nodiscard]] bool ParseManifest(std::span<const std::byte> bytes, Manifest& manifest, UpdateError& error);
 
-// The file text of `manifest`, whose digest and normalised paths play no part. Nothing is judged: the parser
-// does that.
+// The file text of `manifest`, whose digest and normalised paths are ignored. Does not validate; the parser
+// does.
 [[nodiscard]] std::string FormatManifest(const Manifest& manifest);
 
 // 1 to 64 of A-Z a-z 0-9 . _ -, the first a letter or digit, the last anything but a dot.
 [[nodiscard]] bool IsReleaseIdentifier(std::string_view text) noexcept;
 
-// The entry whose normalised path equals `normalised_path`, or null. The first finds it exactly, case
-// included, as the rollback demands; the second ignores the case of A to Z, as the plan does.
+// The entry whose normalised path equals `normalised_path`, or null. The first compares exactly, case
+// included, as the rollback requires; the second ignores the case of A to Z, as the plan does.
 [[nodiscard]] const ManifestEntry* FindManifestEntry(const Manifest& manifest,
                                                      std::wstring_view normalised_path) noexcept;
 [[nodiscard]] const ManifestEntry* FindManifestEntryIgnoringCase(const Manifest& manifest,

@@ -7,38 +7,39 @@
 
 #include "core/ascii_case.h"
 #include "core/text_encoding.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
 
 constexpr std::size_t kPathLimit = 220;  // bytes
 constexpr std::size_t kSegmentLimit = 100;
-constexpr std::wstring_view kForbiddenInSegment = L"<>:\"|?*";
+constexpr wchar_t kForbiddenInSegment[] = L"<>:\"|?*";
 
-constexpr std::wstring_view kUnsafePath = L"The update manifest contains an unsafe relative path.";
-constexpr std::wstring_view kOutsideAscii =
-    L"The update manifest path is outside the supported ASCII file-name set.";
-constexpr std::wstring_view kNotUtf8 = L"The update manifest path is not valid UTF-8.";
-constexpr std::wstring_view kUnsafeSegment = L"The update manifest contains an unsafe path segment.";
-constexpr std::wstring_view kForbidden = L"The update manifest path contains a forbidden character.";
-constexpr std::wstring_view kUpdaterState = L"The update manifest path targets updater state.";
+constexpr wchar_t kUnsafePath[] = L"The update manifest contains an unsafe relative path.";
+constexpr wchar_t kOutsideAscii[] = L"The update manifest path is outside the supported ASCII file-name set.";
+constexpr wchar_t kNotUtf8[] = L"The update manifest path is not valid UTF-8.";
+constexpr wchar_t kUnsafeSegment[] = L"The update manifest contains an unsafe path segment.";
+constexpr wchar_t kForbidden[] = L"The update manifest path contains a forbidden character.";
+constexpr wchar_t kUpdaterState[] = L"The update manifest path targets updater state.";
 
+// The updater's own paths: a name in the client root, and what follows it. The state file's temporary names
+// contain a process id and are therefore matched by prefix; the failure marker has only one temporary name.
 enum class Match { kWhole, kPrefix };
-struct UpdaterName {
+struct UpdaterPath {
   Match match;
   std::wstring_view name;
+  std::wstring_view rest;
 };
-// Folded to lower case. The state file's temporary names carry a process id and so are matched by their
-// beginning; the failure marker has one temporary name only.
-constexpr std::array<UpdaterName, 8> kUpdaterNames = {{
-    {Match::kWhole, L"talvexupdatestate.dat"},
-    {Match::kPrefix, L"talvexupdatestate.dat.new"},
-    {Match::kWhole, L"talvexupdatefailure.dat"},
-    {Match::kWhole, L"talvexupdatefailure.dat.new"},
-    {Match::kWhole, L".talvex-update"},
-    {Match::kPrefix, L".talvex-update\\"},
-    {Match::kWhole, L".talvex-update-cache"},
-    {Match::kPrefix, L".talvex-update-cache\\"},
+constexpr std::array<UpdaterPath, 8> kUpdaterPaths = {{
+    {Match::kWhole, kInstalledStateFileName, L""},
+    {Match::kPrefix, kInstalledStateFileName, kTemporarySuffix},
+    {Match::kWhole, kFailureMarkerFileName, L""},
+    {Match::kWhole, kFailureMarkerFileName, kTemporarySuffix},
+    {Match::kWhole, kWorkDirectoryName, L""},
+    {Match::kPrefix, kWorkDirectoryName, L"\\"},
+    {Match::kWhole, kCacheDirectoryName, L""},
+    {Match::kPrefix, kCacheDirectoryName, L"\\"},
 }};
 
 bool IsAllowedByte(char byte) {
@@ -51,20 +52,28 @@ bool ValidateSegment(std::wstring_view segment, UpdateError& error) {
       segment.back() == L'.' || segment.back() == L' ' || IsReservedDeviceName(segment)) {
     return Refuse(error, kUnsafeSegment);
   }
-  // Unreachable behind the byte set above; kept, so that widening that set can never admit these.
+  // Unreachable because of the byte set above; kept so that widening that set can never admit these.
   if (std::any_of(segment.begin(), segment.end(), [](wchar_t unit) {
-        return unit < 0x20 || kForbiddenInSegment.find(unit) != std::wstring_view::npos;
+        return unit < 0x20 || std::wstring_view(kForbiddenInSegment).find(unit) != std::wstring_view::npos;
       })) {
     return Refuse(error, kForbidden);
   }
   return true;
 }
 
+bool Matches(std::wstring_view path, const UpdaterPath& updater) {
+  const std::size_t name_length = updater.name.size();
+  if (!EqualIgnoringAsciiCase(path.substr(0, name_length), updater.name)) {
+    return false;
+  }
+  const std::wstring_view rest = path.substr(name_length);
+  return EqualIgnoringAsciiCase(updater.match == Match::kWhole ? rest : rest.substr(0, updater.rest.size()),
+                                updater.rest);
+}
+
 bool TargetsUpdaterState(std::wstring_view normalised_path) {
-  const std::wstring folded = FoldAsciiCase(normalised_path);
-  return std::any_of(kUpdaterNames.begin(), kUpdaterNames.end(), [&](const UpdaterName& updater) {
-    return updater.match == Match::kWhole ? folded == updater.name : folded.starts_with(updater.name);
-  });
+  return std::any_of(kUpdaterPaths.begin(), kUpdaterPaths.end(),
+                     [&](const UpdaterPath& updater) { return Matches(normalised_path, updater); });
 }
 
 bool ValidateSegments(std::wstring_view normalised_path, UpdateError& error) {

@@ -1,8 +1,8 @@
 #pragma once
 
-// Which relative paths the helper may touch. One set of rules, with one set of messages, for manifests,
-// plans, journals and the command line. It is narrower than what Windows allows: a path that passes means
-// the same file on every Windows, in every locale, and never the updater's own state.
+// Which relative paths the helper may touch: one set of rules and messages for manifests, plans, journals and
+// the command line. It is stricter than Windows: a path that passes means the same file on every Windows, in
+// every locale, and never the updater's own state.
 
 #include <string>
 #include <string_view>
@@ -11,8 +11,8 @@
 
 namespace talvex {
 
-// Judges `path`, UTF-8 with "/" between segments, and yields it in `normalised_path` with "\" instead, letter
-// case kept. A failure leaves `normalised_path` empty. Messages, in the order of the rules:
+// Validates `path`, UTF-8 with "/" between segments, and returns it in `normalised_path` with "\" instead,
+// letter case kept. A failure leaves `normalised_path` empty. Messages, in the order of the rules:
 //   "The update manifest contains an unsafe relative path."
 //   "The update manifest path is outside the supported ASCII file-name set."
 //   "The update manifest path is not valid UTF-8."

@@ -10,38 +10,40 @@
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/relative_path.h"
+#include "formats/signed_manifest.h"
 #include "formats/text_lines.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
 
-constexpr std::string_view kMagic = "TALVEX-ROLLBACK-V1";
-constexpr std::string_view kDigestKey = "manifest-sha256";
-constexpr std::string_view kStateKey = "previous-state";
-constexpr std::string_view kCacheManifestKey = "previous-cache-manifest";
-constexpr std::string_view kCacheSignatureKey = "previous-cache-signature";
-constexpr std::string_view kInstallKind = "file";
-constexpr std::string_view kRetireKind = "delete";
-constexpr std::size_t kLeastLines = 6;
-constexpr std::wstring_view kTemporarySuffix = L".new";
+constexpr char kMagic[] = "TALVEX-ROLLBACK-V1";
+constexpr char kDigestKey[] = "manifest-sha256";
+constexpr char kStateKey[] = "previous-state";
+constexpr char kCacheManifestKey[] = "previous-cache-manifest";
+constexpr char kCacheSignatureKey[] = "previous-cache-signature";
+constexpr char kInstallKind[] = "file";
+constexpr char kRetireKind[] = "delete";
+constexpr std::size_t kMinLines = 6;
 
-constexpr std::wstring_view kEncodingInvalid = L"The update rollback journal has an invalid encoding.";
-constexpr std::wstring_view kIncomplete = L"The update rollback journal is incomplete.";
-constexpr std::wstring_view kFormatInvalid = L"The update rollback journal has an invalid format.";
-constexpr std::wstring_view kDigestInvalid = L"The update rollback journal has an invalid manifest digest.";
-constexpr std::wstring_view kFlagsInvalid = L"The update rollback journal has invalid previous-state flags.";
-constexpr std::wstring_view kRowInvalid = L"The update rollback journal has an invalid file row.";
-constexpr std::wstring_view kDuplicateFile = L"The update rollback journal contains a duplicate file.";
-constexpr std::wstring_view kCountInvalid = L"The update rollback journal has an invalid file count.";
-constexpr std::wstring_view kUnsafeFile = L"The update rollback journal contains an unsafe file.";
-constexpr std::wstring_view kTooLarge = L"The update rollback journal is too large.";
-constexpr std::wstring_view kSaveFailed = L"Could not save the update rollback journal";
+constexpr wchar_t kEncodingInvalid[] = L"The update rollback journal has an invalid encoding.";
+constexpr wchar_t kIncomplete[] = L"The update rollback journal is incomplete.";
+constexpr wchar_t kFormatInvalid[] = L"The update rollback journal has an invalid format.";
+constexpr wchar_t kDigestInvalid[] = L"The update rollback journal has an invalid manifest digest.";
+constexpr wchar_t kFlagsInvalid[] = L"The update rollback journal has invalid previous-state flags.";
+constexpr wchar_t kRowInvalid[] = L"The update rollback journal has an invalid file row.";
+constexpr wchar_t kDuplicateFile[] = L"The update rollback journal contains a duplicate file.";
+constexpr wchar_t kCountInvalid[] = L"The update rollback journal has an invalid file count.";
+constexpr wchar_t kUnsafeFile[] = L"The update rollback journal contains an unsafe file.";
+constexpr wchar_t kTooLarge[] = L"The update rollback journal is too large.";
+constexpr wchar_t kSaveFailed[] = L"Could not save the update rollback journal";
+constexpr wchar_t kRecoveryManifestInvalid[] = L"The rollback recovery manifest is invalid.";
 
-// The paths met so far, folded per unit with the runtime's mapping (not with the A to Z folding of the other
-// formats).
+// The paths seen so far, folded per code unit with the runtime's mapping (not with the A to Z folding of the
+// other formats).
 class SeenPaths {
  public:
-  // False when the path was met before.
+  // False when the path was seen before.
   [[nodiscard]] bool Add(std::wstring path) {
     std::transform(path.begin(), path.end(), path.begin(),
                    [](wchar_t unit) { return static_cast<wchar_t>(std::towlower(unit)); });
@@ -62,7 +64,7 @@ bool ParseFlag(std::string_view text, bool& flag) {
 }
 
 bool ParseKeyedFlag(std::string_view line, std::string_view key, bool& flag) {
-  return TakeKey(line, key) && ParseFlag(line, flag);
+  return ConsumeKey(line, key) && ParseFlag(line, flag);
 }
 
 bool IsValidCount(std::size_t count) {
@@ -72,7 +74,7 @@ bool IsValidCount(std::size_t count) {
 // kind  TAB  existed flag  TAB  relative path
 bool ParseRow(std::string_view line, RollbackEntry& entry, UpdateError& error) {
   std::array<std::string_view, 3> fields;
-  if (!CutFields(line, fields) || (fields[0] != kInstallKind && fields[0] != kRetireKind) ||
+  if (!SplitFields(line, fields) || (fields[0] != kInstallKind && fields[0] != kRetireKind) ||
       !ParseFlag(fields[1], entry.existed)) {
     return Refuse(error, kRowInvalid);
   }
@@ -109,25 +111,25 @@ bool ParseRollbackJournalText(std::string_view text, RollbackJournal& journal, U
     return Refuse(error, kIncomplete);
   }
   // line 1          the magic, the whole line
-  if (line_count < kLeastLines || TakeLine(text) != kMagic) {
+  if (line_count < kMinLines || ConsumeLine(text) != kMagic) {
     return Refuse(error, kFormatInvalid);
   }
   // line 2          "manifest-sha256"  TAB  digest
-  std::string_view digest_text = TakeLine(text);
-  if (!TakeKey(digest_text, kDigestKey) || !ParseHexDigest(digest_text, journal.manifest_digest)) {
+  std::string_view digest_text = ConsumeLine(text);
+  if (!ConsumeKey(digest_text, kDigestKey) || !ParseHexDigest(digest_text, journal.manifest_digest)) {
     return Refuse(error, kDigestInvalid);
   }
   // lines 3 to 5    the previous-state flags
-  if (!ParseKeyedFlag(TakeLine(text), kStateKey, journal.previous_state) ||
-      !ParseKeyedFlag(TakeLine(text), kCacheManifestKey, journal.previous_cache_manifest) ||
-      !ParseKeyedFlag(TakeLine(text), kCacheSignatureKey, journal.previous_cache_signature)) {
+  if (!ParseKeyedFlag(ConsumeLine(text), kStateKey, journal.previous_state) ||
+      !ParseKeyedFlag(ConsumeLine(text), kCacheManifestKey, journal.previous_cache_manifest) ||
+      !ParseKeyedFlag(ConsumeLine(text), kCacheSignatureKey, journal.previous_cache_signature)) {
     return Refuse(error, kFlagsInvalid);
   }
   // line 6 and on   file rows
   SeenPaths seen_paths;
   while (!text.empty()) {
     RollbackEntry entry;
-    if (!ParseRow(TakeLine(text), entry, error)) {
+    if (!ParseRow(ConsumeLine(text), entry, error)) {
       return false;
     }
     if (!seen_paths.Add(entry.wide_path)) {
@@ -135,7 +137,7 @@ bool ParseRollbackJournalText(std::string_view text, RollbackJournal& journal, U
     }
     journal.entries.push_back(std::move(entry));
   }
-  return IsValidCount(journal.entries.size()) ? true : Refuse(error, kCountInvalid);
+  return IsValidCount(journal.entries.size()) || Refuse(error, kCountInvalid);
 }
 
 bool FormatRollbackJournal(const RollbackJournal& journal, std::string& text, UpdateError& error) {
@@ -154,13 +156,13 @@ bool FormatRollbackJournal(const RollbackJournal& journal, std::string& text, Up
   if (!AppendRows(journal, text, error)) {
     return false;
   }
-  return text.size() <= kJournalSizeLimit ? true : Refuse(error, kTooLarge);
+  return text.size() <= kJournalSizeLimit || Refuse(error, kTooLarge);
 }
 
 bool SaveRollbackJournal(const std::wstring& path, const RollbackJournal& journal, UpdateError& error) {
   std::string text;
   return FormatRollbackJournal(journal, text, error) &&
-         ReplaceWholeFile(path, path + std::wstring(kTemporarySuffix), AsBytes(text), kSaveFailed,
+         ReplaceWholeFile(path, TemporaryPath(path), AsBytes(text), kSaveFailed,
                           MoveFailureText::kPrefixOfWindowsText, error);
 }
 
@@ -169,6 +171,19 @@ bool ParseRollbackJournal(const std::wstring& path, RollbackJournal& journal, Up
   ByteBuffer bytes;
   return ReadWholeFile(path, kJournalSizeLimit, bytes, error) &&
          ParseRollbackJournalText(AsText(bytes), journal, error);
+}
+
+bool VerifyRecoveryManifest(const std::wstring& previous_directory, const RollbackJournal& journal,
+                            std::span<const std::byte> key_blob, Manifest& recovery_manifest,
+                            UpdateError& error) {
+  recovery_manifest = {};
+  SignedManifest kept;
+  if (!LoadSignedManifest(RecoveryPair(previous_directory), key_blob, kept, error) ||
+      !DigestsEqual(kept.manifest.digest, journal.manifest_digest)) {
+    return RefuseUnlessExplained(error, kRecoveryManifestInvalid);
+  }
+  recovery_manifest = std::move(kept.manifest);
+  return true;
 }
 
 }  // namespace talvex

@@ -1,8 +1,8 @@
 #pragma once
 
 // The rollback journal: the one record with which a later run of the helper can undo an update. A journal on
-// disk promises that everything it refers to has been saved. It carries no proof of its own; each row is
-// believed only after it was found in a signed manifest.
+// disk promises that everything it refers to has been saved. It is not signed itself; each row is trusted
+// only after it was found in a signed manifest.
 //
 //   TALVEX-ROLLBACK-V1
 //   manifest-sha256           TAB  64 lowercase hexadecimal characters
@@ -15,12 +15,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "core/sha256_digest.h"
 #include "core/update_error.h"
+#include "formats/manifest.h"
 
 namespace talvex {
 
@@ -37,7 +39,7 @@ struct RollbackEntry {
 // No two entries share a path, case ignored.
 struct RollbackJournal {
   Sha256Digest manifest_digest;  // of the release being installed
-  // Whether the file existed before the update; a recovery copy of it was then made.
+  // Whether the file existed before the update and so has a recovery copy.
   bool previous_state = false;
   bool previous_cache_manifest = false;
   bool previous_cache_signature = false;
@@ -57,8 +59,8 @@ struct RollbackJournal {
 [[nodiscard]] bool ParseRollbackJournalText(std::string_view text, RollbackJournal& journal,
                                             UpdateError& error);
 
-// Yields the file text of `journal`, once the parser is sure to accept it; after a failure `text` must not be
-// used. Messages: those of ValidateRelativePath, and
+// Sets `text` to the file text of `journal`, after checking that the parser will accept it; after a failure
+// `text` must not be used. Messages: those of ValidateRelativePath, and
 //   "The update rollback journal has an invalid file count."
 //   "The update rollback journal contains an unsafe file."      the two forms of an entry's path differ
 //   "The update rollback journal contains a duplicate file."
@@ -76,5 +78,13 @@ struct RollbackJournal {
 // and ParseRollbackJournalText.
 [[nodiscard]] bool ParseRollbackJournal(const std::wstring& path, RollbackJournal& journal,
                                         UpdateError& error);
+
+// Reads the manifest that the update kept beside its journal in `previous_directory`, and verifies its
+// signature with `key_blob` and that it is the one that `journal` belongs to. Messages: those of
+// LoadSignedManifest, and
+//   "The rollback recovery manifest is invalid."
+[[nodiscard]] bool VerifyRecoveryManifest(const std::wstring& previous_directory,
+                                          const RollbackJournal& journal, std::span<const std::byte> key_blob,
+                                          Manifest& recovery_manifest, UpdateError& error);
 
 }  // namespace talvex

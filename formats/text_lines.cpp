@@ -14,23 +14,23 @@ bool CountLines(std::string_view text, std::size_t& count) noexcept {
   return text.empty() || text.back() == '\n';
 }
 
-std::string_view TakeLine(std::string_view& rest) noexcept {
+std::string_view ConsumeLine(std::string_view& rest) noexcept {
   const std::size_t end = rest.find('\n');
   const std::string_view line = rest.substr(0, end);
   rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
   return line;
 }
 
-bool CutKeyedValue(std::string_view line, std::string_view key, std::string_view& value) noexcept {
+bool ParseKeyedValue(std::string_view line, std::string_view key, std::string_view& value) noexcept {
   std::array<std::string_view, 2> pair;
-  if (!CutFields(line, pair) || pair[0] != key) {
+  if (!SplitFields(line, pair) || pair[0] != key) {
     return false;
   }
   value = pair[1];
   return true;
 }
 
-bool TakeKey(std::string_view& line, std::string_view key) noexcept {
+bool ConsumeKey(std::string_view& line, std::string_view key) noexcept {
   if (!line.starts_with(key) || line.size() == key.size() || line[key.size()] != '\t') {
     return false;
   }

@@ -8,26 +8,15 @@
 #include "core/regular_file.h"
 #include "formats/signed_manifest.h"
 #include "storage/client_root.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
 
-constexpr std::wstring_view kTemporarySuffix = L".new";
-
-constexpr std::wstring_view kNoCache = L"No verified update cache is available.";
-constexpr std::wstring_view kSaveFailed = L"Could not save the verified update cache";
-constexpr std::wstring_view kOlderRelease =
-    L"The update server offered an older release. The update was rejected.";
-constexpr std::wstring_view kChangedRelease =
-    L"The update server changed a release without increasing its sequence.";
-
-struct CacheFile {
-  CacheFile(const std::wstring& directory, std::wstring_view name)
-      : path(JoinPath(directory, name)), temporary_path(path + std::wstring(kTemporarySuffix)) {}
-
-  std::wstring path;
-  std::wstring temporary_path;
-};
+constexpr wchar_t kNoCache[] = L"No verified update cache is available.";
+constexpr wchar_t kSaveFailed[] = L"Could not save the verified update cache";
+constexpr wchar_t kOlderRelease[] = L"The update server offered an older release. The update was rejected.";
+constexpr wchar_t kChangedRelease[] = L"The update server changed a release without increasing its sequence.";
 
 }  // namespace
 
@@ -35,41 +24,36 @@ bool LoadVerifiedCache(std::wstring_view client_root, ByteBuffer& manifest_bytes
                        UpdateError& error) {
   manifest_bytes.clear();
   signature.clear();
-  const std::wstring directory = JoinPath(client_root, kCacheDirectoryName);
+  const std::wstring directory = CacheDirectory(client_root);
   if (!IsRealDirectory(directory)) {
     return Refuse(error, kNoCache);
   }
-  if (!ReadWholeFile(JoinPath(directory, kManifestFileName), kManifestSizeLimit, manifest_bytes, error) ||
-      !ReadWholeFile(JoinPath(directory, kSignatureFileName), kSignatureSizeLimit, signature, error)) {
-    manifest_bytes.clear();
-    return false;
-  }
-  return true;
+  return ReadSignedPair(SignedPairIn(directory), manifest_bytes, signature, error);
 }
 
-// Two files move here where ReplaceWholeFile moves one: both are written before either is moved, so that a
-// full disk leaves the old pair whole.
+// ReplaceWholeFile for two files: both are written before either is moved, so that a full disk leaves the old
+// pair intact.
 bool SaveVerifiedCache(std::wstring_view client_root, std::span<const std::byte> manifest_bytes,
                        std::span<const std::byte> signature, UpdateError& error) {
   std::wstring directory;
-  if (!CreateUpdateDirectory(client_root, kCacheDirectoryName, directory, error)) {
+  if (!CreateUpdateDirectory(client_root, CacheDirectory(L""), directory, error)) {
     return false;
   }
-  const CacheFile manifest_file(directory, kManifestFileName);
-  const CacheFile signature_file(directory, kSignatureFileName);
-  DeleteTemporaryFile(manifest_file.temporary_path);  // left by a run that died; its name has to be free
-  DeleteTemporaryFile(signature_file.temporary_path);
+  const SignedPairPaths pair = SignedPairIn(directory);
+  const SignedPairPaths temporary = {TemporaryPath(pair.manifest), TemporaryPath(pair.signature)};
+  DeleteTemporaryFile(temporary.manifest);  // left by a run that died; WriteNewFile fails if the name exists
+  DeleteTemporaryFile(temporary.signature);
 
-  bool saved = WriteNewFile(manifest_file.temporary_path, manifest_bytes, error) &&
-               WriteNewFile(signature_file.temporary_path, signature, error);
-  if (saved && !(MoveIntoPlace(signature_file.temporary_path, signature_file.path) &&
-                 MoveIntoPlace(manifest_file.temporary_path, manifest_file.path))) {
+  bool saved = WriteNewFile(temporary.manifest, manifest_bytes, error) &&
+               WriteNewFile(temporary.signature, signature, error);
+  if (saved && !(MoveIntoPlace(temporary.signature, pair.signature) &&
+                 MoveIntoPlace(temporary.manifest, pair.manifest))) {
     SetWindowsError(error, kSaveFailed, GetLastError());
     saved = false;
   }
   if (!saved) {
-    DeleteTemporaryFile(manifest_file.temporary_path);
-    DeleteTemporaryFile(signature_file.temporary_path);
+    DeleteTemporaryFile(temporary.manifest);
+    DeleteTemporaryFile(temporary.signature);
   }
   return saved;
 }

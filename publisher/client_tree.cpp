@@ -10,38 +10,30 @@
 #include "core/ascii_case.h"
 #include "core/owned_handle.h"
 #include "core/text_encoding.h"
-#include "formats/failure_marker.h"
-#include "formats/installed_state.h"
 #include "formats/manifest.h"
 #include "formats/relative_path.h"
-#include "formats/verified_cache.h"
 #include "storage/client_root.h"
 #include "storage/directory_listing.h"
-#include "storage/work_storage.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
 
-// Windows' limits for the full path of a file, and of a directory, which leaves room for a short file name.
+// Windows limits for the full path of a file, and of a directory, which leave room for a short file name.
 constexpr std::size_t kFullPathLimit = 259;
 constexpr std::size_t kFullDirectoryPathLimit = 247;
-// The full path of a staged file consists of the client directory, the work directory, the digest of the
-// manifest, "files" and the relative path, a separator between each two. What stands between the first and
-// the last has this length.
-constexpr std::size_t kStagedPathOverhead =
-    1 + kWorkDirectoryName.size() + 1 + kDigestHexLength + 1 + std::wstring_view(L"files").size() + 1;
-constexpr std::size_t kShortestClientDirectory = 4;  // "C:\a"; the root of a drive is none
+constexpr std::size_t kShortestClientDirectory = 4;  // "C:\a"; a drive root is not allowed
 
-constexpr std::wstring_view kLink = L"is a link or another kind of reparse point.";
-constexpr std::wstring_view kHardLinks = L"has more than one hard link.";
-constexpr std::wstring_view kEmptyFile = L"is empty, and the updater cannot manage empty files.";
-constexpr std::wstring_view kTooLarge = L"is larger than 8 GiB.";
-constexpr std::wstring_view kUnreadable = L"cannot be opened.";
-constexpr std::wstring_view kTooLongToStage = L"is too long a path to be staged in any client directory.";
-constexpr std::wstring_view kSameButCase = L"differs from another path only in the case of letters.";
-constexpr std::wstring_view kListingFailed = L"Could not list ";
+constexpr wchar_t kLink[] = L"is a link or another kind of reparse point.";
+constexpr wchar_t kHardLinks[] = L"has more than one hard link.";
+constexpr wchar_t kEmptyFile[] = L"is empty, and the updater cannot manage empty files.";
+constexpr wchar_t kTooLarge[] = L"is larger than 8 GiB.";
+constexpr wchar_t kUnreadable[] = L"cannot be opened.";
+constexpr wchar_t kTooLongToStage[] = L"is too long a path to be staged in any client directory.";
+constexpr wchar_t kSameButCase[] = L"differs from another path only in the case of letters.";
+constexpr wchar_t kListingFailed[] = L"Could not list ";
 
-// A client directory that was updated before holds the updater's records; they belong to no release.
+// A client directory that was updated before contains the updater's records; they belong to no release.
 bool IsUpdatersOwn(std::wstring_view name) {
   const std::wstring folded = FoldAsciiCase(name);
   return folded.starts_with(FoldAsciiCase(kInstalledStateFileName)) ||
@@ -51,17 +43,17 @@ bool IsUpdatersOwn(std::wstring_view name) {
 
 // The longest client directory in which a file with this relative path can be staged; 0 when there is none.
 std::size_t LongestClientDirectoryFor(std::wstring_view relative_path) {
-  const std::size_t file = kStagedPathOverhead + relative_path.size();
-  const std::size_t parent = ParentOfRelativePath(relative_path).size();
-  const std::size_t directory =
-      kStagedPathOverhead + parent - (parent == 0 ? 1 : 0);  // no separator at its end
+  const std::wstring staged_path = JoinPath(FilesDirectory(StageRoot(L"", Sha256Digest{})), relative_path);
+  // The part after the client directory, separator included.
+  const std::size_t file = 1 + staged_path.size();
+  const std::size_t directory = 1 + ParentOfRelativePath(staged_path).size();
   return file >= kFullPathLimit || directory >= kFullDirectoryPathLimit
              ? 0
              : std::min(kFullPathLimit - file, kFullDirectoryPathLimit - directory);
 }
 
-// Why the file cannot be part of a release; empty when it can.
-std::wstring_view JudgeFile(const std::wstring& full_path, std::uint64_t& size) {
+// The reason why the file cannot be part of a release; empty when it can.
+std::wstring_view CheckFile(const std::wstring& full_path, std::uint64_t& size) {
   const OwnedHandle file(CreateFileW(full_path.c_str(), FILE_READ_ATTRIBUTES,
                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                      OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
@@ -99,8 +91,7 @@ class TreeWalk {
     // A listing that ended early would publish a release with files missing.
     const DWORD code = listing.OpenError() != ERROR_SUCCESS ? listing.OpenError() : listing.EndError();
     if (code != ERROR_SUCCESS) {
-      SetWindowsError(error, std::wstring(kListingFailed) + full_path, code);
-      return false;
+      return RefuseWithWindowsError(error, (kListingFailed + full_path).c_str(), code);
     }
     return true;
   }
@@ -118,7 +109,7 @@ class TreeWalk {
     ClientFile file;
     file.path = WideToUtf8(path);
     std::replace(file.path.begin(), file.path.end(), '\\', '/');
-    // A refused directory is not walked: one line about it says more than one about each of its files.
+    // A rejected directory is not walked: one line about it is clearer than one about each of its files.
     std::wstring normalised_path;
     UpdateError reason;
     if (!ValidateRelativePath(file.path, normalised_path, reason)) {
@@ -133,11 +124,11 @@ class TreeWalk {
       return true;
     }
     file.full_path = JoinPath(client_directory_, path);
-    if (const std::wstring_view reason_to_refuse = JudgeFile(file.full_path, file.size);
+    if (const std::wstring_view reason_to_refuse = CheckFile(file.full_path, file.size);
         !reason_to_refuse.empty()) {
       RefusePath(path, reason_to_refuse);
     } else if (!folded_paths_.insert(FoldAsciiCase(path)).second) {
-      RefusePath(path, kSameButCase);  // seen where the tree lies on a file system that tells case apart
+      RefusePath(path, kSameButCase);  // happens when the tree is on a case-sensitive file system
     } else {
       tree_.files.push_back(std::move(file));
     }

@@ -17,7 +17,7 @@ void WriteLine(Stream stream, std::wstring_view line) {
     WriteConsoleW(output, text.data(), static_cast<DWORD>(length), &written, nullptr);
     return;
   }
-  // Not WideToUtf8: its strictness would swallow the whole line.
+  // Not WideToUtf8, whose strictness would drop the whole line.
   const int size = WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
   std::string utf8(static_cast<std::size_t>(size), '\0');
   WideCharToMultiByte(CP_UTF8, 0, text.data(), length, utf8.data(), size, nullptr, nullptr);

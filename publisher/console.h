@@ -6,11 +6,11 @@
 
 namespace talvex {
 
-// Standard output is for results, standard error for progress and for what is wrong.
+// Standard output is for results, standard error for progress and errors.
 enum class Stream { kOutput, kError };
 
 // Writes `line` and a line end. What cannot be written (a closed pipe) is lost. A name that is not valid
-// UTF-16 is shown with replacement characters: a refusal has to name the file it refuses.
+// UTF-16 is shown with replacement characters: an error must name the file that it is about.
 void WriteLine(Stream stream, std::wstring_view line);
 
 }  // namespace talvex

@@ -1,4 +1,4 @@
-// TalvexPublish.exe: describes a client directory as a release, and proves a signed release. It never sees
+// TalvexPublish.exe: describes a client directory as a release, and verifies a signed release. It never sees
 // the private key: signing is done elsewhere, with openssl, between the two commands.
 
 #include <windows.h>
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/ascii_case.h"
+#include "core/local_memory.h"
 #include "core/regular_file.h"
 #include "core/system_library.h"
 #include "core/text_encoding.h"
@@ -23,15 +24,16 @@
 #include "publisher/public_key_file.h"
 #include "publisher/release_manifest.h"
 #include "storage/client_root.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
 
 constexpr int kDone = 0;
 constexpr int kFailed = 1;
-constexpr int kUnusable = 2;
+constexpr int kExitUsage = 2;
 
-constexpr std::wstring_view kHelp =
+constexpr wchar_t kHelp[] =
     L"TalvexPublish.exe manifest --release ID --sequence N --out DIR CLIENT_DIR\n"
     L"    Writes DIR\\manifest.txt, which describes every file below CLIENT_DIR. The updater's own files at\n"
     L"    its top are left out. ID is the name that players see, N a number that grows with every release.\n"
@@ -46,7 +48,7 @@ constexpr std::wstring_view kHelp =
     L"these.";
 
 // The files without which the helper cannot install a release, in exactly this spelling.
-constexpr std::wstring_view kNeededFiles[] = {L"Talvex.exe", L"TalvexUpdateHelper.exe"};
+constexpr std::wstring_view kNeededFiles[] = {kClientFileName, kHelperFileName};
 
 struct CommandLine {
   std::wstring release;
@@ -57,7 +59,7 @@ struct CommandLine {
 };
 
 // Every word after the command is an option with its value or the one directory. False when it is neither, or
-// comes twice.
+// occurs twice.
 bool ReadOptions(std::span<wchar_t* const> words, CommandLine& options) {
   struct Option {
     std::wstring_view name;
@@ -94,7 +96,7 @@ int Fail(std::wstring_view message) {
 int MisusedCommandLine(std::wstring_view message) {
   WriteLine(Stream::kError, message);
   WriteLine(Stream::kError, L"TalvexPublish.exe --help tells how it is used.");
-  return kUnusable;
+  return kExitUsage;
 }
 
 std::wstring Describe(const Manifest& manifest) {
@@ -157,9 +159,9 @@ int MakeManifest(const CommandLine& options) {
     return Fail(L"The release was not published: " + std::to_wstring(tree.refusals.size()) +
                 L" of its files or directories cannot be part of a release.");
   }
-  CreateDirectoryW(out.c_str(), nullptr);  // the write below tells what is wrong
+  CreateDirectoryW(out.c_str(), nullptr);  // a failure shows in the write below
   Manifest manifest;
-  const std::wstring path = JoinPath(out, kManifestFileName);
+  const std::wstring path = SignedPairIn(out).manifest;
   if (!WriteReleaseManifest(tree, release, sequence, path, manifest, error)) {
     return Fail(error.Message());
   }
@@ -177,18 +179,12 @@ int VerifyPair(const CommandLine& options) {
   if (!LoadPublicKey(options.public_key, key_blob, error)) {
     return Fail(options.public_key + L": " + error.Message());
   }
-  ByteBuffer manifest_bytes;
-  ByteBuffer signature;
-  Manifest manifest;
-  if (!ReadWholeFile(JoinPath(options.directory, kManifestFileName), kManifestSizeLimit, manifest_bytes,
-                     error) ||
-      !ReadWholeFile(JoinPath(options.directory, kSignatureFileName), kSignatureSizeLimit, signature,
-                     error) ||
-      !VerifySignedManifest(manifest_bytes, signature, key_blob, manifest, error)) {
+  SignedManifest release;
+  if (!LoadSignedManifest(SignedPairIn(options.directory), key_blob, release, error)) {
     return Fail(error.Message());
   }
-  WarnAboutMissingFiles(manifest);
-  WriteLine(Stream::kOutput, L"OK " + Describe(manifest));
+  WarnAboutMissingFiles(release.manifest);
+  WriteLine(Stream::kOutput, L"OK " + Describe(release.manifest));
   return kDone;
 }
 
@@ -218,11 +214,7 @@ int RunPublisher(std::span<wchar_t* const> words) {
 int main() {
   talvex::RestrictDllSearch();
   int count = 0;
-  wchar_t** const words = CommandLineToArgvW(GetCommandLineW(), &count);
-  if (words == nullptr) {
-    return talvex::kUnusable;
-  }
-  const int exit_code = talvex::RunPublisher({words, static_cast<std::size_t>(count)});
-  LocalFree(words);
-  return exit_code;
+  const talvex::ArgumentVector words(CommandLineToArgvW(GetCommandLineW(), &count));
+  return words == nullptr ? talvex::kExitUsage
+                          : talvex::RunPublisher({words.get(), static_cast<std::size_t>(count)});
 }

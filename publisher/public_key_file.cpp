@@ -15,14 +15,14 @@ namespace talvex {
 namespace {
 
 constexpr std::uint32_t kPemSizeLimit = 16'384;  // bytes
-constexpr std::string_view kPemHeader = "-----BEGIN PUBLIC KEY-----";
+constexpr char kPemHeader[] = "-----BEGIN PUBLIC KEY-----";
 
-constexpr std::wstring_view kNotPublicKey = L"The file does not hold one public key in PEM form.";
-constexpr std::wstring_view kNoDecoding = L"Windows could not decode the public key.";
-constexpr std::wstring_view kNotRsaKey = L"The public key is not an RSA key.";
+constexpr wchar_t kNotPublicKey[] = L"The file does not hold one public key in PEM form.";
+constexpr wchar_t kNoDecoding[] = L"Windows could not decode the public key.";
+constexpr wchar_t kNotRsaKey[] = L"The public key is not an RSA key.";
 
-// What decodes keys. Not imported: crypt32.dll is none of the DLLs that Windows takes from its system
-// directory whatever lies beside the program.
+// The decoding functions. Not imported: crypt32.dll is not one of the DLLs that Windows always takes from its
+// system directory, whatever is beside the program.
 struct DecodingFunctions {
   decltype(&::CryptStringToBinaryA) CryptStringToBinaryA = nullptr;
   decltype(&::CryptDecodeObjectEx) CryptDecodeObjectEx = nullptr;
@@ -35,7 +35,7 @@ struct DecodingFunctions {
 };
 
 // Decodes `encoded` as the structure `type` into `decoded`, which also holds what the structure points to.
-// The size that is told before is only an upper bound; what was written is what counts.
+// The size reported first is only an upper bound; the size written is the one that counts.
 bool DecodeObject(const DecodingFunctions& crypt, const char* type, const BYTE* encoded, DWORD size,
                   ByteBuffer& decoded) {
   DWORD decoded_size = 0;

@@ -1,7 +1,7 @@
 #pragma once
 
-// The publisher's public key as openssl writes it: PEM, SubjectPublicKeyInfo. It is the same file that the
-// helper's build is given.
+// The publisher's public key as openssl writes it: PEM, SubjectPublicKeyInfo. The same file is given to the
+// helper's build.
 
 #include <string>
 
@@ -11,8 +11,8 @@
 namespace talvex {
 
 // Reads the RSA public key in the PEM file at `path` into the blob that manifest signatures are verified
-// with. Only the size and kind that the verification accepts come through there. Messages: those of
-// ReadWholeFile, and
+// with. Does not check the key's size; the verification does. Messages: those of ReadWholeFile, and
+//   "Windows could not decode the public key."   crypt32.dll cannot be loaded
 //   "The file does not hold one public key in PEM form."
 //   "The public key is not an RSA key."
 [[nodiscard]] bool LoadPublicKey(const std::wstring& path, ByteBuffer& key_blob, UpdateError& error);

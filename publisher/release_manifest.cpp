@@ -9,6 +9,7 @@
 #include "core/whole_file.h"
 #include "formats/text_lines.h"
 #include "publisher/console.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
@@ -16,8 +17,8 @@ namespace {
 constexpr ULONGLONG kProgressIntervalMs = 2'000;
 constexpr std::uint64_t kMebibyte = 1'048'576;  // bytes
 
-constexpr std::wstring_view kMoveFailed = L"Could not put the manifest in its place";
-constexpr std::wstring_view kFileChanged = L"The file changed while it was being published.";
+constexpr wchar_t kMoveFailed[] = L"Could not put the manifest in its place";
+constexpr wchar_t kFileChanged[] = L"The file changed while it was being published.";
 
 class HashProgress {
  public:
@@ -48,7 +49,8 @@ class HashProgress {
 };
 
 bool RefuseAbout(const std::wstring& path, UpdateError& error) {
-  return Refuse(error, path + L": " + error.Message());
+  SetError(error, path + L": " + error.Message());
+  return false;
 }
 
 bool HashFile(const ClientFile& file, HashProgress& progress, ManifestEntry& entry, UpdateError& error) {
@@ -80,7 +82,7 @@ bool WriteReleaseManifest(const ClientTree& tree, const std::string& release, st
   }
   const std::string text = FormatManifest(draft);
   return ParseManifest(AsBytes(text), manifest, error) &&
-         ReplaceWholeFile(path, path + L".new", AsBytes(text), kMoveFailed,
+         ReplaceWholeFile(path, TemporaryPath(path), AsBytes(text), kMoveFailed,
                           MoveFailureText::kPrefixOfWindowsText, error);
 }
 

@@ -12,8 +12,9 @@
 namespace talvex {
 
 // Hashes the files of `tree` into entries and writes the manifest to `path`, replacing an older one whole.
-// `manifest` becomes what the helper's own parser makes of the written bytes: what it refuses is not written.
-// Says on standard error how far it is, every two seconds. Messages name the file that they are about.
+// `manifest` is the helper's own parser's reading of the written bytes: what the parser rejects is not
+// written. Reports its progress on standard error every two seconds. Messages name the file that they are
+// about.
 [[nodiscard]] bool WriteReleaseManifest(const ClientTree& tree, const std::string& release,
                                         std::uint64_t sequence, const std::wstring& path, Manifest& manifest,
                                         UpdateError& error);

@@ -5,11 +5,11 @@
 namespace talvex {
 namespace {
 
-constexpr std::wstring_view kSourceNotRegular = L"An updater recovery source is not a regular file.";
-constexpr std::wstring_view kCopyFailed = L"Could not create an updater recovery copy.";
-constexpr std::wstring_view kFlushFailed = L"Could not flush an updater recovery copy.";
+constexpr wchar_t kSourceNotRegular[] = L"An updater recovery source is not a regular file.";
+constexpr wchar_t kCopyFailed[] = L"Could not create an updater recovery copy.";
+constexpr wchar_t kFlushFailed[] = L"Could not flush an updater recovery copy.";
 
-// CreateFileW of a file that exists, tried again while somebody is in its way.
+// CreateFileW of an existing file, retried on transient errors.
 OwnedHandle OpenWithRetry(const std::wstring& path, DWORD access, DWORD flags, RetryBudget& budget) {
   OwnedHandle file;
   RetrySchedule schedule(budget);

@@ -6,24 +6,22 @@
 
 #include "core/owned_handle.h"
 #include "core/regular_file.h"
-#include "formats/installed_state.h"
-#include "formats/verified_cache.h"
 #include "rollback/recovery_copy.h"
-#include "rollback/rollback_preparation.h"
 #include "storage/client_root.h"
 #include "storage/held_directory.h"
+#include "storage/update_layout.h"
 #include "storage/work_storage.h"
 
 namespace talvex {
 namespace {
 
-constexpr std::wstring_view kCopyMissing = L"A required rollback copy is missing.";
-constexpr std::wstring_view kIncomplete = L"Automatic restoration was incomplete. The rollback copy is at:\n";
-constexpr std::wstring_view kTargetNotRegular = L"An updater rollback target is not a regular file.";
-constexpr std::wstring_view kTargetLinks = L"An updater rollback target has unsafe file links.";
-constexpr std::wstring_view kRemoveFailed = L"Could not remove a file during updater rollback.";
+constexpr wchar_t kCopyMissing[] = L"A required rollback copy is missing.";
+constexpr wchar_t kIncomplete[] = L"Automatic restoration was incomplete. The rollback copy is at:\n";
+constexpr wchar_t kTargetNotRegular[] = L"An updater rollback target is not a regular file.";
+constexpr wchar_t kTargetLinks[] = L"An updater rollback target has unsafe file links.";
+constexpr wchar_t kRemoveFailed[] = L"Could not remove a file during updater rollback.";
 
-// Keeps the directory of `target` in its place. Without one, or below a plain file, no target is there
+// Keeps the directory of `target` in its place. If there is none, or a plain file instead, there is no target
 // either.
 PathKind HoldDirectoryOf(const std::wstring& target, RetryBudget& budget, OwnedHandle& held) {
   RetrySchedule schedule(budget);
@@ -31,12 +29,11 @@ PathKind HoldDirectoryOf(const std::wstring& target, RetryBudget& budget, OwnedH
 }
 
 bool IsSafeToChangeBelow(PathKind directory, UpdateError& error) {
-  return directory != PathKind::kUnknown && directory != PathKind::kReparsePoint
-             ? true
-             : Refuse(error, kTargetLinks);
+  return (directory != PathKind::kUnknown && directory != PathKind::kReparsePoint) ||
+         Refuse(error, kTargetLinks);
 }
 
-// Whether `target` may be taken away, if it is there.
+// Whether `target` may be removed, if it exists.
 bool InspectTarget(const std::wstring& target, RetryBudget& budget, bool& is_there, UpdateError& error) {
   RetrySchedule schedule(budget);
   const FileState state = LookWithRetry(schedule, [&] { return InspectFile(target); });
@@ -52,15 +49,15 @@ bool InspectTarget(const std::wstring& target, RetryBudget& budget, bool& is_the
   }
 }
 
-// Takes an inspected target away: to `staged_path`, when one is given and its place is free; otherwise it is
-// deleted.
+// Removes an inspected target: moves it to `staged_path` if one is given and its place is free, otherwise
+// deletes it.
 bool TakeAway(const std::wstring& target, const std::wstring& staged_path, RetryBudget& budget,
               UpdateError& error) {
   RetrySchedule schedule(budget);
   if (!staged_path.empty() && ProbePathWithRetry(staged_path, budget) == PathKind::kAbsent) {
     return MoveFileWithRetry(target, staged_path, MOVEFILE_WRITE_THROUGH, schedule);
   }
-  return DeleteFileWithRetry(target, schedule) ? true : Refuse(error, kRemoveFailed);
+  return DeleteFileWithRetry(target, schedule) || Refuse(error, kRemoveFailed);
 }
 
 bool RemoveTarget(const std::wstring& target, const std::wstring& staged_path, RetryBudget& budget,
@@ -70,8 +67,8 @@ bool RemoveTarget(const std::wstring& target, const std::wstring& staged_path, R
          (!is_there || TakeAway(target, staged_path, budget, error));
 }
 
-// Order: the source before the target, because a target that has left its place can only come back from a
-// good source. The source stays open, so that what was proven is what is copied.
+// Order: the source before the target, because a removed target can only be restored from a good source. The
+// source stays open, so that what was checked is what is copied.
 bool ReplaceTarget(const std::wstring& copy, const std::wstring& target, const std::wstring& staged_path,
                    RetryBudget& budget, UpdateError& error) {
   bool is_there = false;
@@ -83,11 +80,10 @@ bool ReplaceTarget(const std::wstring& copy, const std::wstring& target, const s
          CopyRecoverySource(copy, target, budget, error);
 }
 
-// The last components are not looked at here: the messages for a target or a copy that is a link are others.
+// The last components are not checked here: a target or a copy that is a link has its own message.
 bool RejectLinkedPaths(const std::wstring& client_root, const ApplyOperation& operation, UpdateError& error) {
   const std::wstring& relative_path = operation.entry->normalised_path;
-  const std::wstring copies =
-      JoinPath(JoinPath(kWorkDirectoryName, kPreviousDirectoryName), kRollbackFilesName);
+  const std::wstring copies = FilesDirectory(PreviousDirectory(L""));
   return RejectReparsePoints(client_root, relative_path, LastComponent::kUnchecked, error) &&
          RejectReparsePoints(client_root, JoinPath(copies, relative_path), LastComponent::kUnchecked, error);
 }
@@ -96,7 +92,7 @@ bool UndoCheckedOperation(const ApplyOperation& operation, RetryBudget& budget, 
   // A retire has no staged path.
   const PathKind copy = ProbePathWithRetry(operation.rollback_copy_path, budget);
   if (copy == PathKind::kUnknown) {
-    return false;  // whether the file in place is the old or the new one cannot be told: hands off
+    return false;  // unknown whether the file in place is the old or the new one: leave it alone
   }
   if (copy != PathKind::kAbsent) {
     return ReplaceTarget(operation.rollback_copy_path, operation.target_path, operation.staged_path, budget,
@@ -105,10 +101,10 @@ bool UndoCheckedOperation(const ApplyOperation& operation, RetryBudget& budget, 
   if (!operation.existed) {
     return RemoveTarget(operation.target_path, operation.staged_path, budget, error);
   }
-  // Without a copy the file was never moved away, if it is still there. One that cannot be looked at may be
-  // gone in a moment.
+  // Without a copy, a file that is still there was never moved away. One that cannot be inspected may be gone
+  // in a moment.
   const PathKind target = ProbePathWithRetry(operation.target_path, budget);
-  return target != PathKind::kAbsent && target != PathKind::kUnknown ? true : Refuse(error, kCopyMissing);
+  return (target != PathKind::kAbsent && target != PathKind::kUnknown) || Refuse(error, kCopyMissing);
 }
 
 bool UndoOperation(const std::wstring& client_root, const ApplyOperation& operation, RetryBudget& budget,
@@ -130,20 +126,18 @@ bool RestoreFile(const std::wstring& copy, const std::wstring& target, bool exis
 bool RestoreCache(const std::wstring& client_root, const std::wstring& old_install,
                   const RollbackJournal& journal, RetryBudget& budget, UpdateError& error) {
   if (!journal.previous_cache_manifest && !journal.previous_cache_signature) {
-    return RemoveWorkTree(JoinPath(client_root, kCacheDirectoryName), error);
+    return RemoveWorkTree(CacheDirectory(client_root), error);
   }
-  std::wstring cache;
-  if (!CreateUpdateDirectory(client_root, kCacheDirectoryName, cache, error)) {
+  std::wstring cache_directory;
+  if (!CreateUpdateDirectory(client_root, CacheDirectory(L""), cache_directory, error)) {
     return false;
   }
-  const std::wstring old_cache = JoinPath(old_install, kCacheDirectoryName);
-  const std::wstring manifest = JoinPath(cache, kManifestFileName);
+  const SignedPairPaths cache = SignedPairIn(cache_directory);
+  const SignedPairPaths old_cache = SignedPairIn(CacheDirectory(old_install));
   OwnedHandle held;
-  return IsSafeToChangeBelow(HoldDirectoryOf(manifest, budget, held), error) &&
-         RestoreFile(JoinPath(old_cache, kManifestFileName), manifest, journal.previous_cache_manifest,
-                     budget, error) &&
-         RestoreFile(JoinPath(old_cache, kSignatureFileName), JoinPath(cache, kSignatureFileName),
-                     journal.previous_cache_signature, budget, error);
+  return IsSafeToChangeBelow(HoldDirectoryOf(cache.manifest, budget, held), error) &&
+         RestoreFile(old_cache.manifest, cache.manifest, journal.previous_cache_manifest, budget, error) &&
+         RestoreFile(old_cache.signature, cache.signature, journal.previous_cache_signature, budget, error);
 }
 
 }  // namespace
@@ -189,12 +183,11 @@ bool RestoreRollbackFiles(const std::wstring& client_root, std::span<const Apply
 
 bool RestoreStateAndCache(const std::wstring& client_root, const std::wstring& previous_directory,
                           const RollbackJournal& journal, RetryBudget& budget, UpdateError& error) {
-  const std::wstring old_install = JoinPath(previous_directory, kOldInstallName);
-  const std::wstring state = JoinPath(client_root, kInstalledStateFileName);
+  const std::wstring old_install = OldInstallDirectory(previous_directory);
+  const std::wstring state = InstalledStatePath(client_root);
   OwnedHandle held;  // the directory of the state file, and of the cache
   return IsSafeToChangeBelow(HoldDirectoryOf(state, budget, held), error) &&
-         RestoreFile(JoinPath(old_install, kInstalledStateFileName), state, journal.previous_state, budget,
-                     error) &&
+         RestoreFile(InstalledStatePath(old_install), state, journal.previous_state, budget, error) &&
          RestoreCache(client_root, old_install, journal, budget, error);
 }
 

@@ -1,13 +1,13 @@
 #pragma once
 
-// Putting a client directory back as it was before an update, from what rollback_preparation saved and the
+// Restores a client directory to its state before an update, from what rollback_preparation saved and the
 // installation moved away.
 //
-// Best effort: a file that cannot be restored does not keep the others from being restored, and the player
-// learns where its copy lies. Copies are copied back, never moved, and nothing below the work directory is
-// deleted, so that a restoration that was cut off can be run again, or be finished by hand. (A new file is
-// moved back to its staged path where that is known, so that the update can be tried again.) Every call that
-// somebody else can be in the way of is tried again, for half a minute in all.
+// Best effort: a file that cannot be restored does not prevent the others from being restored, and the player
+// is told where its copy is. Copies are copied back, never moved, and nothing below the work directory is
+// deleted, so that a restoration that was cut off can be run again or finished by hand. (A new file is moved
+// back to its staged path where that is known, so that the update can be tried again.) Every call that
+// another program may block is retried, for half a minute in total.
 
 #include <span>
 #include <string>
@@ -19,26 +19,26 @@
 
 namespace talvex {
 
-// Undoes `operations`, then puts state and cache back, whether or not every file could be restored. False
-// when anything is missing; the message is that of the first failure, files before state and cache.
+// Undoes `operations`, then restores state and cache, whether or not every file could be restored. False when
+// anything failed; the message is that of the first failure, files before state and cache.
 [[nodiscard]] bool RestoreFromRollback(const std::wstring& client_root,
                                        const std::wstring& previous_directory, const RollbackJournal& journal,
                                        std::span<const ApplyOperation> operations, UpdateError& error);
 
-// Says that files could not be put back, and that their copies lie at `copy_path`:
+// Sets the message that files could not be restored and that their copies are at `copy_path`:
 //   "Automatic restoration was incomplete. The rollback copy is at:\n" + `copy_path`
 void SetRestorationIncomplete(UpdateError& error, const std::wstring& copy_path);
 
-// Undoes the operations from the last to the first, going on past those that fail. The directory of a target
-// is held while the target is changed, and no component on the way to target and copy may be a reparse point,
-// before and after. Only the first failure sets a message: that of RejectReparsePoints, RemoveRollbackTarget
-// or MakeRecoveryCopy, or, with the path of the copy, that of SetRestorationIncomplete, or
+// Undoes the operations from the last to the first, continuing past those that fail. The directory of a
+// target is held while the target is changed, and no component of the paths to target and copy may be a
+// reparse point, before and after. Only the first failure sets a message: that of RejectReparsePoints,
+// RemoveRollbackTarget or MakeRecoveryCopy, that of SetRestorationIncomplete with the path of the copy, or
 //   "A required rollback copy is missing."
 [[nodiscard]] bool RestoreRollbackFiles(const std::wstring& client_root,
                                         std::span<const ApplyOperation> operations, RetryBudget& budget,
                                         UpdateError& error);
 
-// Puts the installed state and the verified cache back as the journal's flags say, removing what did not
+// Restores the installed state and the verified cache according to the journal's flags, removing what did not
 // exist before. Stops at its first failure. Messages: those of RemoveRollbackTarget, MakeRecoveryCopy,
 // CreateUpdateDirectory and RemoveWorkTree.
 [[nodiscard]] bool RestoreStateAndCache(const std::wstring& client_root,
@@ -46,8 +46,8 @@ void SetRestorationIncomplete(UpdateError& error, const std::wstring& copy_path)
                                         const RollbackJournal& journal, RetryBudget& budget,
                                         UpdateError& error);
 
-// RemoveRollbackTarget on `target`, then MakeRecoveryCopy from `copy` to it. The copy is opened and proven
-// before the target goes: a bad copy costs nothing.
+// RemoveRollbackTarget on `target`, then MakeRecoveryCopy from `copy` to it. The copy is opened and checked
+// before the target is removed: a bad copy does no harm.
 [[nodiscard]] bool RestoreRecoveryCopy(const std::wstring& copy, const std::wstring& target,
                                        RetryBudget& budget, UpdateError& error);
 

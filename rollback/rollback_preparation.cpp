@@ -6,39 +6,31 @@
 #include <limits>
 #include <vector>
 
-#include "core/owned_handle.h"
 #include "core/regular_file.h"
-#include "core/sha256.h"
 #include "core/whole_file.h"
-#include "formats/installed_state.h"
+#include "formats/managed_file.h"
 #include "formats/rollback_journal.h"
-#include "formats/verified_cache.h"
 #include "rollback/recovery_copy.h"
 #include "storage/client_root.h"
-#include "storage/work_storage.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
 
-// The longest path that Windows can name, its closing zero included.
+// The longest path in Windows, terminating zero included.
 constexpr DWORD kModulePathLength = 32'768;
 
-constexpr std::wstring_view kTargetNotRegular = L"An update target is not a regular file.";
-constexpr std::wstring_view kTargetLinks = L"An update target has unsafe file links.";
-constexpr std::wstring_view kRetiredChanged = L"A retired managed file changed locally and was not deleted.";
-constexpr std::wstring_view kCacheUnsafe = L"The verified update cache directory is unsafe.";
-constexpr std::wstring_view kHelperUnprepared = L"The update helper could not prepare rollback recovery.";
-
-// `old-install` mirrors the client root, so that the loaders of state and cache can read it in the root's
-// place.
-std::wstring OldCacheName() {
-  return JoinPath(kOldInstallName, kCacheDirectoryName);
-}
+constexpr wchar_t kTargetNotRegular[] = L"An update target is not a regular file.";
+constexpr wchar_t kTargetLinks[] = L"An update target has unsafe file links.";
+constexpr wchar_t kRetiredChanged[] = L"A retired managed file changed locally and was not deleted.";
+constexpr wchar_t kCacheUnsafe[] = L"The verified update cache directory is unsafe.";
+constexpr wchar_t kHelperUnprepared[] = L"The update helper could not prepare rollback recovery.";
 
 bool MakePreviousDirectories(const std::wstring& previous_directory, UpdateError& error) {
   std::wstring made;
-  for (const std::wstring& name : {std::wstring(kRollbackFilesName), std::wstring(kOldInstallName),
-                                   OldCacheName(), std::wstring(kRecoveryName)}) {
+  const std::wstring old_install = OldInstallDirectory(L"");
+  for (const std::wstring& name :
+       {FilesDirectory(L""), old_install, CacheDirectory(old_install), RecoveryDirectory(L"")}) {
     if (!CreateUpdateDirectory(previous_directory, name, made, error)) {
       return false;
     }
@@ -46,7 +38,7 @@ bool MakePreviousDirectories(const std::wstring& previous_directory, UpdateError
   return true;
 }
 
-// Checks each target and makes the directories of its new file and of its rollback copy.
+// Checks each target and creates the directories of its new file and of its rollback copy.
 bool PrepareOperations(const std::wstring& client_root, const std::wstring& files_directory,
                        std::span<ApplyOperation> operations, RollbackJournal& journal, UpdateError& error) {
   std::wstring made;
@@ -71,32 +63,31 @@ bool PrepareOperations(const std::wstring& client_root, const std::wstring& file
 
 bool SaveStateAndCache(const std::wstring& client_root, const std::wstring& previous_directory,
                        RollbackJournal& journal, RetryBudget& budget, UpdateError& error) {
-  const std::wstring old_install = JoinPath(previous_directory, kOldInstallName);
-  if (!CopyIfPresent(JoinPath(client_root, kInstalledStateFileName),
-                     JoinPath(old_install, kInstalledStateFileName), journal.previous_state, budget, error)) {
+  const std::wstring old_install = OldInstallDirectory(previous_directory);
+  if (!CopyIfPresent(InstalledStatePath(client_root), InstalledStatePath(old_install), journal.previous_state,
+                     budget, error)) {
     return false;
   }
-  const std::wstring cache = JoinPath(client_root, kCacheDirectoryName);
-  const PathKind cache_kind = ProbePath(cache);
+  const std::wstring cache_directory = CacheDirectory(client_root);
+  const PathKind cache_kind = ProbePath(cache_directory);
   if (cache_kind != PathKind::kAbsent && cache_kind != PathKind::kDirectory) {
     return Refuse(error, kCacheUnsafe);
   }
-  const std::wstring old_cache = JoinPath(previous_directory, OldCacheName());
-  return CopyIfPresent(JoinPath(cache, kManifestFileName), JoinPath(old_cache, kManifestFileName),
-                       journal.previous_cache_manifest, budget, error) &&
-         CopyIfPresent(JoinPath(cache, kSignatureFileName), JoinPath(old_cache, kSignatureFileName),
-                       journal.previous_cache_signature, budget, error);
+  const SignedPairPaths cache = SignedPairIn(cache_directory);
+  const SignedPairPaths old_cache = SignedPairIn(CacheDirectory(old_install));
+  return CopyIfPresent(cache.manifest, old_cache.manifest, journal.previous_cache_manifest, budget, error) &&
+         CopyIfPresent(cache.signature, old_cache.signature, journal.previous_cache_signature, budget, error);
 }
 
-// The path of the running program; empty when Windows does not give it whole.
+// The path of the running program; empty when it does not fit the buffer.
 std::wstring RunningProgramPath() {
   std::vector<wchar_t> buffer(kModulePathLength);
   const DWORD length = GetModuleFileNameW(nullptr, buffer.data(), kModulePathLength);
   return length < kModulePathLength ? std::wstring(buffer.data(), length) : std::wstring();
 }
 
-// The helper that will roll back must be one that the new release vouches for: a copy of anything else would
-// be an unsigned program that the client starts later.
+// The helper that will roll back must be the one in the new manifest: a copy of anything else would be an
+// unsigned program that the client starts later.
 bool SaveRunningHelper(const Manifest& new_manifest, const std::wstring& destination, RetryBudget& budget,
                        UpdateError& error) {
   const ManifestEntry* const entry = FindManifestEntry(new_manifest, kHelperFileName);
@@ -104,29 +95,8 @@ bool SaveRunningHelper(const Manifest& new_manifest, const std::wstring& destina
   if (entry == nullptr || program.empty()) {
     return Refuse(error, kHelperUnprepared);
   }
-  Sha256Digest digest;
-  std::uint64_t size = 0;
-  if (!Sha256OfFile(program, entry->size, digest, size, error) || size != entry->size ||
-      !DigestsEqual(digest, entry->digest) || !MakeRecoveryCopy(program, destination, budget, error)) {
-    return RefuseUnlessExplained(error, kHelperUnprepared);
-  }
-  return true;
-}
-
-// Whether a retired file is still the one that the previous release installed. No size limit: a file that has
-// grown is a changed file too, and has to be called that; but its size tells, and it is not read to the end.
-bool IsUnchanged(const std::wstring& path, const ManifestEntry& entry, UpdateError& error) {
-  std::uint64_t size = 0;
-  const OwnedHandle file = OpenFileForHashing(path, std::numeric_limits<std::uint64_t>::max(), size, error);
-  if (!file.IsValid()) {
-    return false;
-  }
-  Sha256Digest digest;
-  if (size != entry.size || !Sha256OfOpenFile(file.Get(), digest, error) ||
-      !DigestsEqual(digest, entry.digest)) {
-    return RefuseUnlessExplained(error, kRetiredChanged);
-  }
-  return true;
+  return VerifyManagedFile(program, *entry, entry->size, kHelperUnprepared, error) &&
+         MakeRecoveryCopy(program, destination, budget, error);
 }
 
 }  // namespace
@@ -141,15 +111,15 @@ bool PrepareRollback(const std::wstring& client_root, const std::wstring& previo
   RollbackJournal journal;
   journal.manifest_digest = new_manifest.digest;
   RetryBudget budget(kMaxRecoveryWaitMs);
-  const std::wstring recovery = JoinPath(previous_directory, kRecoveryName);
+  const SignedPairPaths recovery = RecoveryPair(previous_directory);
   // Order: the journal last, because a journal on disk promises that everything it names has been saved.
   // Written earlier, a crash at this point would leave a promise that rollback cannot keep.
   return PrepareOperations(client_root, files_directory, operations, journal, error) &&
          SaveStateAndCache(client_root, previous_directory, journal, budget, error) &&
-         WriteNewFile(JoinPath(recovery, kRecoveryManifestName), manifest_bytes, error) &&
-         WriteNewFile(JoinPath(recovery, kRecoverySignatureName), signature, error) &&
-         SaveRunningHelper(new_manifest, JoinPath(recovery, kRecoveryHelperName), budget, error) &&
-         SaveRollbackJournal(JoinPath(previous_directory, kRollbackJournalName), journal, error);
+         WriteNewFile(recovery.manifest, manifest_bytes, error) &&
+         WriteNewFile(recovery.signature, signature, error) &&
+         SaveRunningHelper(new_manifest, RecoveryHelperPath(previous_directory), budget, error) &&
+         SaveRollbackJournal(RollbackJournalPath(previous_directory), journal, error);
 }
 
 bool CheckUpdateTarget(ApplyOperation& operation, UpdateError& error) {
@@ -166,7 +136,10 @@ bool CheckUpdateTarget(ApplyOperation& operation, UpdateError& error) {
     case FileState::kRegular:
       break;
   }
-  return !operation.retire || IsUnchanged(operation.target_path, *operation.entry, error);
+  // No size limit: a file that has grown is a changed file too, and must be reported as one.
+  return !operation.retire ||
+         VerifyManagedFile(operation.target_path, *operation.entry, std::numeric_limits<std::uint64_t>::max(),
+                           kRetiredChanged, error);
 }
 
 bool CopyIfPresent(const std::wstring& source, const std::wstring& destination, bool& present,

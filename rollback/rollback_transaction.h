@@ -1,8 +1,8 @@
 #pragma once
 
 // The rollback of a release that was installed but could not start: the journal that the update left is
-// proven row by row against signed manifests, the previous release is restored, and the failed one is marked.
-// Called by the rollback mode once it holds the ownership lock.
+// checked row by row against signed manifests, the previous release is restored, and the failed one is
+// marked. Called by the rollback mode once it holds the ownership lock.
 
 #include <cstddef>
 #include <span>
@@ -16,22 +16,15 @@
 
 namespace talvex {
 
-// Restores the client below `client_root` (absolute). Nothing is changed before every row is proven; the work
-// data is removed only after everything was restored and the failure marker written, so that a rollback that
-// failed or was cut off can be run again. Messages: those of RejectReparsePoints, ParseRollbackJournal,
+// Restores the client below `client_root` (absolute). Nothing is changed before every row is checked; the
+// work data is removed only after everything was restored and the failure marker written, so that a rollback
+// that failed or was cut off can be run again. Messages: those of RejectReparsePoints, ParseRollbackJournal,
 // VerifyRecoveryManifest, CheckJournalAgainstManifests, RestoreFromRollback and SaveFailureMarker.
 [[nodiscard]] bool RunRollbackTransaction(const std::wstring& client_root, UpdateError& error);
 
-// Reads the manifest that the update kept below `previous_directory`, proves its signature, and that it is
-// the one `journal` belongs to. Messages: those of ReadWholeFile and VerifySignedManifest, and
-//   "The rollback recovery manifest is invalid."
-[[nodiscard]] bool VerifyRecoveryManifest(const std::wstring& previous_directory,
-                                          const RollbackJournal& journal, Manifest& recovery_manifest,
-                                          UpdateError& error);
-
-// Turns the journal's rows, in their order, into restore operations. Each row has to be listed, in exactly
-// its spelling, by the manifest that vouches for it: a retired file by `previous_manifest` (null when no
-// previous release could be proved), any other by `recovery_manifest`. Messages: those of ResolveUpdatePath
+// Turns the journal's rows, in their order, into restore operations. Each row must be listed, in exactly the
+// same spelling, in the manifest responsible for it: a retired file in `previous_manifest` (null when no
+// previous release could be verified), any other in `recovery_manifest`. Messages: those of ResolveUpdatePath
 // and RejectReparsePoints, and
 //   "The rollback cannot prove a retired managed file."
 //   "The rollback journal contains an unsigned file."

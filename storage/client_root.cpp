@@ -11,7 +11,7 @@
 namespace talvex {
 namespace {
 
-// The longest path that the resolving call can deliver, its closing zero included.
+// The longest path that GetFullPathNameW can return, terminating zero included.
 constexpr DWORD kResolveBufferLength = 32'768;
 // A full path below the root must be shorter: the classic Windows limit, so that the client and every other
 // program can open what the helper installs.
@@ -19,21 +19,21 @@ constexpr std::size_t kFullPathLimit = 260;
 // "C:\" is the longest root whose separator belongs to it.
 constexpr std::size_t kDriveRootLength = 3;
 
-constexpr std::wstring_view kRootEmpty = L"The client directory is empty.";
-constexpr std::wstring_view kRootUnresolved = L"Could not resolve the client directory";
-constexpr std::wstring_view kPathUnresolved = L"Could not resolve an update path";
-constexpr std::wstring_view kPathEscapes = L"An update path escapes the client directory or is too long.";
-constexpr std::wstring_view kRootUnsafe = L"The client directory is missing or is a reparse point.";
-constexpr std::wstring_view kReparsePoint = L"An update path contains a reparse point.";
-constexpr std::wstring_view kCreateFailed = L"Could not create an update directory";
-constexpr std::wstring_view kDirectoryUnsafe = L"An update directory is unsafe.";
+constexpr wchar_t kRootEmpty[] = L"The client directory is empty.";
+constexpr wchar_t kRootUnresolved[] = L"Could not resolve the client directory";
+constexpr wchar_t kPathUnresolved[] = L"Could not resolve an update path";
+constexpr wchar_t kPathEscapes[] = L"An update path escapes the client directory or is too long.";
+constexpr wchar_t kRootUnsafe[] = L"The client directory is missing or is a reparse point.";
+constexpr wchar_t kReparsePoint[] = L"An update path contains a reparse point.";
+constexpr wchar_t kCreateFailed[] = L"Could not create an update directory";
+constexpr wchar_t kDirectoryUnsafe[] = L"An update directory is unsafe.";
 
 bool IsSeparator(wchar_t unit) {
   return unit == L'\\' || unit == L'/';
 }
 
-// The absolute form of `path`; empty, with `error` set, when Windows gives none that fits.
-std::wstring AbsolutePath(const std::wstring& path, std::wstring_view message, UpdateError& error) {
+// The absolute form of `path`; empty, with `error` set, when there is none that fits the buffer.
+std::wstring AbsolutePath(const std::wstring& path, const wchar_t* message, UpdateError& error) {
   const auto buffer = std::make_unique_for_overwrite<wchar_t[]>(kResolveBufferLength);
   const DWORD length = GetFullPathNameW(path.c_str(), kResolveBufferLength, buffer.get(), nullptr);
   if (length == 0 || length >= kResolveBufferLength) {
@@ -108,7 +108,7 @@ bool RejectReparsePoints(std::wstring_view client_directory, std::wstring_view r
   if (!IsRealDirectory(current)) {
     return Refuse(error, kRootUnsafe);
   }
-  // The components as written, not those of the normalised path: a link must be met where it stands.
+  // The components as written, not those of the normalised path: a link must be found where it is.
   while (!relative_path.empty()) {
     current = JoinPath(current, TakeComponent(relative_path));
     if (relative_path.empty() && last == LastComponent::kUnchecked) {
@@ -151,11 +151,10 @@ bool CreateUpdateDirectory(std::wstring_view client_directory, std::wstring_view
     if (!CreateDirectoryW(current.c_str(), nullptr)) {
       const DWORD code = GetLastError();
       if (code != ERROR_ALREADY_EXISTS) {
-        SetWindowsError(error, kCreateFailed, code);
-        return false;
+        return RefuseWithWindowsError(error, kCreateFailed, code);
       }
     }
-    // Checked although it was just made: between the two calls somebody may have put a link in its place.
+    // Checked although it was just created: between the two calls somebody may have put a link in its place.
     if (!IsRealDirectory(current)) {
       return Refuse(error, kDirectoryUnsafe);
     }

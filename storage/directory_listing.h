@@ -1,6 +1,6 @@
 #pragma once
 
-// The entries of a directory, one at a time: what cleanup and publishing walk with.
+// The entries of a directory, one at a time, for cleanup and publishing.
 
 #include <windows.h>
 
@@ -11,7 +11,8 @@
 
 namespace talvex {
 
-// One enumeration of a directory, "." and ".." left out. It has to end before the directory is removed.
+// One enumeration of a directory, "." and ".." left out. It must be destroyed before the directory is
+// removed.
 class DirectoryListing {
  public:
   explicit DirectoryListing(const std::wstring& directory) {
@@ -32,14 +33,14 @@ class DirectoryListing {
     }
   }
 
-  // The code with which the enumeration could not start; ERROR_SUCCESS when it did.
+  // The error code if the enumeration could not start, otherwise ERROR_SUCCESS.
   [[nodiscard]] DWORD OpenError() const { return open_error_; }
   [[nodiscard]] bool AtEntry() const { return at_entry_; }
   [[nodiscard]] std::wstring_view Name() const { return entry_.cFileName; }
   [[nodiscard]] bool IsReparsePoint() const { return Has(FILE_ATTRIBUTE_REPARSE_POINT); }
   [[nodiscard]] bool IsDirectory() const { return Has(FILE_ATTRIBUTE_DIRECTORY); }
 
-  // Any failure counts as the end; EndError tells it from the true one.
+  // Any failure ends the enumeration; EndError tells it from the regular end.
   void Advance() {
     StepForward();
     SkipDots();

@@ -16,7 +16,7 @@ PathKind HoldDirectory(const std::wstring& path, OwnedHandle& held) {
   if (!directory.IsValid()) {
     return IsNotFound(GetLastError()) ? PathKind::kAbsent : PathKind::kUnknown;
   }
-  FILE_BASIC_INFO information{};  // the one class with attributes that every file system answers
+  FILE_BASIC_INFO information{};  // the one class with attributes that every file system supports
   if (!GetFileInformationByHandleEx(directory.Get(), FileBasicInfo, &information, sizeof(information))) {
     return PathKind::kUnknown;
   }

@@ -8,17 +8,18 @@
 #include "storage/client_root.h"
 #include "storage/directory_listing.h"
 #include "storage/held_directory.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
 
-constexpr std::wstring_view kTreeUnsafe = L"An updater work directory is unsafe.";
-constexpr std::wstring_view kTreeUnreadable = L"Could not inspect an updater work directory.";
-constexpr std::wstring_view kTreeHasReparsePoint = L"An updater work directory contains a reparse point.";
-constexpr std::wstring_view kTreeFileStays = L"Could not remove old updater work data.";
-constexpr std::wstring_view kTreeDirectoryStays = L"Could not remove an old updater directory.";
-constexpr std::wstring_view kStorageHasReparsePoint = L"Updater storage contains an unsafe reparse point.";
-constexpr std::wstring_view kStorageFileStays = L"Could not remove stale updater data.";
+constexpr wchar_t kTreeUnsafe[] = L"An updater work directory is unsafe.";
+constexpr wchar_t kTreeUnreadable[] = L"Could not inspect an updater work directory.";
+constexpr wchar_t kTreeHasReparsePoint[] = L"An updater work directory contains a reparse point.";
+constexpr wchar_t kTreeFileStays[] = L"Could not remove old updater work data.";
+constexpr wchar_t kTreeDirectoryStays[] = L"Could not remove an old updater directory.";
+constexpr wchar_t kStorageHasReparsePoint[] = L"Updater storage contains an unsafe reparse point.";
+constexpr wchar_t kStorageFileStays[] = L"Could not remove stale updater data.";
 
 void ClearAttributes(const std::wstring& path) {
   SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);  // a read-only file could not be deleted
@@ -44,8 +45,8 @@ bool RemoveListedEntries(const std::wstring& directory, DirectoryListing& listin
   return true;
 }
 
-// A directory or a reparse point of the name is no journal, and left to the walk. What deletion says is not
-// enough: while somebody has the journal open, it stands although it was deleted.
+// A directory or a reparse point of that name is not a journal, and is left to the walk. A successful
+// deletion is not enough: while another process has the journal open, it still exists.
 bool RemoveJournal(const std::wstring& path, UpdateError& error) {
   const PathKind kind = ProbePath(path);
   if (kind == PathKind::kDirectory || kind == PathKind::kReparsePoint) {
@@ -55,16 +56,16 @@ bool RemoveJournal(const std::wstring& path, UpdateError& error) {
     ClearAttributes(path);
     DeleteFileW(path.c_str());
   }
-  return MayExist(path) ? Refuse(error, kTreeFileStays) : true;
+  return !MayExist(path) || Refuse(error, kTreeFileStays);
 }
 
 enum class Journal { kNone, kFirst };
 
-// `journal`: whether the directory may hold one, which then goes first.
+// `journal`: whether the directory may hold one, which is then removed first.
 bool RemoveTree(const std::wstring& directory, Journal journal, UpdateError& error) {
   const PathKind kind = ProbePath(directory);
   if (kind != PathKind::kDirectory) {
-    return kind == PathKind::kAbsent ? true : Refuse(error, kTreeUnsafe);
+    return kind == PathKind::kAbsent || Refuse(error, kTreeUnsafe);
   }
   OwnedHandle held;
   switch (HoldDirectory(directory, held)) {
@@ -77,7 +78,7 @@ bool RemoveTree(const std::wstring& directory, Journal journal, UpdateError& err
     default:
       return Refuse(error, kTreeUnsafe);
   }
-  if (journal == Journal::kFirst && !RemoveJournal(JoinPath(directory, kRollbackJournalName), error)) {
+  if (journal == Journal::kFirst && !RemoveJournal(RollbackJournalPath(directory), error)) {
     return false;
   }
   bool has_entries = true;  // "." and ".." at least
@@ -91,8 +92,8 @@ bool RemoveTree(const std::wstring& directory, Journal journal, UpdateError& err
       return false;
     }
   }
-  // A held directory cannot be removed. What takes its place from now on is removed, if it is an empty
-  // directory or a link, but never entered.
+  // A held directory cannot be removed. If an empty directory or a link takes its place now, that is removed,
+  // but never entered.
   held.Reset();
   if (!RemoveDirectoryW(directory.c_str())) {
     return has_entries ? Refuse(error, kTreeDirectoryStays) : false;
@@ -106,8 +107,8 @@ bool RemoveWorkTree(const std::wstring& directory, UpdateError& error) {
   return RemoveTree(directory, Journal::kNone, error);
 }
 
-// The work directory was checked long before it comes to this. Held, it can no longer be exchanged for a
-// link; its path is asked once more, as that of any directory before something below it is touched.
+// The work directory was checked much earlier. Held, it can no longer be replaced by a link; its path is
+// checked once more, as for any directory before something below it is touched.
 bool RemovePreviousDirectory(const std::wstring& previous_directory, UpdateError& error) {
   if (!MayExist(previous_directory)) {
     return true;

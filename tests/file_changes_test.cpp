@@ -19,6 +19,7 @@
 #include "rollback/rollback_preparation.h"
 #include "storage/client_root.h"
 #include "tests/support/import_patch.h"
+#include "tests/support/recording_display.h"
 #include "tests/support/scratch_directory.h"
 
 namespace talvex::test {
@@ -136,16 +137,16 @@ class Installation : public FileChange {
 
   // Installs and yields the message, "" for success.
   std::wstring Install(std::size_t fault_index = kNoFaultInjection) {
-    StatusWindow window;
     UpdateError error;
     const bool installed =
-        InstallApplyOperations(root_.Path(), root_ / L"copies", operations_, window, fault_index, error);
+        InstallApplyOperations(root_.Path(), root_ / L"copies", operations_, display_, fault_index, error);
     EXPECT_EQ(installed, error.IsEmpty());
     return error.Message();
   }
 
   std::list<ManifestEntry> entries_;
   std::vector<ApplyOperation> operations_;
+  RecordingDisplay display_;
 };
 
 TEST_F(Installation, FailsOnPurposeOnlyAfterTheChange) {

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "app/handle_operand.h"
+#include "core/transaction_handles.h"
 #include "tests/support/parser_check.h"
 
 // Every allocation of this program is counted, so that a parser's appetite can be measured.

@@ -216,7 +216,7 @@ TEST_F(StatusWindowTest, TheLatestTextReachesTheLabelAndTheTooltip) {
   EXPECT_TRUE(soon_shows(L"Started again"));
   window_.SetStatusText(L"Applying update...");
   EXPECT_TRUE(soon_shows(L"Applying update..."));
-  window_.SetStatusText(nullptr);
+  window_.SetStatusText({});
   EXPECT_TRUE(soon_shows(L""));
   Sleep(300);  // some ticks with nothing new
   EXPECT_EQ(Look(), "add version tip tip tip hidden1");

@@ -11,12 +11,13 @@
 #include <string_view>
 #include <vector>
 
+#include "app/apply_mode.h"
 #include "app/rollback_mode.h"
-#include "apply/apply_transaction.h"
 #include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
 #include "tests/support/helper_run.h"
+#include "tests/support/recording_display.h"
 #include "tests/support/small_client.h"
 
 namespace talvex::test {
@@ -189,7 +190,7 @@ std::wstring MessageFor(int (*mode)(int, const wchar_t* const*), const std::wstr
   const std::wstring lock = HandleText(settings.handed_over[1]);
   const std::wstring digest(64, L'a');
   std::vector<std::wstring> operands{root, parent, lock};
-  if (mode == RunApplyTransaction) {
+  if (mode == RunApplyMode) {
     operands = {root, root + L"\\stage", parent, digest, digest, lock};
   }
   for (const auto& [place, text] : changed) {
@@ -220,20 +221,20 @@ TEST(Operands, AreRefusedBeforeAnythingIsRead) {
     std::map<std::size_t, std::wstring> changed;
     const wchar_t* message;
   } cases[] = {
-      {RunApplyTransaction, {}, kOutside},
-      {RunApplyTransaction, {{0, root / L"absent"}}, kInvalid},
-      {RunApplyTransaction, {{1, root / L"absent"}}, kInvalid},
-      {RunApplyTransaction, {{1, root / L"link"}}, kInvalid},
-      {RunApplyTransaction, {{2, L"-5"}}, kInvalid},
-      {RunApplyTransaction, {{2, kTooHigh}}, kInvalid},
-      {RunApplyTransaction, {{3, std::wstring(64, L'A')}}, kInvalid},
-      {RunApplyTransaction, {{4, std::wstring(63, L'a')}}, kInvalid},
-      {RunApplyTransaction, {{5, L"12a"}}, kInvalid},
-      {RunApplyTransaction, {{5, kTooHigh}}, kInvalid},
-      {RunApplyTransaction, {{2, L"0"}}, kLost},
-      {RunApplyTransaction, {{5, L"0"}}, kLost},
-      {RunApplyTransaction, {{2, kUnknown}, {5, kHighest}}, kLost},
-      {RunApplyTransaction, {{2, kHighest}, {5, kUnknown}}, kLost},
+      {RunApplyMode, {}, kOutside},
+      {RunApplyMode, {{0, root / L"absent"}}, kInvalid},
+      {RunApplyMode, {{1, root / L"absent"}}, kInvalid},
+      {RunApplyMode, {{1, root / L"link"}}, kInvalid},
+      {RunApplyMode, {{2, L"-5"}}, kInvalid},
+      {RunApplyMode, {{2, kTooHigh}}, kInvalid},
+      {RunApplyMode, {{3, std::wstring(64, L'A')}}, kInvalid},
+      {RunApplyMode, {{4, std::wstring(63, L'a')}}, kInvalid},
+      {RunApplyMode, {{5, L"12a"}}, kInvalid},
+      {RunApplyMode, {{5, kTooHigh}}, kInvalid},
+      {RunApplyMode, {{2, L"0"}}, kLost},
+      {RunApplyMode, {{5, L"0"}}, kLost},
+      {RunApplyMode, {{2, kUnknown}, {5, kHighest}}, kLost},
+      {RunApplyMode, {{2, kHighest}, {5, kUnknown}}, kLost},
       {RunRollbackMode, {{0, L""}}, kInvalidRollback},
       {RunRollbackMode, {{1, L"0"}}, kInvalidRollback},
       {RunRollbackMode, {{2, L"0"}}, kInvalidRollback},
@@ -288,6 +289,29 @@ TEST(Rollback, RestoresTheRestWhenAFileCannotBe) {
   EXPECT_EQ(TreeDifference(SmallClient::ClientFiles(client.Read()), expected), "");
   EXPECT_EQ(ReadTestFile(client.InPrevious(L"files\\Data\\a.bin")), "old a");
   EXPECT_TRUE(MayExist(client.At(kJournal)));
+}
+
+// The window goes before a failure is reported: the two would cover each other.
+TEST(TransactionDisplay, FollowsTheStepsToTheirEnd) {
+  const TestRelease one{"1", 1, {{"TalvexUpdateHelper.exe", "the helper"}, {"a", "old"}}};
+  const TestRelease two{"2", 2, {{"TalvexUpdateHelper.exe", "the helper"}, {"a", "new"}, {"b", "new too"}}};
+  SmallClient client(one, two);
+  client.Stage();
+  RecordingDisplay done;
+  EXPECT_EQ(client.ApplyShownOn(done).exit_code, 0);
+  EXPECT_EQ(
+      done.shown,
+      L"start Verifying update...\n3 of 10\n10 of 10\n"
+      L"text Applying update...\n0 of 2\n1 of 2\n2 of 2\n"
+      L"text Verifying installed files...\n0 of 20\n10 of 20\n10 of 20\n13 of 20\n13 of 20\n20 of 20\n20 of 20\n"
+      L"text Update completed. Starting Talvex...\n1 of 1\nstop\nstop\n");
+  client.Stage();
+  const std::wstring digest = Utf8ToWide(HexDigestOf(two.ManifestText()));
+  WriteTestFile(client.root + L"\\.talvex-update\\" + digest + L"\\files\\a", "bad");
+  RecordingDisplay failed;
+  EXPECT_EQ(client.ApplyShownOn(failed).exit_code, 1);
+  EXPECT_EQ(failed.shown,
+            L"start Verifying update...\nstop\nfailure A staged update file failed verification.\nstop\n");
 }
 
 }  // namespace

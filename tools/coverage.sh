@@ -1,9 +1,9 @@
 #!/bin/sh
-# Runs the tests on a build that counts, and prints the line and branch coverage of the product's folders:
+# Runs the tests on an instrumented build, and prints the line and branch coverage of the product's folders:
 #
 #   tools/coverage.sh [--uncovered]     with --uncovered, the numbers of the lines that no test ran too
 #
-# Programs that a test kills write no counts, so the figures are a little low. Takes about twenty minutes.
+# Programs killed by a test write no counts, so the figures are a little low. Takes about twenty minutes.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -13,18 +13,18 @@ build=build/mingw-coverage
 cmake --preset mingw-coverage > /dev/null
 cmake --build --preset mingw-coverage
 
-# The counts' paths are Unix ones. A program that runs on another drive than Z: needs to be told where they lie;
-# each test program has a folder of its own there (tools/wine.sh).
+# The counts have Unix paths. A program on a drive other than Z: must be told where they are; each test
+# program has a folder of its own there (tools/wine.sh).
 runs=$PWD/$build/coverage
 rm -rf "$runs"
 mkdir -p "$runs"
 export GCOV_PREFIX="Z:$runs/runs"
-# Left out: what judges the program's file, which is larger when it counts.
+# Left out: the checks of the program's file, which is larger when instrumented.
 ctest --test-dir "$build" --output-on-failure --parallel 4 \
   --exclude-regex '^(program_file|release_build|publisher_key|dll_planting)_test$'
 
 find "$build" -path "$build/coverage" -prune -o -name '*.gcda' -exec rm {} +
-# The merging tool makes no folders, and now and then dies of a fault of its own.
+# The merge tool creates no folders, and occasionally crashes by itself.
 merge_run() {
   for _ in 1 2 3; do
     rm -rf "$runs/next"

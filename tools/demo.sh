@@ -1,11 +1,11 @@
 #!/bin/sh
-# Shows the whole life of a client directory with the real programs, on files of this machine:
+# Shows the life cycle of a client directory with the real programs, on files of this machine:
 #
 #   tools/demo.sh [DIR]
 #
-# DIR is the game's data; without it, libraries of the compiler are taken (at least 300 files, 64 MiB). Files that
-# no release can carry are left out, and at most 1,000 are taken. Installs what is missing and builds first.
-# Everything happens below build/demo. The exit code is 0 only when every step went as it says.
+# DIR is the game's data; without it, libraries of the compiler are used (at least 300 files, 64 MiB). Files
+# that a release cannot contain are left out, and at most 1,000 are used. Installs what is missing and builds
+# first. Everything happens below build/demo. The exit code is 0 only when every step went as announced.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -49,8 +49,8 @@ wine_run() {
 
 # --- the game's data -------------------------------------------------------------------------------------------
 
-# The files below a directory that a release can carry, with their sizes, in a stable order: plain names, one
-# link, not empty, no path that is too long to be staged.
+# The files below a directory that a release can contain, with their sizes, in a stable order: plain names,
+# one link, not empty, no path that is too long to be staged.
 list_usable() {
   find "$1" -type f -links 1 -size +0 -readable -printf '%s %P\n' |
     grep -E '^[0-9]+ [A-Za-z0-9._/-]{1,120}$' | grep -vE '\.(/|$)' | LC_ALL=C sort -k 2
@@ -93,7 +93,7 @@ start_client() {
   TALVEX_CLIENT_LOG='C:\demo\client.log' wine_run "$client/Talvex.exe" "$@" > /dev/null || code=$?
 }
 
-# Waits for a line of the log that begins so, and shows the log.
+# Waits for a line of the log that begins like this, and shows the log.
 client_says() {
   for _ in $(seq 1200); do
     if grep -q "^$1" "$log"; then
@@ -111,7 +111,7 @@ exits_with() {
   [ "$code" = "$1" ] || { echo "   The client ended with exit code $code instead of $1."; return 1; }
 }
 
-# The lines of a comparison that matter: directories in which a release has left no file may stay.
+# The lines of a comparison that matter: directories that a release has emptied may stay.
 without_empty_directories() {
   while read -r line; do
     directory=$(echo "$line" | sed -n 's|^Only in \(.*\): \(.*\)$|\1/\2|p')
@@ -121,7 +121,7 @@ without_empty_directories() {
   done
 }
 
-# Everything but the updater's own records has to be the release, byte for byte.
+# Everything except the updater's own records must match the release, byte for byte.
 client_equals() {
   differences=$(diff -r --exclude='.talvex-update*' --exclude='TalvexUpdateState.dat' \
     --exclude='TalvexUpdateFailure.dat' "$place/releases/$1/files" "$client" | without_empty_directories)

@@ -22,11 +22,11 @@ fi
 
 folder=build/fuzz
 mkdir -p "$folder"
-flags="-std=c++20 -O1 -gline-tables-only -Wall -Wextra -Werror -fno-sanitize-recover=all -I. -Itools/fuzz/host"
+flags="-std=c++20 -O1 -gline-tables-only -Wall -Wextra -Werror -fno-sanitize-recover=all -I. -Ifuzz/host"
 objects=
 # The program's own sources are watched, the check is only to be fast.
-for source in app/handle_operand core/text_encoding core/update_error formats/apply_plan \
-  formats/installed_state formats/manifest formats/relative_path formats/rollback_journal formats/text_lines \
+for source in core/text_encoding core/transaction_handles core/update_error formats/apply_plan \
+  formats/installed_state formats/manifest formats/relative_path formats/rollback_journal formats/text_lines storage/update_layout \
   tests/support/parser_cases tests/support/parser_check; do
   object=$folder/$(basename "$source").o
   case $source in
@@ -42,7 +42,7 @@ done
 for parser in $all; do
   # shellcheck disable=SC2086
   "$clang" $flags -fsanitize=fuzzer,address,undefined -DTALVEX_PARSER="\"$parser\"" \
-    tools/fuzz/parser_fuzzer.cpp $objects -no-pie -Wl,--unresolved-symbols=ignore-in-object-files \
+    fuzz/parser_fuzzer.cpp $objects -no-pie -Wl,--unresolved-symbols=ignore-in-object-files \
     -o "$folder/$parser-fuzzer"
 done
 
@@ -60,7 +60,7 @@ for parser in "$@"; do
   esac
   # One allocation of more than 16 MiB, or five seconds spent on one text, is a fault too.
   "$folder/$parser-fuzzer" -runs="$runs" -max_len=$longest -timeout=5 -malloc_limit_mb=16 -print_funcs=0 \
-    -print_final_stats=1 -dict=tools/fuzz/words.dict -artifact_prefix="$folder/$parser-" "$folder/$parser" \
+    -print_final_stats=1 -dict=fuzz/words.dict -artifact_prefix="$folder/$parser-" "$folder/$parser" \
     > "$folder/$parser.log" 2>&1 || {
     tail -40 "$folder/$parser.log" >&2
     exit 1

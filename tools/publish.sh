@@ -58,12 +58,12 @@ client=$(cd "$client" && pwd)
 mkdir -p "$(dirname "$release")"
 release=$(cd "$(dirname "$release")" && pwd)/$(basename "$release")
 
-# Windows programs see such a link as the file that it points to, and would publish that.
+# Windows programs see such a link as the file that it points to, and would publish that file.
 links=$(find "$client" -type l)
 [ -z "$links" ] || fail "a release cannot hold symbolic links:
 $links"
 
-# Under another name until it is whole: an interrupted run leaves nothing that looks like a release.
+# Under another name until it is complete: an interrupted run leaves nothing that looks like a release.
 making=$release.making
 rm -rf "$making"
 mkdir -p "$making/files"
@@ -77,7 +77,7 @@ tab=$(printf '\t')
 sed -n "s/^file${tab}[^$tab]*${tab}[^$tab]*${tab}//p" "$making/manifest.txt" |
   tar -C "$client" --no-recursion --verbatim-files-from -T - -cf - |
   tar -C "$making/files" -xf -
-# The tree could have changed since it was described.
+# The tree could have changed since it was hashed.
 sed -n "s/^file${tab}[^$tab]*${tab}\([^$tab]*\)${tab}/\1  /p" "$making/manifest.txt" |
   (cd "$making/files" && sha256sum --quiet --check -) || fail "the client directory changed while it was published"
 mv "$making" "$release"

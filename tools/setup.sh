@@ -1,5 +1,5 @@
 #!/bin/sh
-# Installs what building and testing need on Debian or Ubuntu, and nothing that is there already.
+# Installs what building and testing need on Debian or Ubuntu and is not there already.
 set -eu
 
 missing=
@@ -24,7 +24,7 @@ find_missing() {
   need xvfb command -v Xvfb
   need imagemagick command -v import
   need fonts-dejavu-core test -d /usr/share/fonts/truetype
-  # The signs on the buttons of a title bar; without it the picture of the status window shows digits there.
+  # The symbols on title bar buttons; without this font the picture of the status window shows digits there.
   need fonts-wine test -e /usr/share/wine/fonts/marlett.ttf
 }
 
@@ -49,13 +49,13 @@ install_missing() {
   if [ "$(dpkg --print-architecture)" != i386 ] && ! dpkg --print-foreign-architectures | grep -qx i386; then
     as_root dpkg --add-architecture i386
   fi
-  # The index of a source that has nothing to do with us may fail; what counts is whether the packages install.
+  # The index of an unrelated source may fail; what counts is whether the packages install.
   as_root apt-get update || echo "setup: some package lists could not be fetched; going on" >&2
   if apt-cache show libgnutls30t64 2> /dev/null | grep -q .; then
     missing=$(echo "$missing" | sed 's/libgnutls30:/libgnutls30t64:/')  # its name on newer systems
   fi
-  # Both architectures must get the same version of each shared library. Where the updates of one of them are
-  # behind, only the release itself has such a pair.
+  # Both architectures must get the same version of each shared library. If the updates of one of them are
+  # behind, only the release itself has matching versions.
   # shellcheck disable=SC1091
   . /etc/os-release
   for release in '' "${VERSION_CODENAME:-}"; do

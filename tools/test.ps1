@@ -2,16 +2,16 @@
 #
 #   powershell -ExecutionPolicy Bypass -File tools\test.ps1 FOLDER
 #
-# FOLDER is a build folder, or what was copied out of one that was cross-built: its programs, tests\, fixtures\
-# and development-key\. Counts and ends like tools/test.sh: the last line counts the cases, and the exit code is
-# 0 only when some ran, none failed, none was skipped, and nothing was left behind.
-# (Not run on a Windows machine yet.)
+# FOLDER is a build folder, or a copy of these from a cross-built one: its programs, tests\, fixtures\ and
+# development-key\. Counts and ends like tools/test.sh: the last line counts the cases, and the exit code is 0
+# only when some ran, none failed, none was skipped, and nothing was left behind. (Not run on a Windows
+# machine yet.)
 param([Parameter(Mandatory = $true)][string]$Folder)
 Set-StrictMode -Version 2
 $ErrorActionPreference = 'Stop'
 
 $Folder = (Resolve-Path $Folder).Path.TrimEnd('\')
-# Tests make their folders in the temporary one: an empty one of our own shows what they have forgotten.
+# Tests create their folders in the temporary one: an empty one of our own shows what they leave behind.
 $temporary = Join-Path ([IO.Path]::GetTempPath()) "talvex-tests-$PID"
 New-Item -ItemType Directory -Path $temporary | Out-Null
 $env:TEMP = $temporary
@@ -38,7 +38,7 @@ foreach ($program in Get-ChildItem (Join-Path $Folder 'tests') -Filter '*_test.e
   $bad = @($lines -match '^\[  FAILED  \] .* \([0-9]+ ms\)').Count
   if (-not $ended_well) {
     $lines | Write-Host
-    $bad = [Math]::Max($bad, 1)  # a crash: no line says so
+    $bad = [Math]::Max($bad, 1)  # a crash, which no line reports
   }
   $lines -match '^counted: ' | Write-Host
   $passed += @($lines -match '^\[       OK \] ').Count
@@ -47,7 +47,7 @@ foreach ($program in Get-ChildItem (Join-Path $Folder 'tests') -Filter '*_test.e
 }
 Pop-Location
 
-# A program that was just told to end gets two seconds to do so.
+# A program that was just told to exit gets two seconds to do so.
 function Get-Left {
   Get-Process | Where-Object {
     $_.Path -and ($_.Path.StartsWith("$Folder\", [StringComparison]::OrdinalIgnoreCase) -or

@@ -28,9 +28,9 @@ passed=$(grep -cE '^(\[       OK \] |ok - )' "$log.lines" || true)
 failed=$(grep -cE '^(\[  FAILED  \] .* \([0-9]+ ms\)|not ok - )' "$log.lines" || true)
 skipped=$(grep -cE '^(\[  SKIPPED \] .* \([0-9]+ ms\)|skip - )' "$log.lines" || true)
 if [ "$succeeded" = no ] && [ "$failed" = 0 ]; then
-  failed=1  # a crash, a time-out or something left behind: no line says so
+  failed=1  # a crash, a time-out or something left behind, which no line reports
 fi
-# What the large tests have counted, and the sums of the fault matrix.
+# The counts of the large tests, and the sums of the fault matrix.
 sed -n 's/^counted: //p' "$log.lines"
 awk '/^counted: .* points:/ {
   for (i = 2; i <= NF; ++i) {

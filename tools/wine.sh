@@ -1,9 +1,9 @@
 #!/bin/sh
-# A Wine of the project's own, in a folder of its own, so that no test or demo touches anybody's ~/.wine.
+# The project's own Wine, in a folder of its own, so that no test or demo touches ~/.wine.
 #
-#   tools/wine.sh FOLDER start             makes prefix and display, and keeps both ready until "stop"
+#   tools/wine.sh FOLDER start             creates prefix and display, and keeps both ready until "stop"
 #   tools/wine.sh FOLDER run PROGRAM...    runs a Windows program in it
-#   tools/wine.sh FOLDER run-tests PROGRAM...   runs a GoogleTest program, its output passed on when it has ended
+#   tools/wine.sh FOLDER run-tests PROGRAM...   runs a GoogleTest program, its output passed on at its end
 #   tools/wine.sh FOLDER stop              ends it; fails when programs or temporary files were left behind
 set -eu
 
@@ -20,9 +20,9 @@ shift 2
 
 export WINEPREFIX="$folder/prefix"
 export WINEARCH=win32
-export LC_ALL=C.UTF-8  # in a locale without UTF-8, Wine makes no files with names beyond ASCII
+export LC_ALL=C.UTF-8  # in a locale without UTF-8, Wine creates no files with names beyond ASCII
 export WINEDEBUG="${WINEDEBUG:--all}"
-# No offers to download Mono or Gecko; and no debugger, whose window would keep a crashed program forever.
+# No offers to download Mono or Gecko, and no debugger, whose window would keep a crashed program alive.
 export WINEDLLOVERRIDES="mscoree,mshtml,winedbg.exe=${WINEDLLOVERRIDES:+;$WINEDLLOVERRIDES}"
 temporary="$WINEPREFIX/drive_c/temp"
 
@@ -33,7 +33,7 @@ use_display() {
   fi
 }
 
-# The command lines of the programs that run in this prefix and are not Wine's own.
+# The command lines of the programs running in this prefix that are not Wine's own.
 programs_left() {
   grep -lzxF "WINEPREFIX=$WINEPREFIX" /proc/[0-9]*/environ 2> /dev/null | while read -r environment; do
     command=$(tr '\0' ' ' 2> /dev/null < "${environment%/environ}/cmdline" || true)
@@ -53,7 +53,7 @@ make_prefix() {
     wine reg add 'HKCU\Environment' /v $name /d 'C:\temp' /f > /dev/null 2>&1
   done
   mkdir -p "$temporary"
-  # The signs on the buttons of a title bar. Debian's Wine does not look where Debian puts this font.
+  # The symbols on title bar buttons. Debian's Wine does not look where Debian installs this font.
   marlett=/usr/share/wine/fonts/marlett.ttf
   [ ! -e $marlett ] || cp $marlett "$WINEPREFIX/drive_c/windows/Fonts/"
   wineserver --wait
@@ -61,7 +61,7 @@ make_prefix() {
 }
 
 start() {
-  stop > /dev/null 2>&1 || true  # what an interrupted run has left
+  stop > /dev/null 2>&1 || true  # left by an interrupted run
   if [ -z "${DISPLAY:-}" ]; then
     : > "$folder/display"
     Xvfb -displayfd 3 -screen 0 1280x1024x24 -nolisten tcp 3> "$folder/display" > /dev/null 2>&1 &
@@ -75,14 +75,14 @@ start() {
   [ -e "$folder/ready" ] || make_prefix
   rm -rf "${temporary:?}"
   mkdir -p "$temporary"
-  # Wine ends its services with the last program, and starting them again takes most of a second. This one
-  # stays until "stop".
+  # Wine ends its services with the last program, and restarting them takes most of a second. This one runs
+  # until "stop".
   wine 'C:\windows\system32\ping.exe' -n 7200 127.0.0.1 < /dev/null > /dev/null 2>&1 &
   wine 'C:\windows\system32\cmd.exe' /c exit > /dev/null 2>&1  # returns when the services have started
 }
 
 stop() {
-  # A program that was just told to end gets two seconds to do so.
+  # A program that was just told to exit gets two seconds to do so.
   for _ in $(seq 20); do
     left=$(programs_left)
     [ -n "$left" ] || break
@@ -93,7 +93,7 @@ stop() {
   if [ -f "$folder/xvfb.pid" ]; then
     xvfb=$(cat "$folder/xvfb.pid")
     rm -f "$folder/xvfb.pid" "$folder/display"
-    # The number may be another program's by now.
+    # The process id may be another program's by now.
     if grep -q Xvfb "/proc/$xvfb/comm" 2> /dev/null; then
       kill "$xvfb"
     fi
@@ -103,7 +103,7 @@ stop() {
     echo "$left"
     return 1
   fi
-  # Tests use symbolic links in place of junctions. Asked to remove one, Wine removes what it leads to.
+  # Tests use symbolic links instead of junctions. When removing one, Wine removes its target.
   find "$temporary" -type l -delete 2> /dev/null || true
   find "$temporary" -mindepth 1 -depth -type d -empty -delete 2> /dev/null || true
   if [ -n "$(ls -A "$temporary" 2> /dev/null)" ]; then
@@ -122,15 +122,15 @@ case $action in
     ;;
   run-tests)
     use_display
-    # Two programs that add their counts to one file at the same time would lose some (tools/coverage.sh).
+    # Two programs that add their counts to the same file at once would lose some (tools/coverage.sh).
     [ -z "${GCOV_PREFIX:-}" ] || export GCOV_PREFIX="$GCOV_PREFIX/$$"
-    # Wine's own processes that a program starts inherit its output and outlive it. Given a pipe, whoever reads
-    # it would wait for them too.
+    # Wine processes started by a program inherit its output and outlive it. With a pipe, its reader would
+    # wait for them too.
     output=$(mktemp)
     result=0
     wine "$@" > "$output" 2>&1 < /dev/null || result=$?
     cat "$output"
-    # A program that something has killed can look to Wine like one that succeeded.
+    # Wine may report success for a program that was killed.
     if [ "$result" = 0 ] && { ! grep -q '^\[  PASSED  \]' "$output" || grep -q '^\[  FAILED  \]' "$output"; }; then
       echo "The program ended before its tests did, or says that it has succeeded when they have not."
       result=1

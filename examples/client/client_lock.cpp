@@ -14,16 +14,16 @@ constexpr DWORD kClosingWaitMs = 2'000;
 constexpr DWORD kPollMs = 50;
 constexpr DWORD kHandoverWaitMs = 10'000;
 constexpr DWORD kPathCapacity = 32'768;  // characters
-// Global: a second user of the machine, in another session, may start the same client.
-constexpr std::wstring_view kNamePrefix = L"Global\\TalvexClient-";
-constexpr std::wstring_view kHelperNamePrefix = L"Global\\TalvexHelper-";
+// Global, because another user of the machine, in another session, may start the same client.
+constexpr wchar_t kNamePrefix[] = L"Global\\TalvexClient-";
+constexpr wchar_t kHelperNamePrefix[] = L"Global\\TalvexHelper-";
 
-constexpr std::wstring_view kUnnamed = L"Could not name the ownership lock";
-constexpr std::wstring_view kNotOpened = L"Could not open the ownership lock";
-constexpr std::wstring_view kTaken = L"Talvex already runs from this directory, or is being updated.";
-constexpr std::wstring_view kNotHandedOver = L"The helper did not hand over its ownership lock.";
+constexpr wchar_t kUnnamed[] = L"Could not name the ownership lock";
+constexpr wchar_t kNotOpened[] = L"Could not open the ownership lock";
+constexpr wchar_t kTaken[] = L"Talvex already runs from this directory, or is being updated.";
+constexpr wchar_t kNotHandedOver[] = L"The helper did not hand over its ownership lock.";
 
-// What cannot be opened for another reason than that it is not there belongs to another user's helper.
+// An event that exists but cannot be opened belongs to another user's helper.
 bool HelperRuns(const std::wstring& event_name) noexcept {
   const OwnedHandle event(OpenEventW(SYNCHRONIZE, FALSE, event_name.c_str()));
   return event.IsValid() || GetLastError() != ERROR_FILE_NOT_FOUND;
@@ -56,12 +56,11 @@ bool ClientLock::Take(const std::wstring& client_root, UpdateError& error) {
   const std::wstring event_name = std::wstring(kHelperNamePrefix) + name;
   mutex_.Reset(CreateMutexW(nullptr, FALSE, mutex_name.c_str()));
   if (!mutex_.IsValid()) {
-    SetWindowsError(error, kNotOpened, GetLastError());
-    return false;
+    return RefuseWithWindowsError(error, kNotOpened, GetLastError());
   }
   const ULONGLONG deadline = GetTickCount64() + kClosingWaitMs;
   do {
-    // Order: the helper is looked for with the lock held, because then nobody else can start one.
+    // Order: the lock before the check for a helper, because with the lock held nobody else can start one.
     if (Acquire(kClosingWaitMs) && !HelperRuns(event_name)) {
       return true;
     }
@@ -73,9 +72,9 @@ bool ClientLock::Take(const std::wstring& client_root, UpdateError& error) {
 
 bool ClientLock::TakeOver(OwnedHandle mutex, UpdateError& error) {
   mutex_ = std::move(mutex);
-  // Each later child process gets the lock by name of its handle alone, never by accident.
+  // Later child processes get the lock only if its handle is listed for them, never by accident.
   SetHandleInformation(mutex_.Get(), HANDLE_FLAG_INHERIT, 0);
-  return Acquire(kHandoverWaitMs) ? true : Refuse(error, kNotHandedOver);
+  return Acquire(kHandoverWaitMs) || Refuse(error, kNotHandedOver);
 }
 
 void ClientLock::Release() noexcept {
@@ -84,7 +83,7 @@ void ClientLock::Release() noexcept {
   }
 }
 
-// A lock whose owner died counts as taken: what that process left behind is looked at next.
+// An abandoned lock counts as acquired: what its owner left behind is checked next.
 bool ClientLock::Acquire(DWORD wait_ms) noexcept {
   const DWORD result = WaitForSingleObject(mutex_.Get(), wait_ms);
   owned_ = result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
@@ -100,8 +99,7 @@ bool AnnounceHelper(const std::wstring& client_root, OwnedHandle& event, UpdateE
   SECURITY_ATTRIBUTES inheritable{sizeof(inheritable), nullptr, TRUE};
   event.Reset(CreateEventW(&inheritable, TRUE, FALSE, event_name.c_str()));
   if (!event.IsValid()) {
-    SetWindowsError(error, kNotOpened, GetLastError());
-    return false;
+    return RefuseWithWindowsError(error, kNotOpened, GetLastError());
   }
   return true;
 }

@@ -6,14 +6,14 @@
 #include <cstdint>
 #include <string>
 
-#include "apply/client_relaunch.h"
+#include "core/handoff_variables.h"
 #include "core/text_encoding.h"
 
 namespace talvex::example {
 namespace {
 
 std::wstring TakeVariable(const wchar_t* name) {
-  std::array<wchar_t, kDigestHexLength + 1> value{};  // the longer of the two, and its closing zero
+  std::array<wchar_t, kDigestHexLength + 1> value{};  // the longer of the two, with its terminating zero
   const DWORD length = GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size()));
   SetEnvironmentVariableW(name, nullptr);
   return length < value.size() ? std::wstring(value.data(), length) : std::wstring();
@@ -32,7 +32,7 @@ Handoff TakeHandoff() {
   }
   auto* const lock = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(lock_value));
   if (GetHandleInformation(lock, &flags)) {
-    handoff.lock.Reset(lock);  // also without a digest: a lock that nobody closes would outlive its use
+    handoff.lock.Reset(lock);  // also without a digest: otherwise the handle would leak
     handoff.present = ParseHexDigest(WideToUtf8(digest_text), handoff.manifest_digest);
   }
   return handoff;

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the helper tells the client that it starts after an update, through two variables of the environment.
+// What the helper passes to the client that it starts after an update, in two environment variables.
 
 #include "core/owned_handle.h"
 #include "core/sha256_digest.h"
@@ -13,8 +13,8 @@ struct Handoff {
   OwnedHandle lock;              // the ownership lock, inherited
 };
 
-// Reads both variables and removes them, so that no process that this one starts takes them for its own. Half
-// a handoff, or one that cannot be read, is none: the client then starts as if it had been started by hand.
+// Reads both variables and removes them, so that no child process takes them for its own. An incomplete or
+// unreadable handoff counts as none: the client then behaves as if it had been started by hand.
 [[nodiscard]] Handoff TakeHandoff();
 
 }  // namespace talvex::example

@@ -7,8 +7,8 @@
 
 #include "core/publisher_key.h"
 #include "core/regular_file.h"
-#include "core/sha256.h"
 #include "core/whole_file.h"
+#include "formats/managed_file.h"
 #include "formats/text_lines.h"
 #include "formats/verified_cache.h"
 #include "storage/client_root.h"
@@ -16,22 +16,22 @@
 namespace talvex::example {
 namespace {
 
-// The part of a game that a release can break. A client of yours has a real start here: load the engine, open
-// the archives, draw a frame.
-constexpr std::wstring_view kStartScriptName = L"start.cfg";
+// The part of a game that a release can break. Your client does a real start here: load the engine, open the
+// archives, draw a frame.
+constexpr wchar_t kStartScriptName[] = L"start.cfg";
 constexpr std::uint32_t kStartScriptSizeLimit = 4'096;  // bytes
-constexpr std::string_view kStartScriptOfWorkingClient = "start=ok";
-constexpr std::string_view kStartScriptOfDyingClient = "start=die";
+constexpr char kStartScriptOfWorkingClient[] = "start=ok";
+constexpr char kStartScriptOfDyingClient[] = "start=die";
 constexpr UINT kExitOfDyingClient = 99;
 
-// For a scanner or an indexer that holds a new file for a moment: only what stays wrong is broken.
+// A scanner or an indexer may hold a new file for a moment: only what stays wrong is broken.
 constexpr int kAttempts = 4;
 constexpr DWORD kRetryMs = 500;
 
-constexpr std::wstring_view kFileDiffers = L"A file differs from its release.";
-constexpr std::wstring_view kNoneInstalled = L"No installed release can be proved.";
-constexpr std::wstring_view kOtherInstalled = L"Another release than the one just installed is recorded.";
-constexpr std::wstring_view kStartCrashes = L"The start script asks for a crash.";
+constexpr wchar_t kFileDiffers[] = L"A file differs from its release.";
+constexpr wchar_t kNoneInstalled[] = L"No installed release can be proved.";
+constexpr wchar_t kOtherInstalled[] = L"Another release than the one just installed is recorded.";
+constexpr wchar_t kStartCrashes[] = L"The start script asks for a crash.";
 
 template <typename Check>
 bool SucceedsInTime(Check check) {
@@ -51,12 +51,7 @@ bool IsFileOfRelease(const std::wstring& directory, const ManifestEntry& entry, 
   if (!ResolveCheckedPath(directory, entry.normalised_path, path, error)) {
     return false;
   }
-  Sha256Digest digest;
-  std::uint64_t size = 0;
-  if (!Sha256OfFile(path, entry.size, digest, size, error)) {
-    return false;
-  }
-  return size == entry.size && DigestsEqual(digest, entry.digest) ? true : Refuse(error, kFileDiffers);
+  return VerifyManagedFile(path, entry, entry.size, kFileDiffers, error);
 }
 
 bool CheckFiles(const std::wstring& client_root, const Sha256Digest* expected, Manifest& installed,
@@ -69,8 +64,12 @@ bool CheckFiles(const std::wstring& client_root, const Sha256Digest* expected, M
     return Refuse(error, kOtherInstalled);
   }
   for (const ManifestEntry& entry : installed.entries) {
-    if (!SucceedsInTime([&] { return IsFileOfRelease(client_root, entry, error); })) {
-      return Refuse(error, entry.normalised_path + L": " + error.Message());
+    if (!SucceedsInTime([&] {
+          error = {};  // only the last attempt's message counts
+          return IsFileOfRelease(client_root, entry, error);
+        })) {
+      SetError(error, entry.normalised_path + L": " + error.Message());
+      return false;
     }
   }
   return true;
@@ -88,7 +87,7 @@ bool TryToStart(const std::wstring& client_root, UpdateError& error) {
   if (AsText(script).starts_with(kStartScriptOfDyingClient)) {
     TerminateProcess(GetCurrentProcess(), kExitOfDyingClient);
   }
-  return AsText(script).starts_with(kStartScriptOfWorkingClient) ? true : Refuse(error, kStartCrashes);
+  return AsText(script).starts_with(kStartScriptOfWorkingClient) || Refuse(error, kStartCrashes);
 }
 
 }  // namespace talvex::example

@@ -1,7 +1,7 @@
 #pragma once
 
-// The start of the helper in its two transaction modes. The client exits right afterwards; the helper waits
-// for that before it changes anything.
+// Starts the helper in its two transaction modes. The client exits right afterwards; the helper waits for
+// that before it changes anything.
 
 #include <windows.h>
 
@@ -26,8 +26,8 @@ namespace talvex::example {
 // ParseRollbackJournal and VerifyRecoveryManifest.
 [[nodiscard]] bool StartRollback(const std::wstring& client_root, HANDLE lock, UpdateError& error);
 
-// Removes the copies of the helper that earlier runs have left, but for one that still runs. (A helper that
-// installed a release asks Windows to delete it at the next restart; Windows grants that to administrators.)
+// Removes the copies of the helper that earlier runs have left, except one that still runs. (A helper that
+// installed a release asks Windows to delete it at the next restart, which works for administrators only.)
 // Call it while holding the ownership lock.
 void RemoveOldHelpers(const std::wstring& client_root);
 

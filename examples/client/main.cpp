@@ -1,4 +1,4 @@
-// Talvex.exe: a game client without the game. It does everything that a client has to do to live with the
+// Talvex.exe: a game client without the game. It does everything that a client has to do to work with the
 // helper, and logs it in plain lines; copy from it.
 //
 //   Talvex.exe                        starts the client
@@ -6,8 +6,8 @@
 //
 // Exit codes:
 //   0   the client ran; or the release is installed already
-//   1   it could not: the last line of the log says why
-//   2   the command line is none of the two above
+//   1   failure: the last line of the log says why
+//   2   the command line is neither of the two above
 //   3   the helper was started to install a release, and will start the client again
 //   4   the helper was started to restore the previous release
 //
@@ -15,9 +15,9 @@
 //   restarted after an update                    by the helper, with its handoff
 //   found an unfinished update                   a rollback journal that no client has settled
 //   healthy release=ID sequence=N                the check after an update passed
-//   broken: REASON                               ... or did not; or the one that clears what an update left
+//   broken: REASON                               ... or failed; also the check before leftovers are cleared
 //   rollback started
-//   no rollback: REASON                          ... and the newer release goes in instead
+//   no rollback: REASON                          ... and the newer release is installed instead
 //   may be installed again                       the release rolled back was cut off, never started
 //   running release=ID sequence=N                or: running without a recorded release
 //   installed already release=ID sequence=N
@@ -31,11 +31,11 @@
 #include <shellapi.h>
 
 #include <algorithm>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "core/local_memory.h"
 #include "core/publisher_key.h"
 #include "core/regular_file.h"
 #include "core/system_library.h"
@@ -47,11 +47,11 @@
 #include "examples/client/log.h"
 #include "examples/client/release_offer.h"
 #include "examples/client/staging.h"
-#include "formats/failure_marker.h"
 #include "formats/installed_state.h"
 #include "formats/rollback_journal.h"
 #include "formats/verified_cache.h"
 #include "storage/client_root.h"
+#include "storage/update_layout.h"
 #include "storage/work_storage.h"
 
 namespace talvex::example {
@@ -59,24 +59,24 @@ namespace {
 
 constexpr int kExitDone = 0;
 constexpr int kExitFailed = 1;
-constexpr int kExitUnusable = 2;
+constexpr int kExitUsage = 2;
 constexpr int kExitUpdateStarted = 3;
 constexpr int kExitRollbackStarted = 4;
 
-constexpr std::wstring_view kUpdateOption = L"--update";
+constexpr wchar_t kUpdateOption[] = L"--update";
 constexpr DWORD kPathCapacity = 32'768;  // characters
 
-// Notes from one start of the client to the next, empty files: in `previous`, and gone with it, that the
-// release was started and has not said yet that it runs, and that a rollback was started; in the work
-// directory, that the release being rolled back was never started.
-constexpr std::wstring_view kFailedNoteName = L"failed";
-constexpr std::wstring_view kRestoringNoteName = L"restoring";
-constexpr std::wstring_view kInterruptedNoteName = L"interrupted";
+// Empty files as notes from one start of the client to the next. In `previous`, and removed with it: the
+// release was started and has not yet proved healthy; a rollback was started. In the work directory: the
+// release being rolled back was never started.
+constexpr wchar_t kFailedNoteName[] = L"failed";
+constexpr wchar_t kRestoringNoteName[] = L"restoring";
+constexpr wchar_t kInterruptedNoteName[] = L"interrupted";
 
-constexpr std::wstring_view kDriveRoot = L"Talvex cannot be updated at the top of a drive.";
-constexpr std::wstring_view kDiedAtStart = L"The last start of this release did not come to its end.";
-constexpr std::wstring_view kLeftover = L"A file of an unfinished update was left behind.";
-constexpr std::wstring_view kRestoredInVain = L"An earlier rollback did not come to its end.";
+constexpr wchar_t kDriveRoot[] = L"Talvex cannot be updated at the top of a drive.";
+constexpr wchar_t kDiedAtStart[] = L"The last start of this release did not come to its end.";
+constexpr wchar_t kLeftover[] = L"A file of an unfinished update was left behind.";
+constexpr wchar_t kRestoredInVain[] = L"An earlier rollback did not come to its end.";
 
 int Fail(const UpdateError& error) {
   LogLine(L"ERROR: " + error.Message());
@@ -100,7 +100,7 @@ std::wstring FindClientRoot(UpdateError& error) {
   return ResolveClientRoot(directory, error);
 }
 
-// A note that cannot be written is done without: each of them only makes a rare case end better.
+// A failure to write a note is ignored: each note only improves a rare case.
 void LeaveNote(const std::wstring& path) {
   UpdateError unreported;
   static_cast<void>(WriteNewFile(path, {}, unreported));
@@ -121,8 +121,7 @@ class Client {
     RemoveOldHelpers(client_root_);
     LiftMarkerOfInterrupted();
     const bool updates = !release_directory.empty();
-    // In both cases a newer release can still make the directory whole: the player must not be locked out of
-    // it.
+    // In both cases a newer release can still repair the directory: it must not be kept from the player.
     if (!handoff.present && !MayExist(journal_)) {
       if (!ClearLeftoverData(error) && !updates) {
         return Fail(error);
@@ -149,17 +148,17 @@ class Client {
     return lock_.Take(client_root_, error);
   }
 
-  // An update is settled when a client of it has found itself healthy, or was rolled back. A journal without
-  // a handoff is left by one that never came so far: the helper was killed, the power failed, the restart
-  // did, or the restarted client crashed. A whole release, be it the new one or the previous one, needs no
-  // rollback, and then nobody needs the copies any longer.
+  // An update is settled when its client has found itself healthy, or was rolled back. A journal without a
+  // handoff is left by an update that never got that far: the helper was killed, the power failed, the
+  // restart failed, or the restarted client crashed. An intact release, whether the new or the previous one,
+  // needs no rollback, and then the copies are no longer needed.
   bool SettleUpdate(const Handoff& handoff) {
     if (!handoff.present) {
       LogLine(L"found an unfinished update");
     }
     Manifest installed;
     UpdateError error;
-    DeleteFileW(interrupted_note_.c_str());  // of an earlier rollback, which did not come to its end
+    DeleteFileW(interrupted_note_.c_str());  // left by an earlier rollback that did not finish
     if (!IsHealthy(handoff, installed, error)) {
       LogLine(L"broken: " + error.Message());
       if (handoff.present) {
@@ -174,16 +173,15 @@ class Client {
     return true;
   }
 
-  // Copies without a journal can undo nothing: an update that had changed nothing yet has left them, or a
-  // clearing that was cut off. The release is whole, then, and nobody needs them. One that is not whole
-  // cannot be rolled back, and is not played either: an update repairs it.
+  // Copies without a journal cannot undo anything: they were left by an update that had changed nothing yet,
+  // or by a cleanup that was cut off. An intact release does not need them. A damaged one cannot be rolled
+  // back, and is not started either: an update repairs it.
   bool ClearLeftoverData(UpdateError& error) const {
     if (!MayExist(previous_directory_)) {
       return true;
     }
     Manifest installed;
-    if (MayExist(JoinPath(client_root_, kInstalledStateFileName)) &&
-        !CheckFiles(client_root_, nullptr, installed, error)) {
+    if (MayExist(InstalledStatePath(client_root_)) && !CheckFiles(client_root_, nullptr, installed, error)) {
       LogLine(L"broken: " + error.Message());
       return false;
     }
@@ -202,13 +200,13 @@ class Client {
     if (HasLeftovers(installed)) {
       return Refuse(error, kLeftover);
     }
-    // Order: the note before the start, because a process that dies can write nothing any more.
+    // Order: the note before the start, because a process that dies can no longer write one.
     LeaveNote(failed_note_);
     return TryToStart(client_root_, error);
   }
 
   // New files of an update that was cut off before it replaced the first old one: the previous release is
-  // whole, but nobody would ever manage them.
+  // intact, but no release would ever manage them.
   bool HasLeftovers(const Manifest& installed) const {
     RollbackJournal journal;
     UpdateError unreported;
@@ -220,7 +218,7 @@ class Client {
   }
 
   // True when the helper was started. A rollback that was cut off is run again; but one that failed may fail
-  // for ever, so with a newer release at hand only one is tried.
+  // forever, so when a newer release is given, rollback is tried only once.
   bool RollBack(bool has_release, UpdateError& error) {
     if (has_release && MayExist(restoring_note_)) {
       return Refuse(error, kRestoredInVain);
@@ -237,12 +235,12 @@ class Client {
     return true;
   }
 
-  // The helper marks every release that it rolls back as failed. One that was cut off while it was installed
-  // has shown no fault: after the rollback it is welcome again.
+  // The helper marks every release that it rolls back as failed. One whose installation was cut off has shown
+  // no fault: after the rollback it may be installed again.
   void LiftMarkerOfInterrupted() const {
     if (MayExist(interrupted_note_) && !MayExist(journal_)) {
       LogLine(L"may be installed again");
-      DeleteFileW(JoinPath(client_root_, kFailureMarkerFileName).c_str());
+      DeleteFileW(FailureMarkerPath(client_root_).c_str());
       DeleteFileW(interrupted_note_.c_str());
     }
   }
@@ -255,15 +253,15 @@ class Client {
     }
     const ReleaseChanges changes = FindChanges(client_root_, offer);
     if (changes.installs.empty() && changes.retires.empty()) {
-      LogLine(L"installed already " + Describe(offer.manifest));
+      LogLine(L"installed already " + Describe(offer.release.manifest));
       return kExitDone;
     }
     StagedRelease staged;
     if (!StageRelease(client_root_, offer, changes, staged, error)) {
       return Fail(error);
     }
-    LogLine(L"staged " + Describe(offer.manifest) + L" install=" + std::to_wstring(changes.installs.size()) +
-            L" retire=" + std::to_wstring(changes.retires.size()));
+    LogLine(L"staged " + Describe(offer.release.manifest) + L" install=" +
+            std::to_wstring(changes.installs.size()) + L" retire=" + std::to_wstring(changes.retires.size()));
     if (!StartUpdate(client_root_, offer, staged, lock_.Get(), error)) {
       return Fail(error);
     }
@@ -282,31 +280,26 @@ class Client {
   }
 
   const std::wstring client_root_;
-  const std::wstring work_directory_ = JoinPath(client_root_, kWorkDirectoryName);
+  const std::wstring work_directory_ = WorkDirectory(client_root_);
   const std::wstring interrupted_note_ = JoinPath(work_directory_, kInterruptedNoteName);
-  const std::wstring previous_directory_ = JoinPath(work_directory_, kPreviousDirectoryName);
-  const std::wstring journal_ = JoinPath(previous_directory_, kRollbackJournalName);
+  const std::wstring previous_directory_ = PreviousDirectory(client_root_);
+  const std::wstring journal_ = RollbackJournalPath(previous_directory_);
   const std::wstring failed_note_ = JoinPath(previous_directory_, kFailedNoteName);
   const std::wstring restoring_note_ = JoinPath(previous_directory_, kRestoringNoteName);
   ClientLock lock_;
 };
 
-struct LocalFreeDeleter {
-  void operator()(wchar_t** arguments) const noexcept { LocalFree(arguments); }
-};
-
 int RunClient() {
   OpenLog();
   int count = 0;
-  const std::unique_ptr<wchar_t*, LocalFreeDeleter> arguments(CommandLineToArgvW(GetCommandLineW(), &count));
-  const bool updates = arguments != nullptr && count == 3 && arguments.get()[1] == kUpdateOption;
+  const ArgumentVector arguments(CommandLineToArgvW(GetCommandLineW(), &count));
+  const bool updates = arguments != nullptr && count == 3 && std::wstring_view(arguments[1]) == kUpdateOption;
   if (!updates && count != 1) {
-    return kExitUnusable;
+    return kExitUsage;
   }
   UpdateError error;
   const std::wstring client_root = FindClientRoot(error);
-  const std::wstring release_directory =
-      updates ? ResolveClientRoot(arguments.get()[2], error) : std::wstring();
+  const std::wstring release_directory = updates ? ResolveClientRoot(arguments[2], error) : std::wstring();
   if (client_root.empty() || (updates && release_directory.empty())) {
     return Fail(error);
   }

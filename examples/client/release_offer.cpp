@@ -5,27 +5,24 @@
 
 #include "core/publisher_key.h"
 #include "core/text_encoding.h"
-#include "formats/failure_marker.h"
+#include "core/whole_file.h"
 #include "formats/installed_state.h"
-#include "formats/signed_manifest.h"
 #include "formats/text_lines.h"
 #include "formats/verified_cache.h"
-#include "storage/client_root.h"
+#include "storage/update_layout.h"
 
 namespace talvex::example {
 namespace {
 
 constexpr std::uint32_t kFailureMarkerSize = kDigestHexLength + 1;  // the digest and LF
-constexpr std::wstring_view kFailedBefore =
-    L"This release could not start here before. A newer release is needed.";
+constexpr wchar_t kFailedBefore[] = L"This release could not start here before. A newer release is needed.";
 
-// The helper left the marker when it rolled a release back. A marker that cannot be read marks nothing.
+// The helper writes the marker when it rolls a release back. A marker that cannot be read counts as none.
 bool IsMarkedAsFailed(const std::wstring& client_root, const Sha256Digest& manifest_digest) {
   ByteBuffer bytes;
   UpdateError unreported;
   Sha256Digest failed;
-  return ReadWholeFile(JoinPath(client_root, kFailureMarkerFileName), kFailureMarkerSize, bytes,
-                       unreported) &&
+  return ReadWholeFile(FailureMarkerPath(client_root), kFailureMarkerSize, bytes, unreported) &&
          ParseHexDigest(AsText(bytes).substr(0, kDigestHexLength), failed) &&
          DigestsEqual(failed, manifest_digest);
 }
@@ -38,15 +35,9 @@ bool LoadReleaseOffer(const std::wstring& client_root, const std::wstring& direc
   offer.directory = directory;
   InstalledState state;
   offer.has_installed = LoadTrustedState(client_root, PublisherKeyBlob(), state, offer.installed);
-  if (!ReadWholeFile(JoinPath(directory, kManifestFileName), kManifestSizeLimit, offer.manifest_bytes,
-                     error) ||
-      !ReadWholeFile(JoinPath(directory, kSignatureFileName), kSignatureSizeLimit, offer.signature, error) ||
-      !VerifySignedManifest(offer.manifest_bytes, offer.signature, PublisherKeyBlob(), offer.manifest,
-                            error) ||
-      !CheckReleaseOrder(state, offer.manifest, error)) {
-    return false;
-  }
-  return IsMarkedAsFailed(client_root, offer.manifest.digest) ? Refuse(error, kFailedBefore) : true;
+  return LoadSignedManifest(SignedPairIn(directory), PublisherKeyBlob(), offer.release, error) &&
+         CheckReleaseOrder(state, offer.release.manifest, error) &&
+         (!IsMarkedAsFailed(client_root, offer.release.manifest.digest) || Refuse(error, kFailedBefore));
 }
 
 }  // namespace talvex::example

@@ -57,6 +57,7 @@ std::vector<DWORD> ProcessesIn(const OwnedHandle& job) {
 HelperResult RunHelper(const std::wstring& program, const std::vector<std::wstring>& arguments,
                        std::vector<HANDLE> inherited,
                        const std::function<void(DWORD process_id)>& while_running) {
+  GetDesktopWindow();  // Wine starts its desktop program at the first use: here, and not inside the job below
   const ScratchDirectory scratch;
   const std::wstring console = scratch / L"console";
   OwnedHandle output = MakeInheritable(

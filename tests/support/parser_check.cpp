@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "app/handle_operand.h"
 #include "core/text_encoding.h"
+#include "core/transaction_handles.h"
 #include "formats/apply_plan.h"
 #include "formats/installed_state.h"
 #include "formats/manifest.h"

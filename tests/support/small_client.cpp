@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "app/apply_mode.h"
 #include "app/rollback_mode.h"
 #include "apply/apply_transaction.h"
 #include "core/text_encoding.h"
@@ -94,8 +95,20 @@ void SmallClient::Offer(TestRelease old, TestRelease next) {
 }
 
 RunRecord SmallClient::Apply(const FaultPoint& fault) {
+  return RunApply(RunApplyMode, fault);
+}
+
+RunRecord SmallClient::ApplyShownOn(TransactionDisplay& display) {
+  return RunApply(
+      [&](int count, const wchar_t* const* arguments) {
+        return RunApplyTransaction(count, arguments, display);
+      },
+      {});
+}
+
+RunRecord SmallClient::RunApply(const Mode& mode, const FaultPoint& fault) {
   const std::wstring digest = Utf8ToWide(HexDigestOf(new_release.ManifestText()));
-  return Run(RunApplyTransaction,
+  return Run(mode,
              {L"helper", L"--apply-plan", root, JoinPath(JoinPath(root, kWork), digest), L"", digest,
               Utf8ToWide(HexDigestOf(PlanText(new_release, plan_))), L""},
              4, fault);
@@ -105,8 +118,8 @@ RunRecord SmallClient::Rollback(const FaultPoint& fault) {
   return Run(RunRollbackMode, {L"helper", L"--rollback-journal", root, L"", L""}, 3, fault);
 }
 
-RunRecord SmallClient::Run(int (*mode)(int, const wchar_t* const*), std::vector<std::wstring> arguments,
-                           std::size_t parent_operand, const FaultPoint& fault) {
+RunRecord SmallClient::Run(const Mode& mode, std::vector<std::wstring> arguments, std::size_t parent_operand,
+                           const FaultPoint& fault) {
   const HANDLE parent = MakeInheritableEvent(true).Release();
   const HANDLE lock = Duplicate(lock_.Get());
   arguments[parent_operand] = HandleText(parent);

@@ -6,9 +6,11 @@
 #include <windows.h>
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "apply/transaction_display.h"
 #include "core/owned_handle.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/scratch_directory.h"
@@ -31,6 +33,7 @@ class SmallClient {
   // Stages the new release, as the client does before it starts the helper.
   void Stage() const { StageTestRelease(new_release, plan_, root); }
   [[nodiscard]] RunRecord Apply(const FaultPoint& fault = {});
+  [[nodiscard]] RunRecord ApplyShownOn(TransactionDisplay& display);
   [[nodiscard]] RunRecord Rollback(const FaultPoint& fault = {});
 
   // Everything below the root, and making it so.
@@ -54,7 +57,9 @@ class SmallClient {
   RunSettings settings;
 
  private:
-  [[nodiscard]] RunRecord Run(int (*mode)(int, const wchar_t* const*), std::vector<std::wstring> arguments,
+  using Mode = std::function<int(int, const wchar_t* const*)>;
+  [[nodiscard]] RunRecord RunApply(const Mode& mode, const FaultPoint& fault);
+  [[nodiscard]] RunRecord Run(const Mode& mode, std::vector<std::wstring> arguments,
                               std::size_t parent_operand, const FaultPoint& fault);
   [[nodiscard]] std::string WhatIsWrong(const RunRecord& record) const;
 

@@ -1,4 +1,4 @@
-#include "app/handle_operand.h"
+#include "core/transaction_handles.h"
 
 #include <string_view>
 

@@ -1,5 +1,5 @@
-// The floor for memory and start-up: a program that shows a window, lets it draw and ends. With an argument
-// it does not even do that.
+// The baseline for memory and start-up: a program that shows a window, lets it draw and exits. With an
+// argument it exits at once.
 
 #include <windows.h>
 
@@ -17,7 +17,7 @@ int WINAPI WinMain(HINSTANCE instance, HINSTANCE, LPSTR command_line, int) {
   const HWND window = CreateWindowExW(0, window_class.lpszClassName, L"Empty", WS_CAPTION | WS_VISIBLE, 100,
                                       100, 440, 180, nullptr, nullptr, instance, nullptr);
   UpdateWindow(window);
-  Sleep(300);  // long enough to be looked at
+  Sleep(300);  // long enough to be measured
   DestroyWindow(window);
   return 0;
 }

@@ -1,4 +1,4 @@
-#include "tools/bench/workload.h"
+#include "benchmarks/workload.h"
 
 #include <bcrypt.h>
 
@@ -13,7 +13,7 @@
 #include "formats/apply_plan.h"
 #include "formats/text_lines.h"
 #include "storage/client_root.h"
-#include "storage/work_storage.h"
+#include "storage/update_layout.h"
 #include "tests/support/test_release.h"
 
 namespace talvex::bench {
@@ -40,7 +40,7 @@ void WriteRandomFile(const std::wstring& path, std::uint64_t size, std::uint32_t
     }
     size -= length;
   }
-  FlushFileBuffers(file.Get());  // what is measured later must not pay for what was written here
+  FlushFileBuffers(file.Get());  // later measurements must not include these writes
 }
 
 ManifestEntry EntryFor(const std::wstring& path, const std::string& relative_path) {
@@ -55,10 +55,10 @@ ManifestEntry EntryFor(const std::wstring& path, const std::string& relative_pat
   return entry;
 }
 
-// The calls with which an update proves a file two folders deep, and every path that leads to it, anew before
-// each use. None may be left out: a link could have been put there since the last look. The numbers are those
-// of client_root.cpp's operations: two paths resolved and walked for staging, two directories each made sure
-// of for preparation and for installation, and the path walked again for the last proof.
+// The calls with which an update checks a file two folders deep, and every path that leads to it, anew before
+// each use. None may be left out: a link could have been put there since the last check. The numbers are
+// those of client_root.cpp's operations: two paths resolved and walked for staging, two directories ensured
+// for preparation and two for installation, and the path walked again for the final verification.
 void MakeCheckCalls(const std::wstring& folder, const std::wstring& path) {
   constexpr int kResolutions = 27;
   constexpr int kLooks = 34;
@@ -72,7 +72,7 @@ void MakeCheckCalls(const std::wstring& folder, const std::wstring& path) {
     GetFileAttributesW(path.c_str());
   }
   for (int i = 0; i < kDirectories; ++i) {
-    CreateDirectoryW(folder.c_str(), nullptr);  // exists: looked at, not made
+    CreateDirectoryW(folder.c_str(), nullptr);  // exists: checked, not created
   }
   const OwnedHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
@@ -89,17 +89,17 @@ Workload::Workload(const WorkloadSize& size, const std::wstring& helper, const s
   const std::wstring staging = scratch_ / L"client\\.talvex-update\\staging";
   manifest_.release = "bench";
   manifest_.sequence = 1;
-  test::WriteTestFile(JoinPath(root_, L"TalvexUpdateHelper.exe"), test::ReadTestFile(helper));
-  test::WriteTestFile(JoinPath(root_, L"Talvex.exe"), test::ReadTestFile(client));
+  test::WriteTestFile(JoinPath(root_, kHelperFileName), test::ReadTestFile(helper));
+  test::WriteTestFile(ClientProgramPath(root_), test::ReadTestFile(client));
   for (std::size_t i = 0; i < size.files; ++i) {
     const std::string name = "data/" + std::to_string(i % 16) + "/" + std::to_string(i) + ".bin";
     const std::wstring relative = Utf8ToWide(name);
     test::WriteTestFile(JoinPath(root_, relative), "old");
-    const std::wstring staged = JoinPath(JoinPath(staging, L"files"), relative);
+    const std::wstring staged = JoinPath(FilesDirectory(staging), relative);
     WriteRandomFile(staged, size.bytes_per_file, static_cast<std::uint32_t>(i));
     manifest_.entries.push_back(EntryFor(staged, name));
   }
-  for (const wchar_t* const program : {L"Talvex.exe", L"TalvexUpdateHelper.exe"}) {
+  for (const wchar_t* const program : {kClientFileName, kHelperFileName}) {
     manifest_.entries.push_back(EntryFor(JoinPath(root_, program), WideToUtf8(program)));
   }
   const std::string text = FormatManifest(manifest_);
@@ -111,10 +111,11 @@ Workload::Workload(const WorkloadSize& size, const std::wstring& helper, const s
     install_.push_back(&manifest_.entries[i]);
   }
   plan_ = FormatApplyPlan(manifest_.digest, install_, {});
-  test::WriteTestFile(JoinPath(staging, kManifestFileName), text);
-  test::WriteTestFile(JoinPath(staging, kSignatureFileName), test::SignWithDevelopmentKey(text));
-  test::WriteTestFile(JoinPath(staging, kApplyPlanFileName), plan_);
-  stage_ = JoinPath(JoinPath(root_, kWorkDirectoryName), DigestToHex(manifest_.digest));
+  const SignedPairPaths pair = SignedPairIn(staging);
+  test::WriteTestFile(pair.manifest, text);
+  test::WriteTestFile(pair.signature, test::SignWithDevelopmentKey(text));
+  test::WriteTestFile(ApplyPlanPath(staging), plan_);
+  stage_ = StageRoot(root_, manifest_.digest);
   if (!MoveFileW(staging.c_str(), stage_.c_str())) {
     Abandon("naming the staging directory");
   }
@@ -128,14 +129,14 @@ std::vector<std::wstring> Workload::ApplyOperands(HANDLE parent, HANDLE lock) co
 }
 
 Workload::~Workload() {
-  // The client that an update has started ends by itself soon.
-  for (int i = 0; i < 100 && !DeleteFileW(JoinPath(root_, L"Talvex.exe").c_str()); ++i) {
+  // The client that an update has started exits by itself soon.
+  for (int i = 0; i < 100 && !DeleteFileW(ClientProgramPath(root_).c_str()); ++i) {
     Sleep(50);
   }
 }
 
-double Workload::MeasureFloor(Floor floor) const {
-  const std::wstring staged_files = JoinPath(stage_, L"files");
+double Workload::MeasureBaseline(Baseline baseline) const {
+  const std::wstring staged_files = FilesDirectory(stage_);
   test::MakeTestDirectory(copies_);
   const double start = Seconds();
   for (const ManifestEntry* const entry : install_) {
@@ -147,7 +148,7 @@ double Workload::MeasureFloor(Floor floor) const {
     const std::wstring target = JoinPath(root_, install_[i]->normalised_path);
     const std::wstring staged = JoinPath(staged_files, install_[i]->normalised_path);
     const std::wstring copy = JoinPath(copies_, std::to_wstring(i));
-    if (floor == Floor::kWithChecks) {
+    if (baseline == Baseline::kWithChecks) {
       MakeCheckCalls(std::wstring(ParentOfRelativePath(target)), target);
     }
     if (!ReplaceFileW(target.c_str(), staged.c_str(), copy.c_str(), REPLACEFILE_WRITE_THROUGH, nullptr,

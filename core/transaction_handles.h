@@ -1,7 +1,7 @@
 #pragma once
 
-// The handles that the client passes on the command line, as decimal numbers, and the one guard that owns
-// them for the time of a transaction.
+// The handles that the client passes on the command line, as decimal numbers, and the guard that owns them
+// during a transaction.
 
 #include <windows.h>
 
@@ -11,26 +11,26 @@
 
 namespace talvex {
 
-// The highest value that is a handle in a 32-bit process.
-inline constexpr std::uint64_t kMostHandleValue = 0xFFFFFFFF;
+// The highest handle value in a 32-bit process.
+inline constexpr std::uint64_t kMaxHandleValue = 0xFFFFFFFF;
 
 // Reads a decimal handle operand: digits only, at most 2^64 - 1. A null or empty text fails. The caller
-// decides what 0 and values above kMostHandleValue mean. A failure leaves `value` 0.
+// decides what 0 and values above kMaxHandleValue mean. A failure leaves `value` 0.
 [[nodiscard]] bool ParseHandleValue(const wchar_t* text, std::uint64_t& value);
 
-// The handle of a parsed value that is at most kMostHandleValue, those above 0x7FFFFFFF included.
+// The handle of a parsed value that is at most kMaxHandleValue, those above 0x7FFFFFFF included.
 [[nodiscard]] HANDLE HandleFromValue(std::uint64_t value) noexcept;
 
 // Whether Windows knows `handle` as one of this process.
 [[nodiscard]] bool IsOpenHandle(HANDLE handle) noexcept;
 
-// Waits up to five minutes for the client's process to exit, then closes and forgets the handle whatever the
-// result. True when the client has exited.
+// Waits up to five minutes for the client's process to exit, then closes and clears the handle in any case.
+// True when the client has exited.
 [[nodiscard]] bool WaitForClientExit(OwnedHandle& client) noexcept;
 
-// Owns the client's process handle and the ownership mutex of one transaction. Every way out releases the
-// mutex, when it was acquired, before it closes it: closed first, the mutex would stay owned until the
-// helper exits, and its next owner would find it abandoned.
+// Owns the client's process handle and the ownership mutex of one transaction. On every path an acquired
+// mutex is released before its handle is closed: closed first, the mutex would stay owned until the helper
+// exits, and its next owner would find it abandoned.
 class TransactionHandles {
  public:
   TransactionHandles(HANDLE parent, HANDLE lock) noexcept : parent_(parent), lock_(lock) {}
@@ -38,14 +38,14 @@ class TransactionHandles {
   TransactionHandles& operator=(const TransactionHandles&) = delete;
   ~TransactionHandles() { ReleaseTransactionHandles(); }
 
-  // Whether both values are handles of this process; the lock is asked about first.
+  // Whether both values are handles of this process; the lock is checked first.
   [[nodiscard]] bool AreOpen() const noexcept;
 
   // WaitForClientExit on the parent handle.
   [[nodiscard]] bool WaitForParentExit() noexcept { return WaitForClientExit(parent_); }
 
-  // Waits up to ten seconds for the mutex. A mutex that its owner abandoned counts as acquired: a client that
-  // crashed while it held the lock must not block its own repair.
+  // Waits up to ten seconds for the mutex. An abandoned mutex counts as acquired: a client that crashed while
+  // it held the lock must not block its own repair.
   [[nodiscard]] bool AcquireLock() noexcept;
 
   [[nodiscard]] HANDLE Lock() const noexcept { return lock_.Get(); }

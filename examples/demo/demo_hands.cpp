@@ -2,11 +2,9 @@
 //
 //   DemoHands.exe press-ok       waits for a message box of the updater, prints its text and presses OK
 //   DemoHands.exe hold FILE      waits for the status window, holds FILE open as a virus scanner would until
-//   the
-//                                update has come to it, prints "held" and lets go about a second later
+//                                the update reaches it, prints "held" and releases it about a second later
 //
-// Exit codes: 0 done; 1 nothing to see within a minute, or FILE cannot be held; 2 the command line is
-// neither.
+// Exit codes: 0 done; 1 no window within a minute, or FILE cannot be held; 2 the command line is neither.
 
 #include <windows.h>
 // Need windows.h first.
@@ -17,16 +15,18 @@
 #include <string>
 #include <string_view>
 
+#include "core/local_memory.h"
 #include "core/owned_handle.h"
 #include "core/text_encoding.h"
 
 namespace {
 
 constexpr DWORD kPollMs = 50;
-constexpr int kMostPolls = 60'000 / kPollMs;
-// The helper tries again for about two seconds: long enough for a picture, short enough to go on after it.
+constexpr int kMaxPolls = 60'000 / kPollMs;
+// The helper retries for about two seconds: this is long enough for a picture and short enough to succeed
+// afterwards.
 constexpr DWORD kHoldMs = 900;
-// A progress bar that stands still for so many polls waits for the held file.
+// A progress bar that stands still for this many polls is waiting for the held file.
 constexpr int kStandstillPolls = 3;
 
 constexpr int kMessageBoxTextId = 0xFFFF;
@@ -39,15 +39,15 @@ void PrintLine(std::wstring_view line) {
 
 std::wstring TextOf(HWND window) {
   std::array<wchar_t, 1'024> text{};
-  // Not GetWindowText, which reads no controls of other processes.
+  // Not GetWindowText, which cannot read controls of other processes.
   SendMessageW(window, WM_GETTEXT, text.size(), reinterpret_cast<LPARAM>(text.data()));
   return text.data();
 }
 
-// Waits until `find` yields a window.
+// Waits until `find` returns a window.
 template <typename Find>
 HWND WaitForWindow(Find find) {
-  for (int i = 0; i < kMostPolls; ++i) {
+  for (int i = 0; i < kMaxPolls; ++i) {
     if (const HWND window = find()) {
       return window;
     }
@@ -59,7 +59,7 @@ HWND WaitForWindow(Find find) {
 int PressOk() {
   const HWND box = WaitForWindow([] {
     const HWND found = FindWindowW(L"#32770", L"Talvex Update");
-    // Found while it is being made, it has no text yet.
+    // While it is being created, it has no text yet.
     return found != nullptr && IsWindowVisible(found) ? found : nullptr;
   });
   if (box == nullptr) {
@@ -79,7 +79,7 @@ int HoldFile(const wchar_t* path) {
   }
   LRESULT last_position = -1;
   int still = 0;
-  for (int i = 0; i < kMostPolls && still < kStandstillPolls; ++i) {
+  for (int i = 0; i < kMaxPolls && still < kStandstillPolls; ++i) {
     const LRESULT position =
         SendMessageW(FindWindowExW(window, nullptr, PROGRESS_CLASSW, nullptr), PBM_GETPOS, 0, 0);
     const bool applies = TextOf(FindWindowExW(window, nullptr, L"STATIC", nullptr)) == L"Applying update...";
@@ -96,7 +96,7 @@ int HoldFile(const wchar_t* path) {
 
 int main() {
   int count = 0;
-  wchar_t** const words = CommandLineToArgvW(GetCommandLineW(), &count);
+  const talvex::ArgumentVector words(CommandLineToArgvW(GetCommandLineW(), &count));
   if (words != nullptr && count == 2 && words[1] == std::wstring_view(L"press-ok")) {
     return PressOk();
   }

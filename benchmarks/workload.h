@@ -1,6 +1,6 @@
 #pragma once
 
-// A client directory of any size, ready to be updated, and the bare work that no update can do without.
+// A client directory of any size, ready to be updated, and the baseline: the minimum work of an update.
 
 #include <windows.h>
 
@@ -19,7 +19,7 @@ struct WorkloadSize {
   std::uint64_t bytes_per_file;
 };
 
-enum class Floor { kBare, kWithChecks };
+enum class Baseline { kBare, kWithChecks };
 
 // `helper` becomes the release's TalvexUpdateHelper.exe, `client` its Talvex.exe; both are in place already.
 class Workload {
@@ -32,16 +32,16 @@ class Workload {
   // The operands of --apply-plan after the mode word.
   [[nodiscard]] std::vector<std::wstring> ApplyOperands(HANDLE parent, HANDLE lock) const;
 
-  // Seconds for the floor: every byte that an update has to hash, hashed by a bare loop before and after
-  // every file was replaced and flushed; with kWithChecks also the calls that prove each file and its paths.
+  // Seconds for the baseline: every byte that an update has to hash, hashed by a bare loop before and after
+  // every file was replaced and flushed; with kWithChecks also the calls that check each file and its paths.
   // Uses the directory up, as an update does.
-  [[nodiscard]] double MeasureFloor(Floor floor) const;
+  [[nodiscard]] double MeasureBaseline(Baseline baseline) const;
 
  private:
   test::ScratchDirectory scratch_;
   std::wstring root_ = scratch_ / L"client";
   std::wstring stage_;
-  std::wstring copies_ = scratch_ / L"client\\.talvex-update\\floor";
+  std::wstring copies_ = scratch_ / L"client\\.talvex-update\\baseline";
   Manifest manifest_;
   std::string plan_;
   std::vector<const ManifestEntry*> install_;
@@ -50,6 +50,6 @@ class Workload {
 // ReadFile and the CNG calls in a loop over one buffer, with nothing around them.
 [[nodiscard]] bool BareHash(const std::wstring& path);
 
-[[nodiscard]] double Seconds();  // since some moment
+[[nodiscard]] double Seconds();  // since an arbitrary point in time
 
 }  // namespace talvex::bench

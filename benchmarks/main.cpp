@@ -1,5 +1,5 @@
-// The benchmark: each figure is a ratio to a floor that is measured beside it in the same run. Prints a table
-// and writes it as CSV to the file named on the command line. Run it through tools/bench.sh.
+// The benchmark: each figure is a ratio to a baseline measured in the same run. Prints a table and writes it
+// as CSV to the file named on the command line. Run it through tools/bench.sh.
 
 #include <windows.h>
 
@@ -18,8 +18,9 @@
 #include <utility>
 #include <vector>
 
+#include "app/apply_mode.h"
 #include "app/reporting.h"
-#include "apply/apply_transaction.h"
+#include "benchmarks/workload.h"
 #include "core/owned_handle.h"
 #include "core/sha256.h"
 #include "formats/apply_plan.h"
@@ -27,7 +28,6 @@
 #include "storage/client_root.h"
 #include "tests/support/helper_run.h"
 #include "tests/support/test_release.h"
-#include "tools/bench/workload.h"
 
 namespace talvex::bench {
 namespace {
@@ -38,22 +38,22 @@ constexpr std::uint64_t kMiB = 1'048'576;
 std::ofstream csv;
 bool all_within = true;
 
-// `most` or `least` of 0: printed without a bound.
-void Report(const char* what, double value, const char* unit, double least, double most) {
-  const bool within = (least == 0 || value >= least) && (most == 0 || value <= most);
+// `min` or `max` of 0: printed without a bound.
+void Report(const char* what, double value, const char* unit, double min, double max) {
+  const bool within = (min == 0 || value >= min) && (max == 0 || value <= max);
   all_within = all_within && within;
   char bound[64] = "";
-  if (least != 0) {
-    std::snprintf(bound, sizeof(bound), "at least %.2f", least);
-  } else if (most != 0) {
-    std::snprintf(bound, sizeof(bound), "at most %.2f", most);
+  if (min != 0) {
+    std::snprintf(bound, sizeof(bound), "at least %.2f", min);
+  } else if (max != 0) {
+    std::snprintf(bound, sizeof(bound), "at most %.2f", max);
   }
   std::printf("%-58s %10.3f %-6s %-16s %s\n", what, value, unit, bound, within ? "" : "MISSED");
   csv << '"' << what << "\"," << value << ',' << unit << ",\"" << bound << "\"," << (within ? "yes" : "no")
       << '\n';
 }
 
-// A figure of work that was not done would be a good one.
+// Work that was not done would give a good figure.
 void Require(bool done, const char* work) {
   if (!done) {
     std::fprintf(stderr, "The benchmark could not go on: %s failed (Windows error %lu)\n", work,
@@ -86,7 +86,8 @@ std::wstring EmptyProgram() {
   return test::BuiltProgram(L"bench\\empty_program.exe");
 }
 
-// Seconds for an update in this process, its fixed wait taken off. The benchmark is its own running helper.
+// Seconds for an update in this process, less its fixed wait. The benchmark itself acts as the running
+// helper.
 double MeasureApply(const Workload& workload) {
   const OwnedHandle parent = test::MakeInheritableEvent(true);
   const OwnedHandle lock = test::MakeInheritableMutex();
@@ -104,12 +105,12 @@ double MeasureApply(const Workload& workload) {
   }
   int exit_code = 1;
   const double seconds =
-      TimeOf([&] { exit_code = RunApplyTransaction(static_cast<int>(arguments.size()), arguments.data()); });
+      TimeOf([&] { exit_code = RunApplyMode(static_cast<int>(arguments.size()), arguments.data()); });
   Require(exit_code == 0, "an update in this process");
   return seconds - kCompletedTextSeconds;
 }
 
-// The median of many pairs: a virtual machine is now fast and now slow, but seldom between the two of a pair.
+// The median of many pairs: a virtual machine's speed varies, but seldom between the two runs of a pair.
 void BenchHash() {
   constexpr double kSize = 64;  // MiB
   test::ScratchDirectory scratch;
@@ -145,20 +146,20 @@ void BenchApply() {
     for (int round = 0; round < c.rounds; ++round) {
       const auto fresh = [&] { return Workload(c.size, OwnPath(), EmptyProgram()); };
       apply.push_back(MeasureApply(fresh()));
-      bare.push_back(fresh().MeasureFloor(Floor::kBare));
-      with_checks.push_back(fresh().MeasureFloor(Floor::kWithChecks));
+      bare.push_back(fresh().MeasureBaseline(Baseline::kBare));
+      with_checks.push_back(fresh().MeasureBaseline(Baseline::kWithChecks));
     }
     const std::string update = std::string("update of ") + c.what;
     Report((update + ": seconds").c_str(), Median(apply), "s", 0, 0);
     if (c.size.files > 1) {
-      Report((update + ": against the floor").c_str(), Median(apply) / Median(bare), "x", 0, 1.10);
+      Report((update + ": against the baseline").c_str(), Median(apply) / Median(bare), "x", 0, 1.10);
       Report((update + ": and the bare checks").c_str(), Median(apply) / Median(with_checks), "x", 0, 1.10);
     }
   }
 }
 
-// The cost per unit of the largest workload against that of the smallest. What an update costs at all, with
-// one tiny file, is taken off first.
+// The cost per unit of the largest workload against that of the smallest. The fixed cost of an update, that
+// of one tiny file, is subtracted first.
 void BenchGrowth() {
   const auto median = [](const WorkloadSize& size, int rounds) {
     std::vector<double> seconds(static_cast<std::size_t>(rounds));
@@ -214,7 +215,7 @@ void BenchParsers() {
          "ms", 0, 0);
 }
 
-// Runs a program to its end and yields the most physical memory that it used, in MiB.
+// Runs a program to its end and returns its peak physical memory use, in MiB.
 double PeakMemory(const std::wstring& program, const std::vector<std::wstring>& arguments,
                   const std::vector<HANDLE>& inherited) {
   double peak = 0;
@@ -231,7 +232,7 @@ double PeakMemory(const std::wstring& program, const std::vector<std::wstring>& 
 
 void BenchMemory() {
   const double empty = PeakMemory(EmptyProgram(), {}, {});
-  // A copy, because the helper that has updated is deleted at the next start of Windows.
+  // A copy, because a helper that has installed an update is deleted at the next start of Windows.
   test::ScratchDirectory place;
   const std::wstring helper = place / L"TalvexUpdateHelper.exe";
   Require(CopyFileW(test::BuiltProgram(L"TalvexUpdateHelper.exe").c_str(), helper.c_str(), TRUE),

@@ -1,0 +1,18 @@
+#pragma once
+
+// The owner of memory that Windows allocates and the caller frees with LocalFree.
+
+#include <windows.h>
+
+#include <memory>
+
+namespace talvex {
+
+struct LocalFreeDeleter {
+  void operator()(void* memory) const noexcept { LocalFree(memory); }
+};
+
+// The words of a command line, as CommandLineToArgvW returns them.
+using ArgumentVector = std::unique_ptr<wchar_t*[], LocalFreeDeleter>;
+
+}  // namespace talvex
