@@ -26,8 +26,8 @@ namespace {
 
 TEST(UpdateErrorText, FoldsTheWindowsCodeIn) {
   UpdateError error;
-  SetWindowsError(error, L"Could not open file", ERROR_ACCESS_DENIED);
-  EXPECT_TRUE(error.Message().starts_with(L"Could not open file: "));
+  SetWindowsError(error, L"It failed", ERROR_ACCESS_DENIED);
+  EXPECT_TRUE(error.Message().starts_with(L"It failed: "));
   EXPECT_EQ(error.Message().find_first_of(L"\r\n"), std::wstring::npos);
   SetWindowsError(error, L"It failed", 4294967295);
   EXPECT_EQ(error.Message(), L"It failed: Windows error 4294967295");
@@ -43,15 +43,11 @@ TEST(TextEncoding, IsStrictInBothDirections) {
   EXPECT_EQ(WideToUtf8(L"a\xD83C"), "");
 }
 
-TEST(OwnedHandles, CloseAndKeepTheLastError) {
-  const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  DWORD flags = 0;
-  {
-    const OwnedHandle owner(event);
-    SetLastError(1234);
-  }
+TEST(OwnedHandles, KeepTheLastErrorEvenWhenTheyCannotBeClosed) {
+  OwnedHandle owner(reinterpret_cast<HANDLE>(std::uintptr_t{0x00ABCDE0}));  // not a handle of anything
+  SetLastError(1234);
+  owner.Reset();
   EXPECT_EQ(GetLastError(), 1234u);
-  EXPECT_FALSE(GetHandleInformation(event, &flags));
 }
 
 class Files : public testing::Test {
@@ -102,8 +98,6 @@ TEST_F(Files, AreReplacedWholeOrNotAtAll) {
 // Sizes on both sides of where 31 and 32 bits end.
 TEST_F(Files, HaveTheirDigestsUpToGigabytes) {
   Sha256Digest digest;
-  EXPECT_TRUE(Sha256OfBuffer({}, digest, error_));
-  EXPECT_EQ(DigestToHex(digest), L"e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
   std::uint64_t size = 1;
   for (const std::uint64_t edge : {0x8000'0000u - 1ull, 0x8000'0000ull, 0x1'0000'0000ull - 1}) {
     MakeSparseFile(path_, edge + 1);

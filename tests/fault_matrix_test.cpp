@@ -4,12 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cwctype>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -74,9 +75,9 @@ Scenario RunClean(Scenario scenario, int exit_code, std::wstring_view message) {
   return scenario;
 }
 
-std::size_t FirstCall(const RunRecord& record, std::string_view name, std::wstring_view text_end) {
+std::size_t FirstCall(const RunRecord& record, std::string_view name, std::wstring_view path_end) {
   const auto found = std::ranges::find_if(record.calls, [&](const ApiCall& call) {
-    return call.name == name && !call.texts.empty() && call.texts[0].ends_with(text_end);
+    return call.name == name && call.Path().ends_with(path_end);
   });
   return static_cast<std::size_t>(found - record.calls.begin());
 }
@@ -169,28 +170,21 @@ constexpr std::wstring_view kBlame[] = {
     L" has no ",   L" is incomplete.", L" is empty.",           L" changed locally",
     L" server ",   L" plan failed ",   L"manifest is invalid.", L"transaction is invalid."};
 
-// Whether it is a sentence, or a beginning that Windows' own text or a path follows.
-bool IsPlausible(std::wstring_view text) {
-  const std::size_t colon = std::min(text.find(L": "), text.find(L":\n"));
-  return text.size() > 10 && text[0] >= L'A' && text[0] <= L'Z' &&
-         (text.back() == L'.' || (colon != text.npos && text.size() > colon + 2)) &&
-         std::ranges::none_of(kBlame, [&](std::wstring_view blame) { return text.find(blame) != text.npos; });
-}
-
 // A failure is told in one or two parts: a reason, and what became of the files; or that the rollback has
 // failed, and why. Only where memory runs out, or an empty directory stays, may the reason be missing.
-bool IsToldWell(std::wstring_view message, const ApiCall* failed_call) {
-  const std::size_t gap = message.find(L"\n\n");
+bool IsToldWell(const std::wstring& message, const ApiCall* failed_call) {
   const bool lacks_reason = message.starts_with(L"The update failed.") ||
                             message == L"Talvex could not restore the previous client files.";
-  return (!lacks_reason || failed_call == nullptr || failed_call->name == "FindFirstFileW") &&
-         IsPlausible(message.substr(0, gap)) && (gap == message.npos || IsPlausible(message.substr(gap + 2)));
+  const bool is_whole =
+      !message.empty() && std::iswupper(message.front()) != 0 && std::iswspace(message.back()) == 0;
+  return is_whole && (!lacks_reason || failed_call == nullptr || failed_call->name == "FindFirstFileW") &&
+         std::ranges::none_of(kBlame, [&](auto blame) { return message.find(blame) != message.npos; });
 }
 
 // What a run that came to its end says has to agree with what it has done.
 std::string CheckReport(const Scenario& scenario, const FaultPoint& fault, const RunRecord& record,
                         const Tree& tree) {
-  const std::wstring_view message = record.message;
+  const std::wstring& message = record.message;
   const bool own_journal = scenario.client->HasOwnJournal(tree);
   const Tree files = SmallClient::ClientFiles(tree);
   const std::string from_new = TreeDifference(files, scenario.client->new_files);
@@ -218,47 +212,44 @@ std::string CheckReport(const Scenario& scenario, const FaultPoint& fault, const
   return "";
 }
 
-enum class Retry { kAlways, kNever, kPerhaps };
-
-// Whether a call that fails in passing is tried again. Perhaps: where the same call is made in several
-// places.
-Retry RetryOf(const Scenario& scenario, const ApiCall& call) {
-  const std::wstring path = call.texts.empty() ? L"" : call.texts[0] + L"\\";
+// Whether a call that fails in passing is tried again; nothing, where the same call is made in several places.
+std::optional<bool> IsRetried(const Scenario& scenario, const ApiCall& call) {
+  const std::wstring path = call.Path() + L"\\";
   const bool is_cleared = path.find(L"\\.talvex-update\\") != path.npos && path.find(L".new") == path.npos;
   const bool is_restoration = scenario.first_call != 0;
   const bool opens = call.name == "CreateFileW";
   const DWORD access = opens ? call.numbers[0] & (GENERIC_READ | GENERIC_WRITE) : 0;
   const DWORD flags = opens ? call.numbers[3] : 0;
   if (call.name == "DeleteFileW" || (flags & FILE_FLAG_BACKUP_SEMANTICS) != 0) {  // also: holds a directory
-    return is_cleared ? Retry::kNever : Retry::kAlways;
+    return !is_cleared;
   }
   if (opens && access == 0) {
-    return scenario.is_rollback || is_restoration ? Retry::kAlways : Retry::kPerhaps;
+    return scenario.is_rollback || is_restoration ? std::optional(true) : std::nullopt;
   }
   if (call.name == "GetFileAttributesW") {
     // The restoration alone looks at files only in order to change them.
     const bool is_file = path.find(L'.', path.rfind(L'\\', path.size() - 2) + 2) != path.npos;
-    return is_restoration && is_file ? Retry::kAlways : Retry::kPerhaps;
+    return is_restoration && is_file ? std::optional(true) : std::nullopt;
   }
   if (call.name.starts_with("GetFileInformation")) {
-    return Retry::kPerhaps;
+    return std::nullopt;
   }
   const bool changes = call.name == "ReplaceFileW" || call.name == "CopyFileW" ||
                        (call.name == "MoveFileExW" && call.texts.size() == 2);
   const bool proves = (flags & FILE_FLAG_SEQUENTIAL_SCAN) != 0;
-  return changes || (opens && !proves) ? Retry::kAlways : Retry::kNever;
+  return changes || (opens && !proves);
 }
 
 // What is wrong with a run in which a call has failed in passing.
 std::string CheckPassing(const Scenario& scenario, const FaultPoint& fault, const RunRecord& record,
                          const Tree& tree) {
-  const Retry retry = RetryOf(scenario, scenario.clean.calls[fault.index]);
+  const std::optional<bool> is_retried = IsRetried(scenario, scenario.clean.calls[fault.index]);
   const DWORD schedule_ms = fault.times == 1 ? 50 : 1'950;
-  if (retry != Retry::kPerhaps && record.waited_ms != (retry == Retry::kAlways ? schedule_ms : 0)) {
+  if (is_retried && record.waited_ms != (*is_retried ? schedule_ms : 0)) {
     return "waited " + std::to_string(record.waited_ms) + " ms\n";
   }
   // Several failures of a call that is made in several places may end elsewhere.
-  if (record.waited_ms == 0 || (retry == Retry::kPerhaps && fault.times > 1)) {
+  if (record.waited_ms == 0 || (!is_retried && fault.times > 1)) {
     return "";
   }
   const bool is_clean =
@@ -316,8 +307,7 @@ std::string Describe(const Scenario& scenario, const FaultPoint& fault) {
     return "allocation " + std::to_string(fault.index);
   }
   const ApiCall& call = scenario.clean.calls[fault.index];
-  return std::to_string(fault.index) + ", " + std::string(call.name) + " " +
-         (call.texts.empty() ? "" : WideToUtf8(call.texts[0]));
+  return std::to_string(fault.index) + ", " + std::string(call.name) + " " + WideToUtf8(call.Path());
 }
 
 class FaultAt : public testing::TestWithParam<std::tuple<std::size_t, std::size_t>> {};
@@ -360,9 +350,8 @@ constexpr wchar_t kDeathVariable[] = L"TALVEX_TEST_DEATH";  // the call and, aft
 
 // What the next test starts as a process of its own.
 TEST(DISABLED_DyingProcess, DiesAtACall) {
-  std::array<wchar_t, MAX_PATH> text{};
-  GetEnvironmentVariableW(kDeathVariable, text.data(), MAX_PATH);
-  const std::wstring death = text.data();
+  std::wstring death(MAX_PATH, L'\0');
+  death.resize(GetEnvironmentVariableW(kDeathVariable, death.data(), MAX_PATH));
   SmallClient client(kOld, kNew, death.substr(death.find(L' ') + 1));
   client.settings.die_for_good = true;
   static_cast<void>(client.Apply({Fault::kDieBefore, std::stoul(death)}));
@@ -371,8 +360,6 @@ TEST(DISABLED_DyingProcess, DiesAtACall) {
 // A sample of the deaths, by processes that really end.
 TEST(FaultMatrix, RealDeathsLeaveTheSame) {
   const Scenario& update = ScenarioAt(0);
-  std::array<wchar_t, MAX_PATH> self{};
-  GetModuleFileNameW(nullptr, self.data(), MAX_PATH);
   SetEnvironmentVariableW(L"GTEST_TOTAL_SHARDS", nullptr);  // the process has one test to run, in every shard
   SetEnvironmentVariableW(L"GTEST_SHARD_INDEX", nullptr);
   for (std::size_t k = 0; k < update.clean.calls.size(); k += 25) {
@@ -380,8 +367,9 @@ TEST(FaultMatrix, RealDeathsLeaveTheSame) {
     const Tree expected = update.client->Read();
     update.client->Become(update.start);
     SetEnvironmentVariableW(kDeathVariable, (std::to_wstring(k) + L" " + update.client->root).c_str());
-    const HelperResult result = RunHelper(
-        self.data(), {L"--gtest_filter=DISABLED_DyingProcess.*", L"--gtest_also_run_disabled_tests"}, {});
+    const HelperResult result =
+        RunHelper(BuiltProgram(L"tests\\fault_matrix_test.exe"),
+                  {L"--gtest_filter=DISABLED_DyingProcess.*", L"--gtest_also_run_disabled_tests"}, {});
     EXPECT_EQ(result.exit_code, kDeathExitCode) << k << result.console;
     EXPECT_EQ(TreeDifference(update.client->Read(), expected), "") << k;
   }

@@ -7,14 +7,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <list>
 #include <string>
 #include <vector>
 
 #include "apply/file_installation.h"
 #include "core/owned_handle.h"
 #include "core/regular_file.h"
-#include "core/text_encoding.h"
 #include "rollback/restoration.h"
 #include "rollback/rollback_preparation.h"
 #include "storage/client_root.h"
@@ -93,13 +91,21 @@ BOOL WINAPI FailToDeleteWhatGoesByItself(const wchar_t* path) {
   return FALSE;
 }
 
-class FileChange : public testing::Test {
+// A client with the file "present", a release staged that replaces it and adds "added", and "gone" and
+// "never-there" retired.
+class Installation : public testing::Test {
  protected:
-  FileChange() {
+  Installation() {
     slept_ms = 0;
     odd_path.clear();
     odd_attributes = INVALID_FILE_ATTRIBUTES;
+    WriteTestFile(target_, "old");
+    WriteTestFile(root_ / L"gone", "retired");
+    WriteTestFile(root_ / L"stage\\present", "new");
+    WriteTestFile(root_ / L"stage\\added", "new");
+    MakeTestDirectory(copies_);
   }
+
   [[nodiscard]] OwnedHandle Open(const wchar_t* name, DWORD share) const {
     return OwnedHandle(
         CreateFileW((root_ / name).c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr));
@@ -107,50 +113,36 @@ class FileChange : public testing::Test {
   void GiveASecondName(const std::wstring& file) const {
     ASSERT_TRUE(CreateHardLinkW((root_ / L"link").c_str(), file.c_str(), nullptr));
   }
-
-  ScratchDirectory root_;
-  const ImportPatch sleep_{"Sleep", &CountTheSleep};
-};
-
-// A client with the file "present", a release staged that replaces it and adds "added", and "gone" and
-// "never-there" retired.
-class Installation : public FileChange {
- protected:
-  Installation() {
-    WriteTestFile(root_ / L"present", "old");
-    WriteTestFile(root_ / L"gone", "retired");
-    WriteTestFile(root_ / L"stage\\present", "new");
-    WriteTestFile(root_ / L"stage\\added", "new");
-    MakeTestDirectory(root_ / L"copies");
-    Add("present", false, true);
-    Add("added", false, false);
-    Add("gone", true, true);
-    Add("never-there", true, false);
+  [[nodiscard]] ApplyOperation Install(const wchar_t* name, bool existed) const {
+    return {&entry_, false, (root_ / L"stage\\") + name, root_ / name, copies_ + name, existed};
   }
-
-  void Add(const std::string& name, bool retire, bool existed) {
-    const std::wstring wide = Utf8ToWide(name);
-    entries_.push_back({1, {}, name, wide});
-    operations_.push_back({&entries_.back(), retire, retire ? L"" : root_ / (L"stage\\" + wide), root_ / wide,
-                           root_ / (L"copies\\" + wide), existed, false});
+  [[nodiscard]] ApplyOperation Retire(const wchar_t* name, bool existed) const {
+    return {&entry_, true, {}, root_ / name, copies_ + name, existed};
   }
 
   // Installs and yields the message, "" for success.
-  std::wstring Install(std::size_t fault_index = kNoFaultInjection) {
+  std::wstring Message(std::size_t fault_index = kNoFaultInjection) {
     UpdateError error;
     const bool installed =
-        InstallApplyOperations(root_.Path(), root_ / L"copies", operations_, display_, fault_index, error);
+        InstallApplyOperations(root_.Path(), copies_, operations_, display_, fault_index, error);
     EXPECT_EQ(installed, error.IsEmpty());
     return error.Message();
   }
 
-  std::list<ManifestEntry> entries_;
-  std::vector<ApplyOperation> operations_;
+  const ScratchDirectory root_;
+  const std::wstring previous_ = root_ / L".talvex-update\\previous";
+  const std::wstring copies_ = previous_ + L"\\files\\";
+  const std::wstring target_ = root_ / L"present";
+  const std::wstring copy_ = copies_ + L"present";
+  const ManifestEntry entry_{1, {}, "present", L"present"};  // for all, as all are in the same folder
+  std::vector<ApplyOperation> operations_{Install(L"present", true), Install(L"added", false),
+                                          Retire(L"gone", true), Retire(L"never-there", false)};
   RecordingDisplay display_;
+  const ImportPatch sleep_{"Sleep", &CountTheSleep};
 };
 
 TEST_F(Installation, FailsOnPurposeOnlyAfterTheChange) {
-  EXPECT_EQ(Install(0), L"Injected update replacement failure.");
+  EXPECT_EQ(Message(0), L"Injected update replacement failure.");
   EXPECT_TRUE(operations_[0].applied);
   EXPECT_FALSE(operations_[1].applied);
 }
@@ -158,32 +150,32 @@ TEST_F(Installation, FailsOnPurposeOnlyAfterTheChange) {
 TEST_F(Installation, StopsAtATargetThatIsNotWhatItWas) {
   constexpr wchar_t kChanged[] = L"An update target changed during installation.";
   WriteTestFile(root_ / L"added", "by somebody else");
-  EXPECT_EQ(Install(), kChanged);
+  EXPECT_EQ(Message(), kChanged);
   EXPECT_TRUE(operations_[0].applied);
   EXPECT_FALSE(operations_[1].applied);
   EXPECT_EQ(ReadTestFile(root_ / L"added"), "by somebody else");
   operations_.erase(operations_.begin(), operations_.begin() + 2);
   DeleteFileW((root_ / L"gone").c_str());
-  EXPECT_EQ(Install(), kChanged);
+  EXPECT_EQ(Message(), kChanged);
   MakeTestDirectory(root_ / L"gone");
-  EXPECT_EQ(Install(), kChanged);
+  EXPECT_EQ(Message(), kChanged);
 }
 
 TEST_F(Installation, NeverOverwritesARollbackCopy) {
-  WriteTestFile(root_ / L"copies\\gone", "an earlier copy");
-  EXPECT_EQ(Install(), L"Could not create a rollback copy for a retired update file.");
-  EXPECT_EQ(ReadTestFile(root_ / L"copies\\gone"), "an earlier copy");
+  WriteTestFile(copies_ + L"gone", "an earlier copy");
+  EXPECT_EQ(Message(), L"Could not create a rollback copy for a retired update file.");
+  EXPECT_EQ(ReadTestFile(copies_ + L"gone"), "an earlier copy");
 }
 
 TEST_F(Installation, RefusesAnInstalledFileWithASecondName) {
   GiveASecondName(root_ / L"stage\\added");
-  EXPECT_EQ(Install(), kUnflushed);
+  EXPECT_EQ(Message(), kUnflushed);
 }
 
 TEST_F(Installation, SharesOneScheduleBetweenTheMoveAndTheFlush) {
   busy = Open(L"stage\\added", FILE_SHARE_READ);
   const OwnedHandle scanner = Open(L"stage\\added", FILE_SHARE_READ | FILE_SHARE_DELETE);
-  EXPECT_EQ(Install(), kUnflushed);
+  EXPECT_EQ(Message(), kUnflushed);
   EXPECT_EQ(slept_ms, kAllSleepsMs);
   EXPECT_TRUE(operations_[1].applied);
 }
@@ -191,7 +183,7 @@ TEST_F(Installation, SharesOneScheduleBetweenTheMoveAndTheFlush) {
 TEST_F(Installation, WaitsForAHeldTargetAndKeepsItsDirectoryInPlace) {
   const ImportPatch replace("ReplaceFileW", &TryToExchangeAndReplace);
   busy = Open(L"present", FILE_SHARE_READ);
-  EXPECT_EQ(Install(), L"");
+  EXPECT_EQ(Message(), L"");
   EXPECT_EQ(slept_ms, kAllSleepsMs);
   EXPECT_EQ(exchange_error, DWORD{ERROR_SHARING_VIOLATION});
 }
@@ -199,7 +191,7 @@ TEST_F(Installation, WaitsForAHeldTargetAndKeepsItsDirectoryInPlace) {
 TEST_F(Installation, ChecksADirectoryOnceItIsHeld) {
   const ImportPatch open("CreateFileW", &ExchangeWhatIsHeld);
   const ImportPatch attributes("GetFileAttributesW", &AnswerOddly);
-  EXPECT_EQ(Install(), L"The client directory is missing or is a reparse point.");
+  EXPECT_EQ(Message(), L"The client directory is missing or is a reparse point.");
   EXPECT_FALSE(operations_[0].applied);
 }
 
@@ -211,36 +203,33 @@ TEST_F(Installation, TakesAFileForDeletedThatIsGoneAtALaterAttempt) {
   EXPECT_TRUE(DeleteFileWithRetry(root_ / L"gone", schedule));
 }
 
-// A client with the file "data\a" and a copy of what it was.
-class Restoration : public FileChange {
+// The same client once "present" is installed.
+class Restoration : public Installation {
  protected:
   Restoration() {
     WriteTestFile(target_, "new");
     WriteTestFile(copy_, "old");
-    MakeTestDirectory(root_ / L"stage");
+    DeleteFileW(staged_.c_str());
   }
 
   // Undoes the installation of the file as often as `count`, and yields the message.
   std::wstring Undo(bool existed, const std::wstring& staged_path = {}, std::size_t count = 1) {
-    const std::vector<ApplyOperation> operations(
-        count, ApplyOperation{&entry_, false, staged_path, target_, copy_, existed, true});
+    const ApplyOperation operation{&entry_, false, staged_path, target_, copy_, existed, true};
+    const std::vector operations(count, operation);
     UpdateError error;
     const bool restored = RestoreFromRollback(root_.Path(), previous_, {}, operations, error);
     EXPECT_EQ(restored, error.IsEmpty());
     return error.Message();
   }
 
-  const ManifestEntry entry_{1, {}, "data/a", L"data\\a"};
-  const std::wstring previous_ = root_ / L".talvex-update\\previous";
-  const std::wstring target_ = root_ / L"data\\a";
-  const std::wstring copy_ = previous_ + L"\\files\\data\\a";
+  const std::wstring staged_ = root_ / L"stage\\present";
 };
 
 // A retired file of a terabyte would keep the lock for hours.
 TEST_F(Restoration, IsPreparedWithoutReadingAFileOfAnotherSize) {
   MakeSparseFile(target_, std::uint64_t{1} << 40);
   const ImportPatch read("ReadFile", Failing(&ReadFile));
-  ApplyOperation operation{&entry_, true, {}, target_, copy_, false, false};
+  ApplyOperation operation = Retire(L"present", false);
   UpdateError error;
   EXPECT_FALSE(CheckUpdateTarget(operation, error));
   EXPECT_EQ(error.Message(), L"A retired managed file changed locally and was not deleted.");
@@ -266,7 +255,7 @@ TEST_F(Restoration, TakesNoFileForThereThatItCannotLookAt) {
 
 TEST_F(Restoration, LeavesATargetInPlaceWhoseCopyIsBad) {
   GiveASecondName(copy_);
-  EXPECT_EQ(Undo(true, root_ / L"stage\\a"), L"An updater recovery source is not a regular file.");
+  EXPECT_EQ(Undo(true, staged_), L"An updater recovery source is not a regular file.");
   EXPECT_EQ(ReadTestFile(target_), "new");
 }
 
@@ -274,7 +263,7 @@ TEST_F(Restoration, MovesNothingIntoTheStageThatIsNoRegularFile) {
   DeleteFileW(target_.c_str());
   MakeTestDirectory(target_);
   for (const bool existed : {true, false}) {
-    EXPECT_EQ(Undo(existed, root_ / L"stage\\a"), L"An updater rollback target is not a regular file.");
+    EXPECT_EQ(Undo(existed, staged_), L"An updater rollback target is not a regular file.");
     DeleteFileW(copy_.c_str());
   }
 }

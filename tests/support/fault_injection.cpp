@@ -21,21 +21,15 @@
 namespace talvex::test {
 namespace {
 
-struct OpenHandle {
-  std::string_view opened_by;
-  std::wstring path;
-};
-
 // The run in progress.
 std::atomic<DWORD> run_thread = 0;  // the thread whose calls count; 0: none
 bool in_hook = false;               // what the run's thread does now is the test's own
 FaultPoint fault;
-int failures_left = 0;
 std::wstring pending_path;  // of a deleted file that somebody still has open
 int pending_looks = 0;      // at it, that are still refused
 const RunSettings* settings = nullptr;
 RunRecord* record = nullptr;
-std::map<void*, OpenHandle> open_handles;
+std::map<void*, ApiCall> opened_by;
 std::map<HANDLE, std::map<std::wstring, WIN32_FIND_DATAW>> listings;  // what is left of each
 
 bool OnRun() {
@@ -63,8 +57,8 @@ void AddArgument(ApiCall& call, const wchar_t* text) {
 }
 void AddArgument(ApiCall& call, void* handle) {
   call.handle = call.handle == nullptr ? handle : call.handle;
-  if (const auto found = open_handles.find(handle); found != open_handles.end()) {
-    call.texts.push_back(found->second.path);
+  if (const auto found = opened_by.find(handle); found != opened_by.end()) {
+    call.texts.push_back(found->second.Path());
   }
 }
 void AddArgument(ApiCall& call, DWORD number) {
@@ -76,7 +70,7 @@ void AddArgument(ApiCall&, const Other&) {}
 // Handles come as results or through pointers.
 void NoteOpened(const ApiCall& call, void** handle) {
   if (*handle != nullptr && *handle != INVALID_HANDLE_VALUE) {
-    open_handles[*handle] = {call.name, call.texts.empty() ? L"" : call.texts[0]};
+    opened_by[*handle] = call;
   }
 }
 template <typename Other>
@@ -110,9 +104,8 @@ bool MeetsPendingFile(const ApiCall& call) {
 
 bool IsToFail(const ApiCall& call) {
   const ApiCall* const first = record->calls.size() > fault.index ? &record->calls[fault.index] : nullptr;
-  return first != nullptr &&
-         ((fault.fault == Fault::kFailFromHere && call.name == first->name) ||
-          (fault.fault == Fault::kFail && failures_left != 0 && call.DoesTheSameAs(*first)));
+  return first != nullptr && ((fault.fault == Fault::kFailFromHere && call.name == first->name) ||
+                              (fault.fault == Fault::kFail && fault.times > 0 && call.DoesTheSameAs(*first)));
 }
 
 bool IsAtFault(Fault kind) {
@@ -130,7 +123,7 @@ DWORD DecideAbout(ApiCall& call) {
   if (!IsToFail(call)) {
     return ERROR_SUCCESS;
   }
-  --failures_left;
+  --fault.times;
   call.made_to_fail = true;
   // With a backup name given, both files keep their names after 1175 and 1176; after 1177 the replaced file
   // has the backup's name already, and nothing has its own.
@@ -161,7 +154,7 @@ void NoteFlushState(const ApiCall& call) {
 
 void FollowUp(const ApiCall& call) {
   NoteFlushState(call);
-  if (ClosesHandle(call) && open_handles.erase(call.handle) == 0) {
+  if (ClosesHandle(call) && opened_by.erase(call.handle) == 0) {
     record->violations += "closed what is not open: " + std::string(call.name) + "\n";
   }
   if (IsAtFault(Fault::kDieInside)) {
@@ -311,7 +304,7 @@ BOOL WINAPI StartClient(const wchar_t*, wchar_t*, SECURITY_ATTRIBUTES*, SECURITY
                         void*, const wchar_t*, STARTUPINFOW*, PROCESS_INFORMATION* started) {
   started->hProcess = CreateEventW(nullptr, TRUE, TRUE, nullptr);
   started->hThread = CreateEventW(nullptr, TRUE, TRUE, nullptr);
-  open_handles[started->hProcess] = open_handles[started->hThread] = {"CreateProcessW", L"client"};
+  opened_by[started->hProcess] = opened_by[started->hThread] = {"CreateProcessW"};
   record->client_started = true;
   return TRUE;
 }
@@ -406,15 +399,16 @@ DWORD WINAPI RunOnThread(void* transaction) {
 
 // What Windows does when a process ends. (The memory that a dead run leaves, a few kilobytes, is left to it.)
 void CloseLeftOver(const std::vector<HANDLE>& handed_over) {
-  for (const auto& [handle, open] : std::exchange(open_handles, {})) {
+  for (const auto& [handle, opening] : std::exchange(opened_by, {})) {
     if (!record->died && std::ranges::find(handed_over, handle) == handed_over.end()) {
-      record->violations += "left open: " + std::string(open.opened_by) + " " + WideToUtf8(open.path) + "\n";
+      record->violations +=
+          "left open: " + std::string(opening.name) + " " + WideToUtf8(opening.Path()) + "\n";
     }
-    if (open.opened_by == "FindFirstFileW") {
+    if (opening.name == "FindFirstFileW") {
       FindClose(handle);
-    } else if (open.opened_by == "VirtualAlloc") {
+    } else if (opening.name == "VirtualAlloc") {
       VirtualFree(handle, 0, MEM_RELEASE);
-    } else if (!open.opened_by.starts_with("BCrypt")) {
+    } else if (!opening.name.starts_with("BCrypt")) {
       CloseHandle(handle);
     }
   }
@@ -427,13 +421,12 @@ RunRecord RunWithFault(const std::function<int()>& transaction, const FaultPoint
   PatchImports();
   RunRecord result;
   fault = point;
-  failures_left = point.times;
   pending_looks = 0;
   settings = &with;
   record = &result;
   in_hook = false;
   for (const HANDLE handle : with.handed_over) {
-    open_handles[handle] = {};
+    opened_by[handle] = {};
   }
   auto* const run = const_cast<std::function<int()>*>(&transaction);
   const HANDLE thread = CreateThread(nullptr, 0, RunOnThread, run, 0, nullptr);

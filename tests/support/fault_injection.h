@@ -44,6 +44,7 @@ struct ApiCall {
   void* handle = nullptr;  // the first it was given
   bool made_to_fail = false;
 
+  [[nodiscard]] std::wstring Path() const { return texts.empty() ? L"" : texts[0]; }
   [[nodiscard]] bool DoesTheSameAs(const ApiCall& other) const {
     return name == other.name && texts == other.texts && numbers == other.numbers;
   }

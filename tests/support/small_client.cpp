@@ -8,9 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "app/apply_mode.h"
 #include "app/rollback_mode.h"
-#include "apply/apply_transaction.h"
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
 #include "tests/support/helper_run.h"
@@ -19,13 +17,6 @@ namespace talvex::test {
 namespace {
 
 constexpr std::wstring_view kWork = L".talvex-update\\";
-
-// A path or a text of paths, as Windows writes them.
-std::wstring Backslashed(const std::string& text) {
-  std::wstring wide = Utf8ToWide(text);
-  std::ranges::replace(wide, L'/', L'\\');
-  return wide;
-}
 
 HANDLE Duplicate(HANDLE handle) {
   HANDLE copy = nullptr;
@@ -50,20 +41,6 @@ std::wstring CopyOf(const std::wstring& path) {
          path;
 }
 
-// What SmallClient::ClientFiles has to be with a release installed.
-Tree Installed(const TestRelease& release) {
-  const std::string manifest = release.ManifestText();
-  Tree tree{{L".talvex-update-cache\\manifest.txt", manifest},
-            {L".talvex-update-cache\\manifest.sig", release.Signature()},
-            {L"TalvexUpdateState.dat", "TALVEX-UPDATE-STATE-V1\nsequence\t" +
-                                           std::to_string(release.sequence) + "\nrelease\t" + release.name +
-                                           "\nmanifest-sha256\t" + HexDigestOf(manifest) + "\n"}};
-  for (const auto& [path, contents] : release.files) {
-    tree[Backslashed(path)] = contents;
-  }
-  return tree;
-}
-
 }  // namespace
 
 SmallClient::SmallClient(TestRelease old, TestRelease next, const std::wstring& existing_root)
@@ -81,36 +58,22 @@ void SmallClient::Offer(TestRelease old, TestRelease next) {
   old_release = std::move(old);
   new_release = std::move(next);
   plan_ = {};
-  for (const auto& [path, contents] : new_release.files) {
-    if (const auto found = old_release.files.find(path);
-        found == old_release.files.end() || found->second != contents) {
-      plan_.install.push_back(path);
-    }
-  }
+  std::map<std::string, std::string> changed;
+  std::ranges::set_difference(new_release.files, old_release.files, std::inserter(changed, changed.end()));
+  std::ranges::copy(changed | std::views::keys, std::back_inserter(plan_.install));
   std::ranges::set_difference(old_release.files | std::views::keys, new_release.files | std::views::keys,
                               std::back_inserter(plan_.retire));
-  old_files = Installed(old_release);
-  new_files = Installed(new_release);
+  old_files = old_release.Installed();
+  new_files = new_release.Installed();
   journal_head_ = "TALVEX-ROLLBACK-V1\nmanifest-sha256\t" + HexDigestOf(new_release.ManifestText()) + "\n";
 }
 
-RunRecord SmallClient::Apply(const FaultPoint& fault) {
-  return RunApply(RunApplyMode, fault);
-}
-
-RunRecord SmallClient::ApplyShownOn(TransactionDisplay& display) {
-  return RunApply(
-      [&](int count, const wchar_t* const* arguments) {
-        return RunApplyTransaction(count, arguments, display);
-      },
-      {});
-}
-
-RunRecord SmallClient::RunApply(const Mode& mode, const FaultPoint& fault) {
+RunRecord SmallClient::Apply(const FaultPoint& fault, const Mode& mode) {
   const std::wstring digest = Utf8ToWide(HexDigestOf(new_release.ManifestText()));
+  const std::wstring plan_digest = Utf8ToWide(HexDigestOf(PlanText(new_release, plan_)));
   return Run(mode,
              {L"helper", L"--apply-plan", root, JoinPath(JoinPath(root, kWork), digest), L"", digest,
-              Utf8ToWide(HexDigestOf(PlanText(new_release, plan_))), L""},
+              plan_digest, L""},
              4, fault);
 }
 
@@ -118,17 +81,20 @@ RunRecord SmallClient::Rollback(const FaultPoint& fault) {
   return Run(RunRollbackMode, {L"helper", L"--rollback-journal", root, L"", L""}, 3, fault);
 }
 
-RunRecord SmallClient::Run(const Mode& mode, std::vector<std::wstring> arguments, std::size_t parent_operand,
+RunRecord SmallClient::Run(const Mode& mode, std::vector<std::wstring> arguments, std::size_t parent_place,
                            const FaultPoint& fault) {
   const HANDLE parent = MakeInheritableEvent(true).Release();
   const HANDLE lock = Duplicate(lock_.Get());
-  arguments[parent_operand] = HandleText(parent);
+  settings.handed_over = {parent, lock};
+  arguments[parent_place] = HandleText(parent);
   arguments.back() = HandleText(lock);
+  for (const auto& [place, text] : wrong_arguments) {
+    arguments[place] = text;
+  }
   std::vector<const wchar_t*> pointers;
   for (const std::wstring& argument : arguments) {
     pointers.push_back(argument.c_str());
   }
-  settings.handed_over = {parent, lock};
   RunRecord record =
       RunWithFault([&] { return mode(static_cast<int>(pointers.size()), pointers.data()); }, fault, settings);
   // Free again, and abandoned only by the dead, or when giving it back was what failed.
@@ -158,8 +124,9 @@ std::string SmallClient::WhatIsWrong(const RunRecord& record) const {
     }
     if (!path.starts_with(kWork) && call.name != "CreateDirectoryW" && call.name != "RemoveDirectoryW") {
       const std::string journal = ReadTestFile(JoinPath(root, kJournal));
-      const bool is_named =
-          IsUpdatersOwn(path) || Backslashed(journal).find(L"\t" + path + L"\n") != path.npos;
+      std::string row = "\t" + WideToUtf8(path) + "\n";
+      std::ranges::replace(row, '\\', '/');
+      const bool is_named = IsUpdatersOwn(path) || journal.find(row) != journal.npos;
       if (!journal.starts_with(journal_head_) || !is_named) {
         return "changed before a journal named it: " + WideToUtf8(path) + "\n";
       }

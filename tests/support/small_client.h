@@ -7,10 +7,11 @@
 
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
-#include "apply/transaction_display.h"
+#include "app/apply_mode.h"
 #include "core/owned_handle.h"
 #include "tests/support/fault_injection.h"
 #include "tests/support/scratch_directory.h"
@@ -23,6 +24,8 @@ inline constexpr wchar_t kJournal[] = L".talvex-update\\previous\\rollback.journ
 
 class SmallClient {
  public:
+  using Mode = std::function<int(int argument_count, const wchar_t* const* arguments)>;
+
   // Has `old` installed, and its helper as the running program; or is the client that stands at
   // `existing_root` already.
   SmallClient(TestRelease old, TestRelease next, const std::wstring& existing_root = {});
@@ -32,8 +35,7 @@ class SmallClient {
 
   // Stages the new release, as the client does before it starts the helper.
   void Stage() const { StageTestRelease(new_release, plan_, root); }
-  [[nodiscard]] RunRecord Apply(const FaultPoint& fault = {});
-  [[nodiscard]] RunRecord ApplyShownOn(TransactionDisplay& display);
+  [[nodiscard]] RunRecord Apply(const FaultPoint& fault = {}, const Mode& mode = RunApplyMode);
   [[nodiscard]] RunRecord Rollback(const FaultPoint& fault = {});
 
   // Everything below the root, and making it so.
@@ -55,12 +57,13 @@ class SmallClient {
   Tree old_files;  // what ClientFiles has to be with the old release installed
   Tree new_files;
   RunSettings settings;
+  // What a run is given instead of the right arguments, by their place.
+  std::map<std::size_t, std::wstring> wrong_arguments;
 
  private:
-  using Mode = std::function<int(int, const wchar_t* const*)>;
-  [[nodiscard]] RunRecord RunApply(const Mode& mode, const FaultPoint& fault);
-  [[nodiscard]] RunRecord Run(const Mode& mode, std::vector<std::wstring> arguments,
-                              std::size_t parent_operand, const FaultPoint& fault);
+  // The arguments are those of the command line, with a place for each handle.
+  [[nodiscard]] RunRecord Run(const Mode& mode, std::vector<std::wstring> arguments, std::size_t parent_place,
+                              const FaultPoint& fault);
   [[nodiscard]] std::string WhatIsWrong(const RunRecord& record) const;
 
   StagedPlan plan_;

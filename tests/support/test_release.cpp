@@ -11,7 +11,6 @@
 #include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "formats/text_lines.h"
-#include "tests/support/scratch_directory.h"
 
 namespace talvex::test {
 
@@ -58,16 +57,25 @@ Manifest TestRelease::Parsed() const {
   return manifest;
 }
 
-void InstallTestRelease(const TestRelease& release, const std::wstring& directory) {
-  for (const auto& [path, contents] : release.files) {
-    WriteTestFile(directory + L"\\" + Utf8ToWide(path), contents);
+Tree TestRelease::Installed() const {
+  const std::string manifest = ManifestText();
+  Tree tree{{L".talvex-update-cache\\manifest.txt", manifest},
+            {L".talvex-update-cache\\manifest.sig", Signature()},
+            {L"TalvexUpdateState.dat", "TALVEX-UPDATE-STATE-V1\nsequence\t" + std::to_string(sequence) +
+                                           "\nrelease\t" + name + "\nmanifest-sha256\t" +
+                                           HexDigestOf(manifest) + "\n"}};
+  for (const auto& [path, contents] : files) {
+    std::wstring wide = Utf8ToWide(path);
+    std::ranges::replace(wide, L'/', L'\\');
+    tree[wide] = contents;
   }
-  const std::string manifest = release.ManifestText();
-  WriteTestFile(directory + L"\\.talvex-update-cache\\manifest.txt", manifest);
-  WriteTestFile(directory + L"\\.talvex-update-cache\\manifest.sig", release.Signature());
-  WriteTestFile(directory + L"\\TalvexUpdateState.dat",
-                "TALVEX-UPDATE-STATE-V1\nsequence\t" + std::to_string(release.sequence) + "\nrelease\t" +
-                    release.name + "\nmanifest-sha256\t" + HexDigestOf(manifest) + "\n");
+  return tree;
+}
+
+void InstallTestRelease(const TestRelease& release, const std::wstring& directory) {
+  for (const auto& [path, contents] : release.Installed()) {
+    WriteTestFile(directory + L"\\" + path, contents);
+  }
 }
 
 std::string PlanText(const TestRelease& release, const StagedPlan& plan) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "formats/manifest.h"
+#include "tests/support/scratch_directory.h"
 
 namespace talvex::test {
 
@@ -24,9 +25,10 @@ struct TestRelease {
   [[nodiscard]] std::string ManifestText() const;
   [[nodiscard]] std::string Signature() const { return SignWithDevelopmentKey(ManifestText()); }
   [[nodiscard]] Manifest Parsed() const;
+  // Its files, the state and the cache, as an update leaves them.
+  [[nodiscard]] Tree Installed() const;
 };
 
-// Puts the release's files below `directory`, and state and cache beside them, as an update leaves them.
 void InstallTestRelease(const TestRelease& release, const std::wstring& directory);
 
 struct StagedPlan {
