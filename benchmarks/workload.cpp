@@ -113,7 +113,7 @@ Workload::Workload(const WorkloadSize& size, const std::wstring& helper, const s
   plan_ = FormatApplyPlan(manifest_.digest, install_, {});
   const SignedPairPaths pair = SignedPairIn(staging);
   test::WriteTestFile(pair.manifest, text);
-  test::WriteTestFile(pair.signature, test::SignWithDevelopmentKey(text));
+  test::WriteTestFile(pair.signature, test::SignWithKey(text));
   test::WriteTestFile(ApplyPlanPath(staging), plan_);
   stage_ = StageRoot(root_, manifest_.digest);
   if (!MoveFileW(staging.c_str(), stage_.c_str())) {

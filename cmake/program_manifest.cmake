@@ -1,12 +1,11 @@
 # The manifests that keep Windows from taking a program for an installer. Every program of the project has one.
 
-# For the helper: its own manifest and version resource (app/).
-function(talvex_helper_resources target)
-  set(resources "${PROJECT_BINARY_DIR}/generated/TalvexUpdateHelper.rc")
-  configure_file("${PROJECT_SOURCE_DIR}/app/TalvexUpdateHelper.rc.in" "${resources}" @ONLY)
-  set_source_files_properties("${resources}" PROPERTIES
+# For the helper: its own.
+function(talvex_helper_manifest target)
+  set(resource "${PROJECT_SOURCE_DIR}/app/TalvexUpdateHelper.rc")
+  set_source_files_properties("${resource}" PROPERTIES
     OBJECT_DEPENDS "${PROJECT_SOURCE_DIR}/app/TalvexUpdateHelper.manifest")
-  target_sources(${target} PRIVATE "${resources}")
+  target_sources(${target} PRIVATE "${resource}")
   talvex_manifest_is_a_resource(${target})
 endfunction()
 

@@ -1,4 +1,5 @@
-# The public key that the helper trusts, embedded as the library talvex_publisher_key (core/publisher_key.h).
+# The public key that the helper trusts, embedded as the library talvex_publisher_key (core/publisher_key.h), and
+# as trusted_keys.h for programs that give it to the update library (talvex_trusted_keys).
 # Sets TALVEX_DEVELOPMENT_KEY: true when the build trusts its own key pair, which is in the build folder as
 # development-key/{private.pem,private.blob,public.pem}.
 
@@ -59,6 +60,18 @@ std::span<const std::byte> PublisherKeyBlob() noexcept { return std::as_bytes(st
 ]])
 endfunction()
 
+# Writes `header`, which holds the text of the file `pem` as a string.
+function(talvex_write_key_header header pem)
+  file(STRINGS "${pem}" lines)
+  list(TRANSFORM lines REPLACE ".+" "    \"\\0\\\\n\"")
+  list(JOIN lines "\n" text)
+  file(CONFIGURE OUTPUT "${header}" @ONLY CONTENT [[
+// Made by cmake/publisher_key.cmake from the publisher's public key.
+static const char kTrustedKey[] =
+@text@;
+]])
+endfunction()
+
 if(TALVEX_UPDATE_PUBLIC_KEY)
   set(TALVEX_DEVELOPMENT_KEY FALSE)
   set(talvex_public_pem "${TALVEX_UPDATE_PUBLIC_KEY}")
@@ -81,3 +94,8 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${talvex_public_
 
 add_library(talvex_publisher_key STATIC "${talvex_key_source}")
 target_link_libraries(talvex_publisher_key PUBLIC talvex_compiler)
+
+set(talvex_key_headers "${PROJECT_BINARY_DIR}/generated/keys")
+talvex_write_key_header("${talvex_key_headers}/trusted_keys.h" "${talvex_public_pem}")
+add_library(talvex_trusted_keys INTERFACE)
+target_include_directories(talvex_trusted_keys INTERFACE "${talvex_key_headers}")

@@ -1,10 +1,10 @@
 # Tests sign their own manifests, so they exist only in builds that trust the development key.
 set(TALVEX_GOOGLETEST_SOURCE /usr/src/googletest CACHE PATH "Folder of GoogleTest's sources")
 
-if(NOT TALVEX_DEVELOPMENT_KEY)
+if(NOT TALVEX_HELPER OR NOT TALVEX_EXAMPLES)
+  message(STATUS "No tests: they let the helper update the example client, and this build leaves one of them out.")
+elseif(NOT TALVEX_DEVELOPMENT_KEY)
   message(STATUS "No tests: they sign their own releases, and this build trusts a publisher's key.")
-elseif(NOT TALVEX_EXAMPLES)
-  message(STATUS "No tests: they update the example client, which TALVEX_EXAMPLES leaves out.")
 elseif(NOT EXISTS "${TALVEX_GOOGLETEST_SOURCE}/googletest/src/gtest-all.cc")
   message(WARNING "No tests: GoogleTest's sources are not in ${TALVEX_GOOGLETEST_SOURCE}. Configure with \
 -DTALVEX_GOOGLETEST_SOURCE=FOLDER, the folder of a checkout of GoogleTest, to get them.")

@@ -18,10 +18,15 @@ struct ChildProcess {
 };
 
 // Starts the program at the full path `program` in `directory`, with `command_line` and the environment of
-// this process. It inherits exactly `handles`, which must already be inheritable, and no other handle. False
-// leaves the failing call's code as the last error.
+// this process. It inherits exactly `handles`, which must already be inheritable, and no other handle.
+// `creation_flags` are given to CreateProcessW besides those that this needs. False leaves the failing call's
+// code as the last error.
 [[nodiscard]] bool StartChildProcess(const std::wstring& program, std::wstring command_line,
                                      const std::wstring& directory, std::vector<HANDLE> handles,
-                                     ChildProcess& child);
+                                     ChildProcess& child, DWORD creation_flags = 0);
+
+// A duplicate of `handle`, with `access` and the `options` of DuplicateHandle, that a child can inherit.
+// Invalid on failure, and then the last error is the reason.
+[[nodiscard]] OwnedHandle DuplicateInheritable(HANDLE handle, DWORD access, DWORD options) noexcept;
 
 }  // namespace talvex

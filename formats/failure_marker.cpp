@@ -1,5 +1,6 @@
 #include "formats/failure_marker.h"
 
+#include <cstdint>
 #include <string>
 
 #include "core/text_encoding.h"
@@ -9,6 +10,8 @@
 
 namespace talvex {
 namespace {
+
+constexpr std::uint32_t kMarkerSize = kDigestHexLength + 1;  // the digest and LF
 
 constexpr wchar_t kSaveFailed[] = L"Could not save the update failure marker.";
 
@@ -20,6 +23,15 @@ bool SaveFailureMarker(std::wstring_view client_root, const Sha256Digest& manife
   const std::string text = WideToUtf8(DigestToHex(manifest_digest)) + "\n";
   return ReplaceWholeFile(path, TemporaryPath(path), AsBytes(text), kSaveFailed, MoveFailureText::kSentence,
                           error);
+}
+
+bool IsMarkedAsFailed(std::wstring_view client_root, const Sha256Digest& manifest_digest) {
+  ByteBuffer bytes;
+  UpdateError unreported;
+  Sha256Digest failed;
+  return ReadWholeFile(FailureMarkerPath(client_root), kMarkerSize, bytes, unreported) &&
+         ParseHexDigest(AsText(bytes).substr(0, kDigestHexLength), failed) &&
+         DigestsEqual(failed, manifest_digest);
 }
 
 }  // namespace talvex

@@ -1,7 +1,7 @@
 #pragma once
 
 // The failure marker in the client root: the manifest digest of a release that was installed, could not start
-// and was rolled back. The client reads it and does not offer that release again; the helper only writes it.
+// and was rolled back. The helper only writes it; the client reads it and does not install that release again.
 // 64 lowercase hexadecimal characters and an LF, nothing else.
 
 #include <string_view>
@@ -16,5 +16,8 @@ namespace talvex {
 //   "Could not save the update failure marker."
 [[nodiscard]] bool SaveFailureMarker(std::wstring_view client_root, const Sha256Digest& manifest_digest,
                                      UpdateError& error);
+
+// Whether the release with `manifest_digest` is marked. A marker that cannot be read counts as none.
+[[nodiscard]] bool IsMarkedAsFailed(std::wstring_view client_root, const Sha256Digest& manifest_digest);
 
 }  // namespace talvex

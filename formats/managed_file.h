@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/owned_handle.h"
 #include "core/sha256.h"
 #include "core/update_error.h"
 #include "formats/manifest.h"
@@ -20,5 +21,12 @@ namespace talvex {
                                      std::uint64_t size_limit, const wchar_t* mismatch, UpdateError& error,
                                      HashProgressCallback progress = nullptr,
                                      void* progress_context = nullptr);
+
+// The same, and returns the handle that was verified: the file stays as it is while it is open, because it is
+// shared for reading only. Invalid on failure.
+[[nodiscard]] OwnedHandle OpenVerifiedManagedFile(const std::wstring& path, const ManifestEntry& entry,
+                                                  std::uint64_t size_limit, const wchar_t* mismatch,
+                                                  UpdateError& error, HashProgressCallback progress = nullptr,
+                                                  void* progress_context = nullptr);
 
 }  // namespace talvex

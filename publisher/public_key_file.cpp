@@ -1,56 +1,14 @@
 #include "publisher/public_key_file.h"
 
-#include <windows.h>
-// Needs windows.h first.
-#include <wincrypt.h>
-
 #include <cstdint>
-#include <cstring>
-#include <string_view>
 
-#include "core/system_library.h"
+#include "core/public_key_pem.h"
 #include "formats/text_lines.h"
 
 namespace talvex {
 namespace {
 
 constexpr std::uint32_t kPemSizeLimit = 16'384;  // bytes
-constexpr char kPemHeader[] = "-----BEGIN PUBLIC KEY-----";
-
-constexpr wchar_t kNotPublicKey[] = L"The file does not hold one public key in PEM form.";
-constexpr wchar_t kNoDecoding[] = L"Windows could not decode the public key.";
-constexpr wchar_t kNotRsaKey[] = L"The public key is not an RSA key.";
-
-// The decoding functions. Not imported: crypt32.dll is not one of the DLLs that Windows always takes from its
-// system directory, whatever is beside the program.
-struct DecodingFunctions {
-  decltype(&::CryptStringToBinaryA) CryptStringToBinaryA = nullptr;
-  decltype(&::CryptDecodeObjectEx) CryptDecodeObjectEx = nullptr;
-
-  [[nodiscard]] bool Load() {
-    const HMODULE library = LoadSystemLibrary(L"crypt32.dll");
-    return FindFunction(library, "CryptStringToBinaryA", CryptStringToBinaryA) &&
-           FindFunction(library, "CryptDecodeObjectEx", CryptDecodeObjectEx);
-  }
-};
-
-// Decodes `encoded` as the structure `type` into `decoded`, which also holds what the structure points to.
-// The size reported first is only an upper bound; the size written is the one that counts.
-bool DecodeObject(const DecodingFunctions& crypt, const char* type, const BYTE* encoded, DWORD size,
-                  ByteBuffer& decoded) {
-  DWORD decoded_size = 0;
-  if (!crypt.CryptDecodeObjectEx(X509_ASN_ENCODING, type, encoded, size, 0, nullptr, nullptr,
-                                 &decoded_size)) {
-    return false;
-  }
-  decoded.resize(decoded_size);
-  if (!crypt.CryptDecodeObjectEx(X509_ASN_ENCODING, type, encoded, size, 0, nullptr, decoded.data(),
-                                 &decoded_size)) {
-    return false;
-  }
-  decoded.resize(decoded_size);
-  return true;
-}
 
 }  // namespace
 
@@ -60,29 +18,7 @@ bool LoadPublicKey(const std::wstring& path, ByteBuffer& key_blob, UpdateError& 
   if (!ReadWholeFile(path, kPemSizeLimit, pem, error)) {
     return false;
   }
-  DecodingFunctions crypt;
-  if (!crypt.Load()) {
-    return Refuse(error, kNoDecoding);
-  }
-  const std::string_view text = AsText(pem);
-  auto der_size = static_cast<DWORD>(text.size());
-  ByteBuffer der(text.size());
-  if (!text.starts_with(kPemHeader) ||
-      !crypt.CryptStringToBinaryA(text.data(), der_size, CRYPT_STRING_BASE64HEADER,
-                                  reinterpret_cast<BYTE*>(der.data()), &der_size, nullptr, nullptr)) {
-    return Refuse(error, kNotPublicKey);
-  }
-  ByteBuffer decoded;
-  if (!DecodeObject(crypt, X509_PUBLIC_KEY_INFO, reinterpret_cast<const BYTE*>(der.data()), der_size,
-                    decoded)) {
-    return Refuse(error, kNotPublicKey);
-  }
-  const auto& info = *reinterpret_cast<const CERT_PUBLIC_KEY_INFO*>(decoded.data());
-  if (std::strcmp(info.Algorithm.pszObjId, szOID_RSA_RSA) != 0 ||
-      !DecodeObject(crypt, CNG_RSA_PUBLIC_KEY_BLOB, info.PublicKey.pbData, info.PublicKey.cbData, key_blob)) {
-    return Refuse(error, kNotRsaKey);
-  }
-  return true;
+  return DecodePublicKeyPem(AsText(pem), key_blob, error);
 }
 
 }  // namespace talvex

@@ -11,10 +11,8 @@
 namespace talvex {
 
 // Reads the RSA public key in the PEM file at `path` into the blob that manifest signatures are verified
-// with. Does not check the key's size; the verification does. Messages: those of ReadWholeFile, and
-//   "Windows could not decode the public key."   crypt32.dll cannot be loaded
-//   "The file does not hold one public key in PEM form."
-//   "The public key is not an RSA key."
+// with. Does not check the key's size; the verification does. Messages: those of ReadWholeFile and
+// DecodePublicKeyPem.
 [[nodiscard]] bool LoadPublicKey(const std::wstring& path, ByteBuffer& key_blob, UpdateError& error);
 
 }  // namespace talvex

@@ -6,10 +6,14 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "core/public_key_pem.h"
+#include "core/publisher_key.h"
 #include "core/regular_file.h"
 #include "core/text_encoding.h"
+#include "formats/text_lines.h"
 #include "tests/support/client_directory.h"
 
 // Of ntdll; no header declares them.
@@ -35,11 +39,8 @@ std::string Described(const TestRelease& release) {
 
 class ClientLife : public ClientDirectory {
  public:
-  ClientLife() {
-    MakeTestDirectory(scratch / L"temp");
-    SetEnvironmentVariableW(L"TMP", (scratch / L"temp").c_str());  // where the client puts its helpers
-    SetEnvironmentVariableW(L"TALVEX_CLIENT_LOG", log.c_str());
-    one.files["Talvex.exe"] = ReadTestFile(BuiltProgram(L"Talvex.exe"));
+  explicit ClientLife(const wchar_t* client = L"Talvex.exe") {
+    one.files["Talvex.exe"] = ReadTestFile(BuiltProgram(client));
     one.files["TalvexUpdateHelper.exe"] = ReadTestFile(helper);
     two.files["0.bin"] = "new";
     two.files["Talvex.exe"] = one.files["Talvex.exe"] + "2";  // runs no worse with bytes after its end
@@ -47,13 +48,14 @@ class ClientLife : public ClientDirectory {
     WriteTestFile(At(L"Talvex.exe"), one.files["Talvex.exe"]);
     WriteTestFile(At(L"screenshots\\mine.png"), "not managed");
   }
-  ~ClientLife() { SetEnvironmentVariableW(L"TMP", nullptr); }
 
   // Starts the client and waits until neither client nor helper runs any more. The exit code is that of this
   // client, the console what all of them have logged.
-  HelperResult Start(const std::vector<std::wstring>& arguments = {},
+  HelperResult Start(const std::wstring& download = {},
                      const std::function<void(DWORD)>& while_running = {}) {
     DeleteFileW(log.c_str());
+    std::vector<std::wstring> arguments = {log, download};
+    arguments.resize(download.empty() ? 1 : 2);
     HelperResult result = RunHelper(At(L"Talvex.exe"), arguments, {}, while_running);
     result.console = ReadTestFile(log);
     return result;
@@ -63,14 +65,14 @@ class ClientLife : public ClientDirectory {
     for (const auto& file : release.files) {
       download.install.push_back(file.first);
     }
-    return Start({L"--update", StageTestRelease(release, download, scratch.Path())}, while_running);
+    return Start(StageTestRelease(release, download, scratch.Path()), while_running);
   }
 
   void ExpectInstalls(const TestRelease& release) {
     const HelperResult result = Update(release);
     EXPECT_EQ(result.exit_code, 3u);
-    EXPECT_TRUE(result.console.ends_with("update started\nrestarted after an update\nhealthy " +
-                                         Described(release) + "running " + Described(release)))
+    EXPECT_TRUE(result.console.ends_with("update started\nrestarted after an update\nintact " +
+                                         Described(release) + "confirmed\nrunning " + release.name + "\n"))
         << result.console;
     EXPECT_EQ(result.message, L"");
     EXPECT_EQ(TreeDifference(ClientFiles(), FilesOf(release)), "");
@@ -79,7 +81,7 @@ class ClientLife : public ClientDirectory {
   void ExpectRefuses(const TestRelease& release, const std::string& reason) {
     const HelperResult result = Update(release);
     EXPECT_EQ(result.exit_code, 1u);
-    EXPECT_EQ(result.console, "ERROR: " + reason + "\n");
+    EXPECT_TRUE(result.console.ends_with("ERROR: " + reason + "\n")) << result.console;
   }
   void ExpectRollsBack(const HelperResult& result, DWORD exit_code, const std::string& reason,
                        const TestRelease& previous, const TestRelease& failed) {
@@ -91,21 +93,21 @@ class ClientLife : public ClientDirectory {
               L"newer update is required before this release will be tried again.");
     EXPECT_EQ(TreeDifference(ClientFiles(), FilesOf(previous)), "");
     EXPECT_EQ(ReadTestFile(At(L"TalvexUpdateFailure.dat")), HexDigestOf(failed.ManifestText()) + "\n");
-    EXPECT_TRUE(Start().console.ends_with("running " + Described(previous)));  // by state and cache
+    EXPECT_TRUE(Start().console.ends_with("running " + previous.name + "\n"));  // by state and cache
   }
 
-  // Installs release one, then has the helper killed while it installs release two: with `changed` in place,
-  // and while it tries again to replace `held`, the file after it.
-  void InterruptUpdate(const std::string& changed, const std::string& held) {
-    ExpectInstalls(one);
+  // Has the helper killed while it installs `release`: with `changed` in place, and while it tries again to
+  // replace `held`, the file after it.
+  void Interrupt(const TestRelease& release, const std::string& changed, const std::string& held) {
+    const Tree before = ClientFiles();
     const OwnedHandle holder(CreateFileW(At(Utf8ToWide(held)).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                          OPEN_EXISTING, 0, nullptr));
-    Update(two, [&](DWORD process_id) {
-      if (ReadTestFile(At(Utf8ToWide(changed))) == two.files.at(changed)) {
+    Update(release, [&](DWORD process_id) {
+      if (ReadTestFile(At(Utf8ToWide(changed))) == release.files.at(changed)) {
         TerminateProcess(OwnedHandle(OpenProcess(PROCESS_TERMINATE, FALSE, process_id)).Get(), 1);
       }
     });
-    EXPECT_NE(TreeDifference(ClientFiles(), FilesOf(one)), "");
+    EXPECT_NE(TreeDifference(ClientFiles(), before), "");
   }
 
   std::wstring log = scratch / L"client.log";
@@ -113,8 +115,13 @@ class ClientLife : public ClientDirectory {
   TestRelease two = new_release;
 };
 
-TEST(ClientLife, GoesFromTheFirstInstallationThroughABrokenReleaseToARepairedOne) {
-  ClientLife life;
+class EachClient : public testing::TestWithParam<const wchar_t*> {};
+
+// The helper is always a 32-bit program, a client may be either.
+INSTANTIATE_TEST_SUITE_P(Bits, EachClient, testing::Values(L"Talvex.exe", L"x64\\Talvex.exe"));
+
+TEST_P(EachClient, GoesFromTheFirstInstallationThroughABrokenReleaseToARepairedOne) {
+  ClientLife life(GetParam());
   life.ExpectInstalls(life.one);
   life.ExpectInstalls(life.two);
 
@@ -126,7 +133,7 @@ TEST(ClientLife, GoesFromTheFirstInstallationThroughABrokenReleaseToARepairedOne
   for (const wchar_t* const path : {L"Data\\a.bin", L"Data\\deep\\er\\b.bin", L"TalvexUpdateState.dat"}) {
     SetFileAttributesW(life.At(path).c_str(), FILE_ATTRIBUTE_READONLY);
   }
-  life.ExpectRollsBack(life.Update(broken), 3, "The start script asks for a crash.", life.two, broken);
+  life.ExpectRollsBack(life.Update(broken), 3, "This release cannot start.", life.two, broken);
   life.ExpectRefuses(broken, kFailedBefore);
 
   const TestRelease repaired = Successor(broken, "3.1", "ok");
@@ -134,17 +141,29 @@ TEST(ClientLife, GoesFromTheFirstInstallationThroughABrokenReleaseToARepairedOne
   life.ExpectRefuses(life.two, "The update server offered an older release. The update was rejected.");
   const HelperResult again = life.Update(repaired);
   EXPECT_EQ(again.exit_code, 0u);
-  EXPECT_EQ(again.console, "installed already release=3.1 sequence=4\n");
-  EXPECT_EQ(life.Start().console, "running release=3.1 sequence=4\n");
-  EXPECT_EQ(life.Start({L"--update"}).exit_code, 2u);
+  EXPECT_EQ(again.console, "running 3.1\n");
 
   // A release whose client dies gives no verdict; the next start does.
   const TestRelease dying = Successor(repaired, "4.0", "die");
   const HelperResult death = life.Update(dying);
-  EXPECT_TRUE(death.console.ends_with("update started\nrestarted after an update\n")) << death.console;
+  EXPECT_TRUE(death.console.ends_with("\nintact " + Described(dying))) << death.console;
   life.ExpectRollsBack(life.Start(), 4, "The last start of this release did not come to its end.", repaired,
                        dying);
   life.ExpectRefuses(dying, kFailedBefore);
+}
+
+// What a developer copies first.
+TEST(ClientLife, IsUpdatedByTheLinesInTheReadme) {
+  ClientLife life(L"tests\\readme_client.exe");
+  StagedPlan all;
+  for (const auto& file : life.two.files) {
+    all.install.push_back(file.first);
+  }
+  SetEnvironmentVariableW(L"TALVEX_TEST_SERVER",
+                          StageTestRelease(life.two, all, life.scratch.Path()).c_str());
+  EXPECT_EQ(life.Start().exit_code, 0u);
+  EXPECT_EQ(TreeDifference(life.ClientFiles(), ClientLife::FilesOf(life.two)), "");
+  EXPECT_EQ(TreeDifference(ReadTree(life.At(L".talvex-update")), {}), "");
 }
 
 // Cut off after a new file, and after a replaced one: the previous release comes back to the byte, and the
@@ -156,7 +175,8 @@ TEST(ClientLife, SettlesAnUpdateWhoseHelperWasKilled) {
                {"Data/deep/er/b.bin", "Talvex.exe", "Data\\a.bin: "}};
   for (const auto& c : cases) {
     ClientLife life;
-    life.InterruptUpdate(c.changed, c.held);
+    life.ExpectInstalls(life.one);
+    life.Interrupt(life.two, c.changed, c.held);
     life.ExpectRollsBack(life.Start(), 4, c.reason, life.one, life.two);
     life.ExpectInstalls(life.two);
     EXPECT_FALSE(MayExist(life.At(L"TalvexUpdateFailure.dat")));
@@ -165,7 +185,8 @@ TEST(ClientLife, SettlesAnUpdateWhoseHelperWasKilled) {
 
 TEST(ClientLife, LetsANewerReleaseInWhenNothingCanBeRestored) {
   ClientLife life;
-  life.InterruptUpdate("Data/deep/er/b.bin", "Talvex.exe");
+  life.ExpectInstalls(life.one);
+  life.Interrupt(life.two, "Data/deep/er/b.bin", "Talvex.exe");
   DeleteFileW(life.At(L".talvex-update\\previous\\recovery\\new-manifest.txt").c_str());
   EXPECT_EQ(life.Start().exit_code, 1u);
   life.ExpectInstalls(life.two);
@@ -177,7 +198,7 @@ TEST(ClientLife, ClearsCopiesWithoutAJournalOrWaitsForAnUpdate) {
   life.ExpectInstalls(life.one);
   const std::wstring copy = life.At(L".talvex-update\\previous\\files\\keep.txt");
   WriteTestFile(copy, "kept");
-  EXPECT_EQ(life.Start().console, "running release=1.0 sequence=1\n");
+  EXPECT_EQ(life.Start().console, "running 1.0\n");
   EXPECT_EQ(TreeDifference(ReadTree(life.At(L".talvex-update")), {}), "");
   WriteTestFile(copy, "kept");
   WriteTestFile(life.At(L"keep.txt"), "CHANGED!");
@@ -196,16 +217,74 @@ TEST(ClientLife, KeepsASecondClientOutWhileAHelperIsAtWork) {
   HelperResult second_client;
   life.Update(life.two, [&](DWORD process_id) {
     client = client == 0 ? process_id : client;
-    if (process_id != client && second_client.console.empty()) {
+    if (process_id != client && second_client.exit_code == 0) {
       const OwnedHandle helper(OpenProcess(PROCESS_SUSPEND_RESUME, FALSE, process_id));
       NtSuspendProcess(helper.Get());  // most likely before it takes the lock
-      second_client = RunHelper(life.At(L"Talvex.exe"), {}, {});
+      second_client = RunHelper(life.At(L"Talvex.exe"), {life.scratch / L"second.log"}, {});
       NtResumeProcess(helper.Get());
     }
   });
   EXPECT_EQ(second_client.exit_code, 1u);
-  EXPECT_EQ(second_client.console, "ERROR: Talvex already runs from this directory, or is being updated.\n");
+  EXPECT_EQ(ReadTestFile(life.scratch / L"second.log"),
+            "ERROR: Talvex already runs from this directory, or is being updated.\n");
   EXPECT_EQ(TreeDifference(life.ClientFiles(), ClientDirectory::FilesOf(life.two)), "");
+}
+
+// The build's helper, as it would be if it trusted the other publisher's key.
+std::string HelperOfOtherKey() {
+  std::string helper = ReadTestFile(BuiltProgram(L"TalvexUpdateHelper.exe"));
+  ByteBuffer other_blob;
+  UpdateError error;
+  EXPECT_TRUE(DecodePublicKeyPem(ReadTestFile(std::wstring(kOtherKey) + L"\\public.pem"), other_blob, error));
+  const std::string_view trusted = AsText(PublisherKeyBlob());
+  return helper.replace(helper.find(trusted), trusted.size(), AsText(other_blob));
+}
+
+// A publisher changes keys: release A is the last of the old key, and its client trusts both; release B is
+// the first of the new key, and carries all files of A.
+class ChangeOfKeys : public testing::Test {
+ protected:
+  ChangeOfKeys() {
+    a.key_folder = kOtherKey;
+    a.files["Talvex.exe"] = ReadTestFile(BuiltProgram(L"tests\\client_of_both_keys.exe"));
+    a.files["TalvexUpdateHelper.exe"] = HelperOfOtherKey();
+    for (const auto& file : a.files) {
+      b.files.insert(file);  // does not replace B's own
+    }
+    RemoveTestTree(life.root);
+    InstallTestRelease(a, life.root);
+    WriteTestFile(life.At(L"screenshots\\mine.png"), "not managed");
+  }
+
+  ClientLife life;
+  TestRelease a = life.one;
+  TestRelease b = life.two;
+};
+
+TEST_F(ChangeOfKeys, GoesFromTheOldKeyToTheNewOneAndOn) {
+  life.ExpectInstalls(b);
+  EXPECT_EQ(life.Update(a).exit_code, 1u);  // B's client does not know the old key
+  TestRelease next = Successor(b, "3.0", "ok");
+  next.files.erase("old/retired.bin");
+  life.ExpectInstalls(next);  // retires by the new key
+}
+
+TEST_F(ChangeOfKeys, ComesBackFromABrokenRelease) {
+  b.files["start.cfg"] = "start=crash\n";
+  life.ExpectRollsBack(life.Update(b), 3, "This release cannot start.", a, b);
+}
+
+// Cut off before and after the client's program was replaced: either client has it rolled back.
+TEST_F(ChangeOfKeys, ComesBackFromAReleaseThatWasCutOff) {
+  const struct {
+    const char *changed, *held, *reason;
+  } cases[] = {{"0.bin", "Data/a.bin", "A file of an unfinished update was left behind.\n"},
+               {"Talvex.exe", "TalvexUpdateHelper.exe", "No installed release can be proved.\n"}};
+  for (const auto& c : cases) {
+    life.Interrupt(b, c.changed, c.held);
+    life.ExpectRollsBack(life.Start(), 4, c.reason, a, b);
+  }
+  life.ExpectInstalls(b);
 }
 
 }  // namespace

@@ -63,6 +63,7 @@ TEST_F(PlantedDlls, AreLoadedByNoneOfThePrograms) {
     release.files[name] = ReadTestFile(BuiltProgram(Utf8ToWide(name)));
   }
   InstallTestRelease(release, place_.Path());
+  WriteTestFile(place_ / L"TalvexUpdate.dll", ReadTestFile(BuiltProgram(L"TalvexUpdate.dll")));
   const std::wstring cache = place_ / L".talvex-update-cache";
   const struct {
     std::wstring program;
@@ -76,7 +77,8 @@ TEST_F(PlantedDlls, AreLoadedByNoneOfThePrograms) {
       {L"TalvexPublish.exe",
        {L"verify", cache, L"--public-key", BuiltProgram(L"development-key\\public.pem")},
        "OK release=1.0"},
-      {L"Talvex.exe", {}, "running release=1.0 sequence=1\n"},
+      {L"Talvex.exe", {}, ""},
+      {L"TalvexSettle.exe", {place_.Path()}, "installed: 1.0, sequence 1\r\n"},
       // Version 6 of the common controls, as the helper's manifest says, not the one in the system directory.
       {kProbe, {L"window"}, "\\winsxs\\x86_microsoft.windows.common-controls_6595b64144ccf1df_6."},
       // And none in place of Windows' own that is missing.

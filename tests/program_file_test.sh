@@ -4,17 +4,18 @@
 build=$2
 helper=$build/TalvexUpdateHelper.exe
 
-i686-w64-mingw32-objdump -p "$helper" | tr -s '[:blank:]' ' ' > "$work/headers"
-i686-w64-mingw32-windres -J coff -O rc "$helper" "$work/resources"
+# The 64-bit tools read files of both architectures.
+x86_64-w64-mingw32-objdump -p "$helper" | tr -s '[:blank:]' ' ' > "$work/headers"
+x86_64-w64-mingw32-windres -J coff -O rc "$helper" "$work/resources"
 
 # Windows takes these from System32 whatever lies beside the program (its "known DLLs").
 imports_known_dlls_alone() {
-  i686-w64-mingw32-objdump -p "$build/$1.exe" | sed -n 's/^.*DLL Name: //p' > "$work/imports"
+  x86_64-w64-mingw32-objdump -p "$build/$1" | sed -n 's/^.*DLL Name: //p' > "$work/imports"
   [ -s "$work/imports" ] && ! grep -vixE '(kernel32|user32|gdi32|advapi32|shell32|ole32|msvcrt)\.dll' "$work/imports"
 }
 
 asks_for_no_elevation() {
-  i686-w64-mingw32-windres -J coff -O rc "$1" 2> /dev/null | tr -d '"' > "$work/manifest"
+  x86_64-w64-mingw32-windres -J coff -O rc "$1" 2> /dev/null | tr -d '"' > "$work/manifest"
   grep -q '^1 24 ' "$work/manifest" && grep -qF level=asInvoker "$work/manifest"
 }
 
@@ -35,7 +36,7 @@ if [ "$3" = Release ]; then
   size=$(wc -c < "$helper")
   check "the helper's $size bytes are at most $limit KiB" test "$size" -le $((limit * 1024))
 fi
-for program in TalvexUpdateHelper Talvex TalvexPublish; do
+for program in TalvexUpdateHelper.exe Talvex.exe TalvexPublish.exe TalvexUpdate.dll x64/TalvexUpdate.dll; do
   check "$program imports known DLLs alone" imports_known_dlls_alone "$program"
 done
 find "$build" -name '*.exe' -not -path '*/wine/*' -not -path '*/CMakeFiles/*' > "$work/programs"

@@ -101,7 +101,7 @@ TEST_F(Publisher, ProvesTheSignedPairWithThePublicKeyFile) {
     Publish({L"verify", out, L"--public-key", BuiltProgram(key)}, exit_code, {text});
   };
   verify(L"development-key\\public.pem", 0, "OK release=1.0 sequence=1 files=1");
-  verify(L"fixtures\\other-public.pem", 1, "The update manifest signature is invalid.");
+  verify(L"fixtures\\other-key\\public.pem", 1, "The update manifest signature is invalid.");
   verify(L"fixtures\\short-public.pem", 1, "The update key or signature does not use RSA-3072.");
   verify(L"fixtures\\curve-public.pem", 1, "The public key is not an RSA key.");
   verify(L"development-key\\private.pem", 1, "The file does not hold one public key in PEM form.");

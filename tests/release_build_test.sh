@@ -17,7 +17,7 @@ build_elsewhere() {
 
 refusal='This build trusts a development key: no release can be made from it.'
 check "no release is installed from a build with a development key" \
-  refuses "$refusal" cmake --install "$build" --prefix "$work/refused"
+  refuses "$refusal" cmake --install "$build" --component helper --prefix "$work/refused"
 check "no release is packed from a build with a development key" \
   refuses "$refusal" cpack --config "$build/CPackConfig.cmake" -B "$work/package"
 check "nothing was installed or packed meanwhile" \
@@ -25,6 +25,7 @@ check "nothing was installed or packed meanwhile" \
 check "a build with a given key succeeds in another folder" build_elsewhere
 check "it makes the same bytes" cmp "$elsewhere/out/TalvexUpdateHelper.exe" "$build/TalvexUpdateHelper.exe"
 check "it has no tests, which would need the private key" test ! -e "$elsewhere/out/CTestTestfile.cmake"
-check "a release is installed from it" cmake --install "$elsewhere/out" --prefix "$work/release"
+check "a release is installed from it" \
+  cmake --install "$elsewhere/out" --component helper --prefix "$work/release"
 check "it is the helper alone" test "$(ls "$work/release")" = TalvexUpdateHelper.exe
 finish_checks

@@ -88,8 +88,7 @@ struct Case {
 
 const Case kUpdateCases[] = {
     {"PreviousIsAJunction", [](Client& c) { c.LinkAway(c.InPrevious(L"")); }, kOutside},
-    {"SignatureOfAnotherText",
-     [](Client& c) { WriteTestFile(c.InStage(L"manifest.sig"), SignWithDevelopmentKey("x")); },
+    {"SignatureOfAnotherText", [](Client& c) { WriteTestFile(c.InStage(L"manifest.sig"), SignWithKey("x")); },
      L"The update manifest signature is invalid."},
     {"SignedButNotTheNamedManifest",
      [](Client& c) {
@@ -131,9 +130,7 @@ const Case kRollbackCases[] = {
      [](Client& c) { c.EditJournal(HexDigestOf(kNew.ManifestText()), std::string(64, '0')); },
      L"The rollback recovery manifest is invalid."},
     {"ForgedManifest",
-     [](Client& c) {
-       WriteTestFile(c.InPrevious(L"recovery\\new-manifest.sig"), SignWithDevelopmentKey("x"));
-     },
+     [](Client& c) { WriteTestFile(c.InPrevious(L"recovery\\new-manifest.sig"), SignWithKey("x")); },
      L"The update manifest signature is invalid."},
     {"FileInOtherLetters", [](Client& c) { c.EditJournal("Data/a.bin", "data/a.bin"); },
      L"The rollback journal contains an unsigned file."},

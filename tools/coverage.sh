@@ -21,7 +21,7 @@ mkdir -p "$runs"
 export GCOV_PREFIX="Z:$runs/runs"
 # Left out: the checks of the program's file, which is larger when instrumented.
 ctest --test-dir "$build" --output-on-failure --parallel 4 \
-  --exclude-regex '^(program_file|release_build|publisher_key|dll_planting)_test$'
+  --exclude-regex '^(program_file|release_build|package|publisher_key|dll_planting)_test$'
 
 find "$build" -path "$build/coverage" -prune -o -name '*.gcda' -exec rm {} +
 # The merge tool creates no folders, and occasionally crashes by itself.
@@ -51,9 +51,9 @@ rm -rf "$runs"
 
 # Branches that only an exception takes are left out: the compiler makes one for every call.
 gcovr --root . --object-directory "$build" --gcov-executable i686-w64-mingw32-gcov-posix --exclude-throw-branches \
-  --filter '(app|core|formats|storage|apply|rollback|publisher)/' "$build" > build/coverage-lines.txt
+  --filter '(app|core|formats|storage|apply|rollback|client|publisher)/' "$build" > build/coverage-lines.txt
 gcovr --root . --object-directory "$build" --gcov-executable i686-w64-mingw32-gcov-posix --exclude-throw-branches \
-  --filter '(app|core|formats|storage|apply|rollback|publisher)/' --branches "$build" > build/coverage-branches.txt
+  --filter '(app|core|formats|storage|apply|rollback|client|publisher)/' --branches "$build" > build/coverage-branches.txt
 if [ "${1:-}" = --uncovered ]; then
   cat build/coverage-lines.txt
 fi

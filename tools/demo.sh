@@ -90,7 +90,7 @@ every() {
 start_client() {
   : > "$log"
   code=0
-  TALVEX_CLIENT_LOG='C:\demo\client.log' wine_run "$client/Talvex.exe" "$@" > /dev/null || code=$?
+  wine_run "$client/Talvex.exe" 'C:\demo\client.log' "$@" > /dev/null || code=$?
 }
 
 # Waits for a line of the log that begins like this, and shows the log.
@@ -148,7 +148,7 @@ step "Installing what is missing, and building"
 tools/setup.sh
 mkdir -p "$demo"
 cmake --preset mingw-release > "$demo/configure.log" 2>&1 || { cat "$demo/configure.log"; exit 1; }
-cmake --build --preset mingw-release --target TalvexUpdateHelper Talvex TalvexPublish DemoHands
+cmake --build --preset mingw-release --target TalvexUpdateHelper talvex_x64 TalvexPublish DemoHands
 
 step "Starting a Wine of the demo's own, with a display nobody sees"
 unset DISPLAY
@@ -158,9 +158,9 @@ rm -rf "$place" "$picture"
 mkdir -p "$place/releases" "$client"
 source=$place/source
 
-step "Release 1.0: Talvex.exe, the helper and the game's data"
+step "Release 1.0: a 64-bit Talvex.exe, the helper and the game's data"
 mkdir -p "$source"
-cp "$build/Talvex.exe" "$build/TalvexUpdateHelper.exe" "$source/"
+cp "$build/x64/Talvex.exe" "$build/TalvexUpdateHelper.exe" "$source/"
 echo "start=ok" > "$source/start.cfg"
 take_data "$source/data"
 echo "   Data: $(count "$source/data") files, $(($(size "$source/data") / 1048576)) MiB, from ${data:-the cross compiler}"
@@ -191,17 +191,17 @@ publish 1.3 4
 rm -rf "$source"
 
 step "First installation: the directory holds Talvex.exe alone, which installs release 1.0"
-cp "$build/Talvex.exe" "$client/"
-start_client --update 'C:\demo\releases\1.0'
+cp "$build/x64/Talvex.exe" "$client/"
+start_client 'C:\demo\releases\1.0'
 exits_with 3
-client_says "running release=1.0 sequence=1"
+client_says "running 1.0"
 client_equals 1.0
 show_state
 
 step "Update to 1.1, while a virus scanner holds one of the files for a second"
 wine_run "$build/DemoHands.exe" hold "$client/$held" > "$place/held.log" &
 scanner=$!
-start_client --update 'C:\demo\releases\1.1'
+start_client 'C:\demo\releases\1.1'
 exits_with 3
 for _ in $(seq 600); do
   if grep -q held "$place/held.log"; then
@@ -211,14 +211,14 @@ for _ in $(seq 600); do
   sleep 0.05
 done
 wait $scanner
-client_says "running release=1.1 sequence=2"
+client_says "running 1.1"
 client_equals 1.1
 show_state
 [ -s "$picture" ]
 echo "   The status window in the middle of the update: $picture"
 
 step "Update to 1.2, which cannot start: the client has it rolled back"
-start_client --update 'C:\demo\releases\1.2'
+start_client 'C:\demo\releases\1.2'
 exits_with 3
 client_says "rollback started"
 echo "   The player sees this, and presses OK:"
@@ -230,20 +230,20 @@ sed 's/^/      /' "$client/TalvexUpdateFailure.dat"
 sha256sum "$place/releases/1.2/manifest.txt" | cut -d ' ' -f 1 | cmp - "$client/TalvexUpdateFailure.dat"
 
 step "Release 1.2 is offered again, and refused"
-start_client --update 'C:\demo\releases\1.2'
+start_client 'C:\demo\releases\1.2'
 exits_with 1
 client_says "ERROR: This release could not start here before. A newer release is needed."
 client_equals 1.1
 
 step "Update to 1.3, the repaired release"
-start_client --update 'C:\demo\releases\1.3'
+start_client 'C:\demo\releases\1.3'
 exits_with 3
-client_says "running release=1.3 sequence=4"
+client_says "running 1.3"
 client_equals 1.3
 show_state
 
 step "Release 1.1 is offered, and refused because it is older"
-start_client --update 'C:\demo\releases\1.1'
+start_client 'C:\demo\releases\1.1'
 exits_with 1
 client_says "ERROR: The update server offered an older release. The update was rejected."
 client_equals 1.3
@@ -251,7 +251,7 @@ client_equals 1.3
 step "A plain start, as on every other day"
 start_client
 exits_with 0
-client_says "running release=1.3 sequence=4"
+client_says "running 1.3"
 
 step "Everything is put away"
 rm -rf "$place/releases"

@@ -16,11 +16,14 @@ find_missing() {
   need ninja-build ninja --version
   need openssl openssl version
   need g++-mingw-w64-i686-posix i686-w64-mingw32-g++-posix --version
+  need g++-mingw-w64-x86-64-posix x86_64-w64-mingw32-g++-posix --version
   need googletest test -f /usr/src/googletest/CMakeLists.txt
   need wine wine --version
   need wine32:i386 test -e /usr/lib/i386-linux-gnu/wine/i386-unix/ntdll.so
+  need wine64:amd64 test -e /usr/lib/x86_64-linux-gnu/wine/x86_64-unix/ntdll.so
   # Wine looks for GnuTLS by itself at run time: without it RSA fails.
   need libgnutls30:i386 test -e /usr/lib/i386-linux-gnu/libgnutls.so.30
+  need libgnutls30:amd64 test -e /usr/lib/x86_64-linux-gnu/libgnutls.so.30
   need xvfb command -v Xvfb
   need imagemagick command -v import
   need fonts-dejavu-core test -d /usr/share/fonts/truetype
@@ -52,7 +55,7 @@ install_missing() {
   # The index of an unrelated source may fail; what counts is whether the packages install.
   as_root apt-get update || echo "setup: some package lists could not be fetched; going on" >&2
   if apt-cache show libgnutls30t64 2> /dev/null | grep -q .; then
-    missing=$(echo "$missing" | sed 's/libgnutls30:/libgnutls30t64:/')  # its name on newer systems
+    missing=$(echo "$missing" | sed 's/libgnutls30:/libgnutls30t64:/g')  # its name on newer systems
   fi
   # Both architectures must get the same version of each shared library. If the updates of one of them are
   # behind, only the release itself has matching versions.

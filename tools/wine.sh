@@ -1,6 +1,8 @@
 #!/bin/sh
 # The project's own Wine, in a folder of its own, so that no test or demo touches ~/.wine.
 #
+# It runs 32-bit and 64-bit programs, as Windows does.
+#
 #   tools/wine.sh FOLDER start             creates prefix and display, and keeps both ready until "stop"
 #   tools/wine.sh FOLDER run PROGRAM...    runs a Windows program in it
 #   tools/wine.sh FOLDER run-tests PROGRAM...   runs a GoogleTest program, its output passed on at its end
@@ -19,7 +21,7 @@ action=$2
 shift 2
 
 export WINEPREFIX="$folder/prefix"
-export WINEARCH=win32
+export WINEARCH=win64
 export LC_ALL=C.UTF-8  # in a locale without UTF-8, Wine creates no files with names beyond ASCII
 export WINEDEBUG="${WINEDEBUG:--all}"
 # No offers to download Mono or Gecko, and no debugger, whose window would keep a crashed program alive.
@@ -72,13 +74,15 @@ start() {
     done
     use_display
   fi
-  [ -e "$folder/ready" ] || make_prefix
+  if [ ! -e "$folder/ready" ] || ! grep -qx "#arch=$WINEARCH" "$WINEPREFIX/system.reg"; then
+    make_prefix
+  fi
   rm -rf "${temporary:?}"
   mkdir -p "$temporary"
   # Wine ends its services with the last program, and restarting them takes most of a second. This one runs
-  # until "stop".
-  wine 'C:\windows\system32\ping.exe' -n 7200 127.0.0.1 < /dev/null > /dev/null 2>&1 &
-  wine 'C:\windows\system32\cmd.exe' /c exit > /dev/null 2>&1  # returns when the services have started
+  # until "stop". 32-bit programs: for others, Debian's Wine runs a second one that waits for them.
+  wine 'C:\windows\syswow64\ping.exe' -n 7200 127.0.0.1 < /dev/null > /dev/null 2>&1 &
+  wine 'C:\windows\syswow64\cmd.exe' /c exit > /dev/null 2>&1  # returns when the services have started
 }
 
 stop() {

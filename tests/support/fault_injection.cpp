@@ -309,6 +309,18 @@ BOOL WINAPI StartClient(const wchar_t*, wchar_t*, SECURITY_ATTRIBUTES*, SECURITY
   return TRUE;
 }
 
+// The C++ runtime duplicates a thread's own handle at its first exception.
+BOOL WINAPI NoteDuplicate(HANDLE from, HANDLE handle, HANDLE to, HANDLE* duplicate, DWORD access,
+                          BOOL inherit, DWORD options) {
+  in_hook = true;  // the next line comes here once more
+  const BOOL done = DuplicateHandle(from, handle, to, duplicate, access, inherit, options);
+  if (done && handle != GetCurrentThread()) {
+    opened_by[*duplicate] = {"DuplicateHandle"};
+  }
+  in_hook = false;
+  return done;
+}
+
 HANDLE WINAPI StartNoThread(SECURITY_ATTRIBUTES*, SIZE_T, LPTHREAD_START_ROUTINE, void*, DWORD, DWORD*) {
   return nullptr;  // no status window
 }
@@ -362,6 +374,7 @@ void PatchImports() {
   Patch<"ReleaseMutex">(ReleaseMutex);
   Patch<"CloseHandle">(CloseHandle);
   Patch<"CreateEventW">(CreateEventW);
+  Patch<"CreateMutexW">(CreateMutexW);
   Patch<"CreateProcessW">(StartClient);
   Patch<"SetEnvironmentVariableW">(SetEnvironmentVariableW);
   Patch<"InitializeProcThreadAttributeList">(InitializeProcThreadAttributeList);
@@ -379,6 +392,7 @@ void PatchImports() {
   PatchCng<"BCryptVerifySignature">(cng.BCryptVerifySignature);
   PatchCng<"BCryptDestroyKey">(cng.BCryptDestroyKey);
   Replace<"CreateThread">(StartNoThread);
+  Replace<"DuplicateHandle">(NoteDuplicate);
   Replace<"Sleep">(NoteSleep);
   Replace<"MessageBoxW">(NoteMessage);
   Replace<"GetCurrentProcessId">(GetOneProcessId);

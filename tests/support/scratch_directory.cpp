@@ -89,8 +89,9 @@ void RemoveTestTree(const std::wstring& directory) {
   std::vector<fs::path> paths = PathsBelow(directory);
   std::ranges::reverse(paths);
   for (const fs::path& path : paths) {
-    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
-    fs::remove(path, unreported);
+    const std::wstring exact = L"\\\\?\\" + path.wstring();  // a name that ends in a dot loses it otherwise
+    SetFileAttributesW(exact.c_str(), FILE_ATTRIBUTE_NORMAL);
+    fs::remove(exact, unreported);
   }
   fs::remove(directory, unreported);
 }

@@ -14,8 +14,8 @@
 
 namespace talvex::test {
 
-std::string SignWithDevelopmentKey(std::string_view text) {
-  const std::string key_blob = ReadTestFile(L"development-key\\private.blob");
+std::string SignWithKey(std::string_view text, const std::wstring& key_folder) {
+  const std::string key_blob = ReadTestFile(key_folder + L"\\private.blob");
   HCRYPTPROV provider = 0;
   HCRYPTKEY key = 0;
   HCRYPTHASH hash = 0;

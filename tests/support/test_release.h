@@ -13,17 +13,23 @@
 
 namespace talvex::test {
 
-// Signs as the publisher does, with the private half of the development key.
-[[nodiscard]] std::string SignWithDevelopmentKey(std::string_view text);
+// Folders of the build with a key pair each.
+inline constexpr wchar_t kDevelopmentKey[] = L"development-key";
+inline constexpr wchar_t kOtherKey[] = L"fixtures\\other-key";
+
+// Signs as the publisher does, with the private half of a key pair.
+[[nodiscard]] std::string SignWithKey(std::string_view text,
+                                      const std::wstring& key_folder = kDevelopmentKey);
 [[nodiscard]] std::string HexDigestOf(std::string_view text);
 
 struct TestRelease {
   std::string name;
   std::uint64_t sequence = 1;
   std::map<std::string, std::string> files;  // path with "/" -> contents
+  std::wstring key_folder = kDevelopmentKey;
 
   [[nodiscard]] std::string ManifestText() const;
-  [[nodiscard]] std::string Signature() const { return SignWithDevelopmentKey(ManifestText()); }
+  [[nodiscard]] std::string Signature() const { return SignWithKey(ManifestText(), key_folder); }
   [[nodiscard]] Manifest Parsed() const;
   // Its files, the state and the cache, as an update leaves them.
   [[nodiscard]] Tree Installed() const;

@@ -1,0 +1,72 @@
+#include "client/client_lock.h"
+
+#include "client/client_layout.h"
+#include "client/work_directory.h"
+#include "core/child_process.h"
+#include "core/regular_file.h"
+#include "core/retry.h"
+
+namespace talvex::client {
+namespace {
+
+constexpr DWORD kPollMs = 50;
+
+constexpr wchar_t kTaken[] = L"Talvex already runs from this directory, or is being updated.";
+constexpr wchar_t kNotWritable[] = L"Talvex cannot be updated: this user may not write to its directory.";
+constexpr wchar_t kNotTaken[] = L"Could not take the client directory";
+
+// Opened as itself, so that a link in its place leads nowhere.
+OwnedHandle OpenLockFile(const std::wstring& path) {
+  return OwnedHandle(
+      CreateFileW(path.c_str(), GENERIC_WRITE | DELETE, 0, nullptr, OPEN_ALWAYS,
+                  FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT | FILE_ATTRIBUTE_NORMAL, nullptr));
+}
+
+// "Access denied" for a name that exists: the file is just being deleted, or a power cut has left it and it
+// is read-only now, or it is no file at all. What is held stays where it is.
+void FreeName(const std::wstring& client_root, const std::wstring& path) {
+  if (ProbePath(path) == PathKind::kFile) {
+    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+  } else {
+    static_cast<void>(MoveAside(client_root, path));
+  }
+}
+
+}  // namespace
+
+talvex_result ClientLock::Take(const std::wstring& client_root, DWORD wait_ms, const Callbacks& callbacks,
+                               Failure& failure) {
+  if (IsTaken()) {
+    return TALVEX_OK;
+  }
+  const std::wstring path = LockPath(client_root);
+  const ULONGLONG deadline = GetTickCount64() + wait_ms;
+  PhaseProgress waiting(callbacks, TALVEX_PHASE_SETTLE, 0);
+  for (;;) {
+    file_ = OpenLockFile(path);
+    if (file_.IsValid()) {
+      return TALVEX_OK;
+    }
+    const DWORD code = GetLastError();
+    const bool is_denied = code == ERROR_ACCESS_DENIED || code == ERROR_WRITE_PROTECT;
+    if (is_denied && ProbePath(path) == PathKind::kAbsent) {
+      return Fail(failure, TALVEX_E_NOT_WRITABLE, kNotWritable);
+    }
+    if (is_denied) {
+      FreeName(client_root, path);
+    }
+    if (!IsTransientError(code) || GetTickCount64() >= deadline) {
+      return code == ERROR_SHARING_VIOLATION || is_denied
+                 ? Fail(failure, TALVEX_E_ALREADY_RUNNING, kTaken)
+                 : FailWithWindowsError(failure, TALVEX_E_SYSTEM, kNotTaken, code);
+    }
+    waiting.FinishFile(0);
+    Sleep(kPollMs);
+  }
+}
+
+OwnedHandle ClientLock::MakeInheritable() const {
+  return DuplicateInheritable(file_.Get(), 0, DUPLICATE_SAME_ACCESS);
+}
+
+}  // namespace talvex::client

@@ -1,0 +1,204 @@
+#include "client/helper_place.h"
+
+#include <windows.h>
+// Need windows.h first.
+#include <knownfolders.h>
+#include <sddl.h>
+#include <shlobj.h>
+
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <utility>
+
+#include "core/ascii_case.h"
+#include "core/local_memory.h"
+#include "core/sha256.h"
+#include "core/text_encoding.h"
+#include "formats/managed_file.h"
+#include "storage/client_root.h"
+#include "storage/directory_listing.h"
+#include "storage/update_layout.h"
+
+namespace talvex::client {
+namespace {
+
+constexpr wchar_t kPlacePrefix[] = L"TalvexUpdate-";
+constexpr std::size_t kPlaceNameLength = 16;  // characters: enough to tell the clients of a user apart
+
+constexpr wchar_t kNoPlace[] = L"There is no place for the update helper";
+constexpr wchar_t kCopyFailed[] = L"The update helper could not be copied";
+constexpr wchar_t kWrongHelper[] = L"The update helper is not the one of its release.";
+
+struct CoTaskMemFreeDeleter {
+  void operator()(void* memory) const noexcept { CoTaskMemFree(memory); }
+};
+template <typename T>
+using LocalMemory = std::unique_ptr<T, LocalFreeDeleter>;
+
+std::wstring LocalApplicationData() {
+  PWSTR path = nullptr;
+  const HRESULT result = SHGetKnownFolderPath(FOLDERID_LocalAppData, 0, nullptr, &path);
+  const std::unique_ptr<wchar_t, CoTaskMemFreeDeleter> owner(path);  // freed after a failure too
+  return SUCCEEDED(result) ? std::wstring(path) : std::wstring();
+}
+
+std::wstring TemporaryFolder() {
+  std::array<wchar_t, MAX_PATH + 1> path{};
+  const DWORD length = GetTempPathW(static_cast<DWORD>(path.size()), path.data());
+  return length < path.size() ? std::wstring(path.data(), length) : std::wstring();
+}
+
+// The first part of the names of this client's helper directories.
+std::wstring PlacePrefix(const std::wstring& client_root) {
+  const std::wstring folded = FoldAsciiCase(client_root);
+  Sha256Digest digest;
+  UpdateError unreported;  // the zero digest will do
+  static_cast<void>(Sha256OfBuffer(std::as_bytes(std::span(folded)), digest, unreported));
+  return kPlacePrefix + DigestToHex(digest).substr(0, kPlaceNameLength) + L"-";
+}
+
+std::wstring SidText(PSID sid) {
+  wchar_t* text = nullptr;
+  if (!ConvertSidToStringSidW(sid, &text)) {
+    return {};
+  }
+  return LocalMemory<wchar_t>(text).get();
+}
+
+// The SID in an attribute of the process's token, as text; empty on failure.
+template <typename Attribute>
+std::wstring TokenSid(HANDLE token, TOKEN_INFORMATION_CLASS attribute_class,
+                      SID_AND_ATTRIBUTES Attribute::*sid) {
+  alignas(Attribute) std::array<std::byte, sizeof(Attribute) + SECURITY_MAX_SID_SIZE> buffer{};
+  DWORD size = 0;
+  return GetTokenInformation(token, attribute_class, buffer.data(), static_cast<DWORD>(buffer.size()), &size)
+             ? SidText((reinterpret_cast<Attribute*>(buffer.data())->*sid).Sid)
+             : std::wstring();
+}
+
+// Only this user and the system may use the directory, whatever it would inherit, and no process of a lower
+// integrity level than this one may write to it: the user's other programs must not be able to exchange what
+// an elevated client is about to start. Null on failure.
+LocalMemory<void> PrivateSecurity() {
+  HANDLE opened = nullptr;
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &opened)) {
+    return nullptr;
+  }
+  const OwnedHandle token(opened);
+  const std::wstring user = TokenSid(token.Get(), TokenUser, &TOKEN_USER::User);
+  const std::wstring level = TokenSid(token.Get(), TokenIntegrityLevel, &TOKEN_MANDATORY_LABEL::Label);
+  if (user.empty() || level.empty()) {
+    return nullptr;
+  }
+  const std::wstring text = L"D:P(A;OICI;FA;;;" + user + L")(A;OICI;FA;;;SY)S:(ML;OICI;NW;;;" + level + L")";
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(text.c_str(), SDDL_REVISION_1, &descriptor,
+                                                            nullptr)) {
+    return nullptr;
+  }
+  return LocalMemory<void>(descriptor);
+}
+
+// Makes a new directory for a helper; empty on failure, with the reason in `code`.
+std::wstring MakePlace(const std::wstring& client_root, DWORD& code) {
+  const LocalMemory<void> security = PrivateSecurity();
+  code = ERROR_ACCESS_DENIED;  // without a description of who may use it, or a base
+  if (security == nullptr) {
+    return {};
+  }
+  SECURITY_ATTRIBUTES attributes{sizeof(attributes), security.get(), FALSE};
+  // A number that no earlier helper has: the one that restarted this client may still be about to exit.
+  const std::wstring name = PlacePrefix(client_root) + std::to_wstring(GetTickCount64());
+  for (const std::wstring& base : {LocalApplicationData(), TemporaryFolder()}) {
+    const std::wstring place = JoinPath(base, name);
+    // The directory must be new: one that is there already may be anybody's.
+    if (!base.empty() && CreateDirectoryW(place.c_str(), &attributes)) {
+      return place;
+    }
+    code = base.empty() ? code : GetLastError();
+  }
+  return {};
+}
+
+// The path of an open file without any link in it, which no rename can redirect while the file is open; empty
+// on volumes that cannot tell.
+std::wstring TruePath(HANDLE file) {
+  constexpr DWORD kCapacity = 32'768;  // characters
+  constexpr std::wstring_view kPrefix = L"\\\\?\\";
+  std::wstring path(kCapacity, L'\0');
+  const DWORD length = GetFinalPathNameByHandleW(file, path.data(), kCapacity, FILE_NAME_NORMALIZED);
+  path.resize(length < kCapacity ? length : 0);
+  // A program is not started by the long form of its path if the short one will do.
+  return path.starts_with(kPrefix) && path.size() < kPrefix.size() + MAX_PATH ? path.substr(kPrefix.size())
+                                                                              : path;
+}
+
+// Deletes the helper in `place` and then `place`. Others may have put a link there, which an elevated client
+// would follow: only what really is a file of this name in a directory of this name is deleted.
+void RemovePlace(const std::wstring& place) {
+  const std::wstring program = JoinPath(place, kHelperFileName);
+  OwnedHandle file(CreateFileW(program.c_str(), DELETE,
+                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                               FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  const std::size_t name_start = place.rfind(L'\\');
+  const std::wstring end = FoldAsciiCase(program.substr(name_start));
+  if (file.IsValid() && FoldAsciiCase(TruePath(file.Get())).ends_with(end)) {
+    FILE_DISPOSITION_INFO disposition{TRUE};
+    SetFileInformationByHandle(file.Get(), FileDispositionInfo, &disposition, sizeof(disposition));
+  }
+  file.Reset();  // before the directory can go
+  RemoveDirectoryW(place.c_str());
+}
+
+}  // namespace
+
+talvex_result PlaceHelper(const std::wstring& client_root, const std::wstring& source,
+                          const Manifest& release, PlacedHelper& placed, Failure& failure) {
+  DWORD code = ERROR_SUCCESS;
+  const std::wstring place = MakePlace(client_root, code);
+  if (place.empty()) {
+    return FailWithWindowsError(failure, TALVEX_E_SYSTEM, kNoPlace, code);
+  }
+  placed.program = JoinPath(place, kHelperFileName);
+  if (!CopyFileW(source.c_str(), placed.program.c_str(), TRUE)) {
+    code = GetLastError();
+    RemovePlace(place);
+    return FailWithWindowsError(failure, TALVEX_E_SYSTEM, kCopyFailed, code);
+  }
+  SetFileAttributesW(placed.program.c_str(), FILE_ATTRIBUTE_NORMAL);  // a read-only copy could not be deleted
+  // The helper rejects a release that it does not belong to, but only after the client has exited.
+  const ManifestEntry* const entry = FindManifestEntry(release, kHelperFileName);
+  if (entry != nullptr) {
+    placed.proof = OpenVerifiedManagedFile(placed.program, *entry, entry->size, kWrongHelper, failure.error);
+  }
+  if (!placed.proof.IsValid()) {
+    RemovePlace(place);
+    static_cast<void>(RefuseUnlessExplained(failure.error, kWrongHelper));
+    return Fail(failure, TALVEX_E_SYSTEM);
+  }
+  // What is proven is started, even if a directory above it becomes a link meanwhile.
+  if (std::wstring true_path = TruePath(placed.proof.Get()); !true_path.empty()) {
+    placed.program = std::move(true_path);
+  }
+  placed.directory = ParentOfRelativePath(placed.program);
+  return TALVEX_OK;
+}
+
+void RemoveOldHelpers(const std::wstring& client_root) {
+  const std::wstring prefix = FoldAsciiCase(PlacePrefix(client_root));
+  for (const std::wstring& base : {LocalApplicationData(), TemporaryFolder()}) {
+    if (base.empty()) {
+      continue;
+    }
+    for (DirectoryListing listing(base); listing.AtEntry(); listing.Advance()) {
+      if (FoldAsciiCase(listing.Name()).starts_with(prefix) && !listing.IsReparsePoint()) {
+        RemovePlace(JoinPath(base, listing.Name()));
+      }
+    }
+  }
+}
+
+}  // namespace talvex::client

@@ -1,0 +1,290 @@
+#include "client/staging.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "client/work_directory.h"
+#include "core/regular_file.h"
+#include "core/sha256.h"
+#include "core/text_encoding.h"
+#include "formats/apply_plan.h"
+#include "formats/rollback_journal.h"
+#include "formats/text_lines.h"
+#include "storage/client_root.h"
+#include "storage/update_layout.h"
+
+namespace talvex::client {
+namespace {
+
+// For what is not a client file: the helper and its copy, manifests, plan and journal.
+constexpr std::uint64_t kSpareBytes = 16'777'216;
+constexpr std::uint64_t kBytesPerMiB = 1'048'576;
+
+constexpr wchar_t kTooManyChanges[] = L"This update changes too many files at once.";
+
+// The size of the file at `path` in bytes; 0 when there is none.
+std::uint64_t SizeOf(const std::wstring& path) {
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data)) {
+    return 0;
+  }
+  return (std::uint64_t{data.nFileSizeHigh} << 32) | data.nFileSizeLow;
+}
+
+// A read-only file can be moved away but not replaced, and its copy could not be restored for good.
+void ClearReadOnly(const std::wstring& client_root, std::wstring_view relative_path) {
+  std::wstring path;
+  UpdateError unreported;  // what cannot be changed here, the helper rejects
+  if (ResolveCheckedPath(client_root, relative_path, path, unreported)) {
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY) != 0) {
+      SetFileAttributesW(path.c_str(), attributes & ~DWORD{FILE_ATTRIBUTE_READONLY});
+    }
+  }
+}
+
+}  // namespace
+
+talvex_result Staging::NextFile(MissingFile& file, Failure& failure) {
+  if (const talvex_result result = Compare(failure); result != TALVEX_OK) {
+    return result;
+  }
+  for (; next_ < installs_.size(); ++next_) {
+    file.entry = installs_[next_];
+    if (!LocateInStage(*file.entry, file.destination, failure.error)) {
+      return Fail(failure, TALVEX_E_SYSTEM);
+    }
+    file.present = SizeOf(file.destination);
+    PhaseProgress progress(callbacks_, TALVEX_PHASE_COMPARE, file.entry->size);
+    UpdateError unreported;
+    if (file.present == file.entry->size &&
+        IsFileOfRelease(FilesDirectory(stage_root_), *file.entry, progress, unreported)) {
+      continue;  // a download that was complete when an earlier start was cut off
+    }
+    if (file.present >= file.entry->size) {
+      DeleteFileW(file.destination.c_str());
+      file.present = 0;
+    }
+    ++next_;
+    return TALVEX_OK;
+  }
+  next_ = 0;
+  return TALVEX_DONE;
+}
+
+talvex_result Staging::Stage(StagedRelease& staged, Failure& failure) {
+  if (const talvex_result result = Compare(failure); result != TALVEX_OK) {
+    return result;
+  }
+  next_ = 0;
+  if (installs_.empty() && retires_.empty()) {
+    return TALVEX_DONE;
+  }
+  const ManifestEntry* const helper = FindManifestEntry(offer_.manifest, kHelperFileName);
+  const bool helper_is_staged = std::find(installs_.begin(), installs_.end(), helper) != installs_.end();
+  staged.stage_root = stage_root_;
+  staged.helper_path =
+      JoinPath(helper_is_staged ? FilesDirectory(stage_root_) : client_root_, kHelperFileName);
+  if (const talvex_result result = ProveFiles(failure); result != TALVEX_OK) {
+    return result;
+  }
+  MakeReplaceable();
+  return WritePlan(staged, failure);
+}
+
+talvex_result Staging::Compare(Failure& failure) {
+  if (!is_compared_) {
+    FindChanges();
+    const bool has_changes = !installs_.empty() || !retires_.empty();
+    if (!FitIntoOneUpdate()) {
+      return Fail(failure, TALVEX_E_TOO_MANY_CHANGES, kTooManyChanges);
+    }
+    if (const talvex_result result = has_changes ? Prepare(failure) : TALVEX_OK; result != TALVEX_OK) {
+      return result;
+    }
+    is_compared_ = true;
+  }
+  return TALVEX_OK;
+}
+
+void Staging::FindChanges() {
+  installs_.clear();
+  retires_.clear();
+  // Only the key that has signed the offer can prove a retired file to the helper, which trusts one key.
+  const bool may_retire = installed_.is_proven && installed_.key == offer_.key;
+  PhaseProgress progress(callbacks_, TALVEX_PHASE_COMPARE, TotalSize(offer_.manifest));
+  UpdateError unreported;
+  for (const ManifestEntry& entry : offer_.manifest.entries) {
+    if (!IsFileOfRelease(client_root_, entry, progress, unreported)) {
+      installs_.push_back(&entry);
+    }
+    progress.FinishFile(entry.size);
+  }
+  for (const ManifestEntry& entry : installed_.manifest.entries) {
+    if (may_retire && FindManifestEntryIgnoringCase(offer_.manifest, entry.normalised_path) == nullptr &&
+        MayRetire(entry, progress)) {
+      retires_.push_back(&entry);
+    }
+  }
+  // All files match, but another release or none is recorded: the plan needs at least one row for the helper
+  // to record this one.
+  if (installs_.empty() && retires_.empty() &&
+      (!may_retire || !DigestsEqual(installed_.manifest.digest, offer_.manifest.digest))) {
+    installs_.push_back(&*std::ranges::min_element(offer_.manifest.entries, {}, &ManifestEntry::size));
+  }
+}
+
+// Whether plan and journal have room for all changes, if need be without the deletions. What is not deleted
+// stays, and no release manages it any more; but the update goes through.
+bool Staging::FitIntoOneUpdate() {
+  const auto fit = [this] {
+    return FormatApplyPlan(offer_.manifest.digest, installs_, retires_).size() <= kApplyPlanSizeLimit &&
+           JournalHasRoom();
+  };
+  if (fit()) {
+    return true;
+  }
+  callbacks_.Log(L"too many changes: retired files stay");
+  retires_.clear();
+  return fit();
+}
+
+// A retired file that the player changed would make the helper reject the whole update. It is the player's
+// file now: the plan leaves it alone, and so does every later release.
+bool Staging::MayRetire(const ManifestEntry& entry, PhaseProgress& progress) const {
+  UpdateError unreported;
+  if (IsFileOfRelease(client_root_, entry, progress, unreported)) {
+    return true;
+  }
+  if (MayExist(JoinPath(client_root_, entry.normalised_path))) {
+    callbacks_.Log(L"kept " + entry.normalised_path);
+  }
+  return false;
+}
+
+talvex_result Staging::Prepare(Failure& failure) {
+  const bool prepared = ClearOtherStages(client_root_, DigestToHex(offer_.manifest.digest), failure.error) &&
+                        MakeStageDirectory(L"", failure.error);
+  return prepared ? CheckFreeSpace(failure) : Fail(failure, TALVEX_E_SYSTEM);
+}
+
+// Makes the directory `relative_path` of the stage. A stage with a file or a link in the place of a directory
+// is moved out of the way: what was downloaded is lost, but the update is not.
+bool Staging::MakeStageDirectory(const std::wstring& relative_path, UpdateError& error) {
+  const std::wstring stage = StageRoot(L"", offer_.manifest.digest);
+  std::wstring directory;
+  stage_root_ = JoinPath(client_root_, stage);
+  if (CreateUpdateDirectory(client_root_, JoinPath(stage, relative_path), directory, error)) {
+    return true;
+  }
+  return MoveAside(client_root_, stage_root_) &&
+         CreateUpdateDirectory(client_root_, JoinPath(stage, relative_path), directory, error);
+}
+
+// The downloads come to the disk now, and what they replace is copied once more if it has to be restored.
+talvex_result Staging::CheckFreeSpace(Failure& failure) const {
+  std::uint64_t needed = kSpareBytes;
+  for (const ManifestEntry* const entry : installs_) {
+    const std::uint64_t present = SizeOf(JoinPath(FilesDirectory(stage_root_), entry->normalised_path));
+    needed += entry->size - std::min(present, entry->size);
+    needed += SizeOf(JoinPath(client_root_, entry->normalised_path));
+  }
+  for (const ManifestEntry* const entry : retires_) {
+    needed += entry->size;
+  }
+  ULARGE_INTEGER available{};
+  if (!GetDiskFreeSpaceExW(client_root_.c_str(), &available, nullptr, nullptr) ||
+      available.QuadPart >= needed) {
+    return TALVEX_OK;  // a volume that cannot tell is tried
+  }
+  const std::uint64_t missing = (needed - available.QuadPart + kBytesPerMiB - 1) / kBytesPerMiB;
+  return Fail(
+      failure, TALVEX_E_SPACE,
+      L"There is not enough room on the disk: " + std::to_wstring(missing) + L" MiB more are needed.");
+}
+
+// The path of a file in the stage, whose directory is created, and whose name is free for a file.
+bool Staging::LocateInStage(const ManifestEntry& entry, std::wstring& path, UpdateError& error) {
+  const std::wstring relative_path = JoinPath(FilesDirectory(L""), entry.normalised_path);
+  return MakeStageDirectory(std::wstring(ParentOfRelativePath(relative_path)), error) &&
+         ClearFileName(client_root_, JoinPath(stage_root_, relative_path), error) &&
+         ResolveCheckedPath(stage_root_, relative_path, path, error);
+}
+
+// The helper verifies the files again, but by then the client has exited and cannot fetch them again.
+talvex_result Staging::ProveFiles(Failure& failure) {
+  std::uint64_t total = 0;
+  for (const ManifestEntry* const entry : installs_) {
+    total += entry->size;
+  }
+  PhaseProgress progress(callbacks_, TALVEX_PHASE_STAGE, total);
+  for (const ManifestEntry* const entry : installs_) {
+    std::wstring path;
+    if (!LocateInStage(*entry, path, failure.error)) {
+      return Fail(failure, TALVEX_E_SYSTEM);
+    }
+    if (!IsFileOfRelease(FilesDirectory(stage_root_), *entry, progress, failure.error)) {
+      if (SizeOf(path) >= entry->size) {  // a shorter one is a download that was cut off
+        DeleteFileW(path.c_str());
+      }
+      return Fail(failure, TALVEX_E_FILE, entry->normalised_path + L": " + failure.error.Message());
+    }
+    progress.FinishFile(entry->size);
+  }
+  return TALVEX_OK;
+}
+
+// Writes the manifest, its signature and the plan, whose rows are checked as the helper will check them.
+talvex_result Staging::WritePlan(StagedRelease& staged, Failure& failure) {
+  const std::string plan = FormatApplyPlan(offer_.manifest.digest, installs_, retires_);
+  std::vector<const ManifestEntry*> unused_installs;
+  std::vector<const ManifestEntry*> unused_retires;
+  const SignedPairPaths pair = SignedPairIn(stage_root_);
+  const std::wstring plan_path = ApplyPlanPath(stage_root_);
+  for (const std::wstring& path : {pair.manifest, pair.signature, plan_path}) {
+    if (!ClearFileName(client_root_, path, failure.error)) {
+      return Fail(failure, TALVEX_E_SYSTEM);
+    }
+    DeleteTemporaryFile(path);  // of an earlier staging
+  }
+  const bool written =
+      ParseApplyPlan(AsBytes(plan), offer_.manifest, installed_.is_proven ? &installed_.manifest : nullptr,
+                     offer_.manifest.digest, unused_installs, unused_retires, failure.error) &&
+      Sha256OfBuffer(AsBytes(plan), staged.plan_digest, failure.error) &&
+      WriteNewFile(pair.manifest, offer_.manifest_bytes, failure.error) &&
+      WriteNewFile(pair.signature, offer_.signature, failure.error) &&
+      WriteNewFile(plan_path, AsBytes(plan), failure.error);
+  return written ? TALVEX_OK : Fail(failure, TALVEX_E_SYSTEM);
+}
+
+// Whether the helper can write the journal of these changes, if there are any.
+bool Staging::JournalHasRoom() const {
+  if (installs_.empty() && retires_.empty()) {
+    return true;
+  }
+  RollbackJournal journal;
+  for (const auto* const entries : {&installs_, &retires_}) {
+    for (const ManifestEntry* const entry : *entries) {
+      journal.entries.push_back({entries == &retires_, true, entry->path, entry->normalised_path});
+    }
+  }
+  std::string text;
+  UpdateError unreported;
+  return FormatRollbackJournal(journal, text, unreported);
+}
+
+void Staging::MakeReplaceable() const {
+  for (const auto* const entries : {&installs_, &retires_}) {
+    for (const ManifestEntry* const entry : *entries) {
+      ClearReadOnly(client_root_, entry->normalised_path);
+    }
+  }
+  const SignedPairPaths cache = SignedPairIn(CacheDirectory(L""));
+  for (const std::wstring& path : {InstalledStatePath(L""), cache.manifest, cache.signature}) {
+    ClearReadOnly(client_root_, path);
+  }
+}
+
+}  // namespace talvex::client

@@ -1,0 +1,92 @@
+#include "client/work_directory.h"
+
+#include <windows.h>
+
+#include <vector>
+
+#include "client/client_layout.h"
+#include "core/ascii_case.h"
+#include "core/regular_file.h"
+#include "storage/directory_listing.h"
+#include "storage/work_storage.h"
+
+namespace talvex::client {
+namespace {
+
+std::vector<std::wstring> NamesIn(const std::wstring& directory) {
+  std::vector<std::wstring> names;
+  for (DirectoryListing listing(directory); listing.AtEntry(); listing.Advance()) {
+    names.emplace_back(listing.Name());
+  }
+  return names;
+}
+
+bool RemoveEntry(const std::wstring& path, UpdateError& error) {
+  if (ProbePath(path) != PathKind::kFile) {
+    return RemoveWorkTree(path, error);
+  }
+  SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);  // a read-only file could not be deleted
+  return DeleteFileW(path.c_str()) != 0;
+}
+
+}  // namespace
+
+bool MoveAside(const std::wstring& client_root, const std::wstring& path) {
+  for (ULONGLONG number = GetTickCount64();; ++number) {
+    const std::wstring aside = JoinPath(client_root, kAsidePrefix + std::to_wstring(number));
+    if (MoveFileExW(path.c_str(), aside.c_str(), 0)) {
+      return true;
+    }
+    if (GetLastError() != ERROR_ALREADY_EXISTS) {
+      return false;
+    }
+  }
+}
+
+void MakeWorkDirectoryUsable(const std::wstring& client_root) {
+  for (const std::wstring& directory : {WorkDirectory(client_root), PreviousDirectory(client_root)}) {
+    const PathKind kind = ProbePath(directory);
+    if (kind == PathKind::kFile || kind == PathKind::kReparsePoint) {
+      static_cast<void>(MoveAside(client_root, directory));
+    }
+  }
+}
+
+bool ClearPrevious(const std::wstring& client_root, UpdateError& error) {
+  const std::wstring previous = PreviousDirectory(client_root);
+  return RemovePreviousDirectory(previous, error) || MoveAside(client_root, previous);
+}
+
+bool ClearFileName(const std::wstring& client_root, const std::wstring& path, UpdateError& error) {
+  switch (ProbePath(path)) {
+    case PathKind::kAbsent:
+      return true;
+    case PathKind::kFile:
+      SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+      return true;
+    default:
+      return RemoveWorkTree(path, error) || MoveAside(client_root, path);
+  }
+}
+
+bool ClearOtherStages(const std::wstring& client_root, std::wstring_view kept_stage, UpdateError& error) {
+  UpdateError unreported;
+  for (const std::wstring& name : NamesIn(client_root)) {
+    if (name.starts_with(kAsidePrefix)) {
+      static_cast<void>(RemoveEntry(JoinPath(client_root, name), unreported));
+    }
+  }
+  const std::wstring work_directory = WorkDirectory(client_root);
+  for (const std::wstring& name : NamesIn(work_directory)) {
+    if (EqualIgnoringAsciiCase(name, kept_stage) || EqualIgnoringAsciiCase(name, kPreviousDirectoryName)) {
+      continue;
+    }
+    const std::wstring path = JoinPath(work_directory, name);
+    if (!RemoveEntry(path, error) && !MoveAside(client_root, path)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace talvex::client

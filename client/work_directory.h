@@ -1,0 +1,35 @@
+#pragma once
+
+// Keeps the work directory usable. Clearing never follows a link and never forces anything, so one name that
+// it cannot remove (a link, a name that ends in a dot, a file in the place of a directory) would stop every
+// update for good. The holder of the lock moves such a thing out of the way: a rename follows nothing either.
+
+#include <string>
+#include <string_view>
+
+#include "core/update_error.h"
+
+namespace talvex::client {
+
+// Renames what is at `path`, below the client root, to a name beside the work directory that nothing has yet.
+[[nodiscard]] bool MoveAside(const std::wstring& client_root, const std::wstring& path);
+
+// Moves the work directory, and the previous directory in it, aside if they are not real directories.
+void MakeWorkDirectoryUsable(const std::wstring& client_root);
+
+// Removes the previous directory, its journal first, or moves it aside. Messages: those of
+// RemovePreviousDirectory.
+[[nodiscard]] bool ClearPrevious(const std::wstring& client_root, UpdateError& error);
+
+// Makes the name `path` free for a file: removes or moves aside a directory or a link, and makes a file
+// replaceable. Nothing to do when nothing is there. Messages: those of RemoveWorkTree.
+[[nodiscard]] bool ClearFileName(const std::wstring& client_root, const std::wstring& path,
+                                 UpdateError& error);
+
+// Removes or moves aside every entry of the work directory except the previous directory and the stage named
+// `kept_stage`, and what was moved aside earlier as far as that is possible by now. Messages: those of
+// RemoveWorkTree.
+[[nodiscard]] bool ClearOtherStages(const std::wstring& client_root, std::wstring_view kept_stage,
+                                    UpdateError& error);
+
+}  // namespace talvex::client

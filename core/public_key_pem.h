@@ -1,0 +1,19 @@
+#pragma once
+
+// A public key as people pass it on: in PEM.
+
+#include <string_view>
+
+#include "core/update_error.h"
+#include "core/whole_file.h"
+
+namespace talvex {
+
+// Decodes the one public key in `pem` ("BEGIN PUBLIC KEY") into `key_blob`, a CNG RSA public key blob.
+// Messages:
+//   "The file does not hold one public key in PEM form."
+//   "Windows could not decode the public key."
+//   "The public key is not an RSA key."
+[[nodiscard]] bool DecodePublicKeyPem(std::string_view pem, ByteBuffer& key_blob, UpdateError& error);
+
+}  // namespace talvex
