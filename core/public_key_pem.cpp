@@ -11,7 +11,9 @@
 namespace talvex {
 namespace {
 
-constexpr char kPemHeader[] = "-----BEGIN PUBLIC KEY-----";
+constexpr std::string_view kPemHeader = "-----BEGIN PUBLIC KEY-----";
+constexpr std::string_view kPemFooter = "-----END PUBLIC KEY-----";
+constexpr std::string_view kWhiteSpace = " \t\r\n";
 
 constexpr wchar_t kNotPublicKey[] = L"The file does not hold one public key in PEM form.";
 constexpr wchar_t kNoDecoding[] = L"Windows could not decode the public key.";
@@ -50,16 +52,28 @@ bool DecodeObject(const DecodingFunctions& crypt, const char* type, const BYTE* 
 
 }  // namespace
 
+bool ReadPublicKeyPem(std::string_view pem, std::string& base64) {
+  const std::size_t footer = pem.find(kPemFooter);
+  if (!pem.starts_with(kPemHeader) || footer == std::string_view::npos ||
+      pem.find_first_not_of(kWhiteSpace, footer + kPemFooter.size()) != std::string_view::npos) {
+    return false;
+  }
+  base64 = pem.substr(kPemHeader.size(), footer - kPemHeader.size());
+  std::erase_if(base64, [](char byte) { return kWhiteSpace.find(byte) != std::string_view::npos; });
+  return true;
+}
+
 bool DecodePublicKeyPem(std::string_view pem, ByteBuffer& key_blob, UpdateError& error) {
   key_blob.clear();
   DecodingFunctions crypt;
   if (!crypt.Load()) {
     return Refuse(error, kNoDecoding);
   }
-  auto der_size = static_cast<DWORD>(pem.size());
+  std::string base64;
   ByteBuffer der(pem.size());
-  if (!pem.starts_with(kPemHeader) ||
-      !crypt.CryptStringToBinaryA(pem.data(), der_size, CRYPT_STRING_BASE64HEADER,
+  auto der_size = static_cast<DWORD>(der.size());
+  if (!ReadPublicKeyPem(pem, base64) ||
+      !crypt.CryptStringToBinaryA(base64.data(), static_cast<DWORD>(base64.size()), CRYPT_STRING_BASE64,
                                   reinterpret_cast<BYTE*>(der.data()), &der_size, nullptr, nullptr)) {
     return Refuse(error, kNotPublicKey);
   }

@@ -2,12 +2,17 @@
 
 // A public key as people pass it on: in PEM.
 
+#include <string>
 #include <string_view>
 
 #include "core/update_error.h"
 #include "core/whole_file.h"
 
 namespace talvex {
+
+// Sets `base64` to the text between header and footer of the one public key in `pem`, without white space.
+// False when there is more or something else.
+[[nodiscard]] bool ReadPublicKeyPem(std::string_view pem, std::string& base64);
 
 // Decodes the one public key in `pem` ("BEGIN PUBLIC KEY") into `key_blob`, a CNG RSA public key blob.
 // Messages:

@@ -1,10 +1,8 @@
 #include "core/sha256.h"
 
-#include <memory>
 #include <string_view>
-#include <vector>
 
-#include "core/cng.h"
+#include "core/page_buffer.h"
 #include "core/regular_file.h"
 #include "core/whole_file.h"
 
@@ -16,71 +14,13 @@ constexpr wchar_t kFileDigestFailed[] = L"Windows could not hash an update targe
 constexpr RegularFileMessages kHashMessages = {L"Could not open file for hashing",
                                                L"The update target is too large or is not a regular file."};
 
-// One SHA-256 computation.
-class Sha256Hash {
- public:
-  [[nodiscard]] bool Prepare() {
-    provider_ = OpenAlgorithmProvider(BCRYPT_SHA256_ALGORITHM);
-    DWORD object_length = 0;
-    ULONG written = 0;
-    if (provider_ == nullptr ||
-        !BCRYPT_SUCCESS(Cng()->BCryptGetProperty(provider_.get(), BCRYPT_OBJECT_LENGTH,
-                                                 reinterpret_cast<PUCHAR>(&object_length),
-                                                 sizeof(object_length), &written, 0))) {
-      return false;
-    }
-    object_.resize(object_length);
-    BCRYPT_HASH_HANDLE hash = nullptr;
-    if (!BCRYPT_SUCCESS(
-            Cng()->BCryptCreateHash(provider_.get(), &hash, object_.data(), object_length, nullptr, 0, 0))) {
-      return false;
-    }
-    hash_.reset(hash);
-    return true;
-  }
-
-  // CNG takes its input through a pointer to non-const and does not write there.
-  [[nodiscard]] bool Add(std::span<const std::byte> bytes) {
-    auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(bytes.data()));
-    return BCRYPT_SUCCESS(Cng()->BCryptHashData(hash_.get(), input, static_cast<ULONG>(bytes.size()), 0));
-  }
-
-  [[nodiscard]] bool Finish(Sha256Digest& digest) {
-    Sha256Digest finished;
-    if (!BCRYPT_SUCCESS(Cng()->BCryptFinishHash(hash_.get(), finished.bytes.data(),
-                                                static_cast<ULONG>(finished.bytes.size()), 0))) {
-      return false;
-    }
-    digest = finished;
-    return true;
-  }
-
- private:
-  // Order: the hash is destroyed before its memory and its provider.
-  std::vector<UCHAR> object_;
-  OwnedAlgorithmProvider provider_;
-  OwnedHash hash_;
-};
-
-// The memory that a piece of a file is read into. Windows zeroes its pages when they are first used, so a
-// small file costs no more than its own size.
-struct ReleasePages {
-  void operator()(std::byte* pages) const noexcept { VirtualFree(pages, 0, MEM_RELEASE); }
-};
-using PieceBuffer = std::unique_ptr<std::byte, ReleasePages>;
-
-PieceBuffer AllocatePiece() {
-  return PieceBuffer(static_cast<std::byte*>(
-      VirtualAlloc(nullptr, kFilePieceSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)));
-}
-
 // Hashes an open file from its current position to its end.
 bool HashOpenFile(HANDLE file, Sha256Digest& digest, HashProgressCallback progress, void* progress_context) {
   Sha256Hash hash;
   if (!hash.Prepare()) {
     return false;
   }
-  const PieceBuffer piece = AllocatePiece();
+  const PageBuffer piece = AllocatePages(kFilePieceSize);
   if (piece == nullptr) {
     return false;
   }
@@ -104,6 +44,42 @@ bool HashOpenFile(HANDLE file, Sha256Digest& digest, HashProgressCallback progre
 }
 
 }  // namespace
+
+bool Sha256Hash::Prepare() {
+  provider_ = OpenAlgorithmProvider(BCRYPT_SHA256_ALGORITHM);
+  DWORD object_length = 0;
+  ULONG written = 0;
+  if (provider_ == nullptr ||
+      !BCRYPT_SUCCESS(Cng()->BCryptGetProperty(provider_.get(), BCRYPT_OBJECT_LENGTH,
+                                               reinterpret_cast<PUCHAR>(&object_length),
+                                               sizeof(object_length), &written, 0))) {
+    return false;
+  }
+  object_.resize(object_length);
+  BCRYPT_HASH_HANDLE hash = nullptr;
+  if (!BCRYPT_SUCCESS(
+          Cng()->BCryptCreateHash(provider_.get(), &hash, object_.data(), object_length, nullptr, 0, 0))) {
+    return false;
+  }
+  hash_.reset(hash);
+  return true;
+}
+
+// CNG takes its input through a pointer to non-const and does not write there.
+bool Sha256Hash::Add(std::span<const std::byte> bytes) {
+  auto* const input = const_cast<PUCHAR>(reinterpret_cast<const UCHAR*>(bytes.data()));
+  return BCRYPT_SUCCESS(Cng()->BCryptHashData(hash_.get(), input, static_cast<ULONG>(bytes.size()), 0));
+}
+
+bool Sha256Hash::Finish(Sha256Digest& digest) {
+  Sha256Digest finished;
+  if (!BCRYPT_SUCCESS(Cng()->BCryptFinishHash(hash_.get(), finished.bytes.data(),
+                                              static_cast<ULONG>(finished.bytes.size()), 0))) {
+    return false;
+  }
+  digest = finished;
+  return true;
+}
 
 bool Sha256OfBuffer(std::span<const std::byte> bytes, Sha256Digest& digest, UpdateError& error) {
   digest = {};

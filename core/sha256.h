@@ -9,12 +9,28 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <vector>
 
+#include "core/cng.h"
 #include "core/owned_handle.h"
 #include "core/sha256_digest.h"
 #include "core/update_error.h"
 
 namespace talvex {
+
+// One SHA-256 computation, for a caller that has other uses for the bytes as well. False: CNG failed.
+class Sha256Hash {
+ public:
+  [[nodiscard]] bool Prepare();  // before the first Add
+  [[nodiscard]] bool Add(std::span<const std::byte> bytes);
+  [[nodiscard]] bool Finish(Sha256Digest& digest);  // once; a failure leaves `digest` as it was
+
+ private:
+  // Order: the hash is destroyed before its memory and its provider.
+  std::vector<UCHAR> object_;
+  OwnedAlgorithmProvider provider_;
+  OwnedHash hash_;
+};
 
 // Hashes `bytes`, which may be empty. A failure leaves `digest` zeroed, with the message
 //   "Windows could not calculate a SHA-256 digest."

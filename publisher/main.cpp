@@ -1,211 +1,251 @@
-// TalvexPublish.exe: describes a client directory as a release, and verifies a signed release. It never sees
-// the private key: signing is done elsewhere, with openssl, between the two commands.
+// TalvexPublish.exe: everything that a release engineer does with a release, except signing it. It never sees
+// the private key: openssl signs, where that key is kept, between the commands release and finish.
 
 #include <windows.h>
 // Needs windows.h first.
 #include <shellapi.h>
 
-#include <cstddef>
+#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
-#include <span>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include "core/ascii_case.h"
 #include "core/local_memory.h"
-#include "core/regular_file.h"
 #include "core/system_library.h"
 #include "core/text_encoding.h"
 #include "formats/manifest.h"
-#include "formats/signed_manifest.h"
-#include "publisher/client_tree.h"
+#include "publisher/commands.h"
 #include "publisher/console.h"
-#include "publisher/public_key_file.h"
-#include "publisher/release_manifest.h"
-#include "storage/client_root.h"
-#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
 
-constexpr int kDone = 0;
-constexpr int kFailed = 1;
-constexpr int kExitUsage = 2;
+constexpr char kAbout[] =
+    "Makes, verifies and compares releases of the client. Between release and finish, manifest.txt is\n"
+    "signed where the private key is kept:\n"
+    "  openssl dgst -sha256 -sign private.pem -out manifest.sig manifest.txt\n"
+    "A key pair is made there once, encrypted, and its public half carried here:\n"
+    "  openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:3072 -aes256 -out private.pem\n"
+    "  openssl pkey -in private.pem -pubout -out public.pem";
+constexpr char kExitCodes[] =
+    "Exit codes: 0 done; 1 refused, and nothing was written; 2 the command line cannot be used.\n"
+    "TalvexPublish.exe COMMAND --help tells more about a command.";
 
-constexpr wchar_t kHelp[] =
-    L"TalvexPublish.exe manifest --release ID --sequence N --out DIR CLIENT_DIR\n"
-    L"    Writes DIR\\manifest.txt, which describes every file below CLIENT_DIR. The updater's own files at\n"
-    L"    its top are left out. ID is the name that players see, N a number that grows with every release.\n"
-    L"TalvexPublish.exe verify DIR --public-key FILE\n"
-    L"    Proves that DIR\\manifest.sig is the signature over DIR\\manifest.txt by the key whose public "
-    L"half\n"
-    L"    FILE holds (PEM), and that the manifest is one that the helper accepts.\n"
-    L"TalvexPublish.exe --help\n"
-    L"Between the two, the manifest is signed where the private key is kept:\n"
-    L"    openssl dgst -sha256 -sign PRIVATE.pem -out manifest.sig manifest.txt\n"
-    L"Exit codes: 0 done; 1 refused or failed, and nothing was written; 2 the command line is not one of "
-    L"these.";
+constexpr char kUnknownWord[] = "There is no such command or option: ";
+constexpr char kTryHelp[] = "\nRun with --help for more information.";
+constexpr wchar_t kNotUnicode[] = L"A word of the command line is not valid Unicode.";
+constexpr char kBadName[] =
+    "needs 1 to 64 letters, digits, dots, underscores and hyphens, a letter or digit first and no dot last";
+constexpr char kBadSequence[] = "needs a decimal number from 1 to 18446744073709551615";
 
-// The files without which the helper cannot install a release, in exactly this spelling.
-constexpr std::wstring_view kNeededFiles[] = {kClientFileName, kHelperFileName};
+// Options and operands arrive as UTF-8, which is what CLI11 parses.
+std::function<void(const std::string&)> Into(std::wstring& value) {
+  return [&value](const std::string& word) { value = Utf8ToWide(word); };
+}
 
-struct CommandLine {
-  std::wstring release;
-  std::wstring sequence;
-  std::wstring out;
-  std::wstring public_key;
-  std::wstring directory;
+std::function<void(const std::vector<std::string>&)> Into(std::vector<std::wstring>& values) {
+  return [&values](const std::vector<std::string>& words) {
+    std::transform(words.begin(), words.end(), std::back_inserter(values), Utf8ToWide);
+  };
+}
+
+// An option or operand (a name without hyphens) that must be given.
+CLI::Option* Require(CLI::App* command, const char* name, std::wstring& value, const char* meaning) {
+  return command->add_option_function<std::string>(name, Into(value), meaning)->required();
+}
+
+void AddKey(CLI::App* command, CommonOptions& options) {
+  Require(command, "--key", options.key, "Public key (PEM) of the key that signs the release")
+      ->type_name("FILE");
+}
+
+void AddJson(CLI::App* command, CommonOptions& options) {
+  command->add_flag("--json", options.json, "Write the result as one JSON object");
+}
+
+void AddAllowWarnings(CLI::App* command, CommonOptions& options) {
+  command->add_flag("--allow-warnings", options.allow_warnings,
+                    "Warnings are meant: do not refuse because of them");
+}
+
+void AddClientKeyElsewhere(CLI::App* command, CommonOptions& options) {
+  command->add_flag("--client-key-elsewhere", options.allowances.client_key_elsewhere,
+                    "Talvex.exe reads the public key from another file");
+}
+
+// What the commands that check a release have in common.
+void AddChecks(CLI::App* command, CommonOptions& options) {
+  AddKey(command, options);
+  AddClientKeyElsewhere(command, options);
+  command->add_flag("--allow-development", options.allowances.development,
+                    "The helper may trust a development key: not for players");
+  AddAllowWarnings(command, options);
+}
+
+std::function<std::string(std::string&)> Unless(const char* complaint, bool (*accepts)(const std::string&)) {
+  return [complaint, accepts](std::string& word) {
+    return accepts(word) ? std::string() : std::string(complaint);
+  };
+}
+
+// The options of all commands, and the command line that fills them.
+class CommandLine {
+ public:
+  CommandLine() {
+    app_.footer(kExitCodes);
+    app_.require_subcommand(1);
+    app_.set_version_flag("--version", TALVEX_VERSION);
+    AddRelease();
+    AddFinish();
+    AddVerify();
+    AddCompare();
+    AddStatus();
+    AddKeyCommand();
+  }
+
+  // Parses `words` (UTF-8, without the program's name) and runs the command. Returns the exit code.
+  int Run(std::vector<std::string> words) {
+    std::reverse(words.begin(), words.end());  // CLI11 takes them from the end
+    try {
+      app_.parse(std::move(words));
+    } catch (const CLI::ParseError& reason) {  // its way to end parsing, also for --help
+      return Explain(reason);
+    }
+    return run_();
+  }
+
+ private:
+  int Explain(const CLI::ParseError& reason) {
+    std::ostringstream output;
+    std::ostringstream errors;
+    const bool misused = app_.exit(reason, output, errors) != 0;
+    std::string text = misused ? errors.str() : output.str();
+    // A misspelled word is the reason why another one is missing.
+    if (const std::vector<std::string> unknown = app_.remaining(true); misused && !unknown.empty()) {
+      text = kUnknownWord + unknown.front() + kTryHelp;
+    }
+    text.erase(text.find_last_not_of('\n') + 1);
+    WriteLines(misused ? Stream::kError : Stream::kOutput, Utf8ToWide(text));
+    return misused ? kCommandMisused : kCommandDone;
+  }
+
+  void AddRelease() {
+    CLI::App* const command = app_.add_subcommand(
+        "release",
+        "Copies a client directory into a release and describes it. Checks what can be checked before "
+        "the release is signed");
+    Require(command, "CLIENT_DIR", release_.client_directory, "Exactly the files that players are to have");
+    Require(command, "--out", release_.out, "Directory to make, with manifest.txt and files")
+        ->type_name("DIR");
+    command->add_option("--name", release_.name, "What players see, such as 2.1")
+        ->required()
+        ->check(CLI::Validator(
+            Unless(kBadName, [](const std::string& word) { return IsReleaseIdentifier(word); }), "ID"));
+    command
+        ->add_option_function<std::string>(
+            "--sequence",
+            [this](const std::string& word) {
+              static_cast<void>(ParseDecimalU64(std::string_view(word), release_.sequence));
+            },
+            "A number that grows with every release")
+        ->required()
+        ->check(CLI::Validator(Unless(kBadSequence,
+                                      [](const std::string& word) {
+                                        std::uint64_t number = 0;
+                                        return ParseDecimalU64(std::string_view(word), number) && number != 0;
+                                      }),
+                               "N"));
+    AddChecks(command, release_.common);
+    command->callback([this] { run_ = [this] { return MakeRelease(release_); }; });
+  }
+
+  void AddFinish() {
+    CLI::App* const command = app_.add_subcommand(
+        "finish", "Adds the signature to a release, after verifying the whole release with it");
+    Require(command, "RELEASE_DIR", finish_.directory, "What the command release has made");
+    Require(command, "--signature", finish_.signature, "The signature over its manifest.txt")
+        ->type_name("FILE");
+    AddChecks(command, finish_.common);
+    command->callback([this] { run_ = [this] { return FinishRelease(finish_); }; });
+  }
+
+  void AddVerify() {
+    CLI::App* const command = app_.add_subcommand(
+        "verify",
+        "Verifies a finished release: the signature, every file, and that players can live with it");
+    Require(command, "RELEASE_DIR", verify_.directory,
+            "The directory with manifest.txt, manifest.sig and files");
+    AddChecks(command, verify_.common);
+    AddJson(command, verify_.common);
+    command->callback([this] { run_ = [this] { return VerifyCommand(verify_); }; });
+  }
+
+  void AddCompare() {
+    CLI::App* const command = app_.add_subcommand(
+        "compare",
+        "Finds out whether players with older releases can install a new one, and what it costs them");
+    Require(command, "NEW", compare_.new_release, "The new release's directory");
+    command
+        ->add_option_function<std::vector<std::string>>("OLD", Into(compare_.old_releases),
+                                                        "Directories of older releases that players may have")
+        ->required();
+    AddKey(command, compare_.common);
+    command
+        ->add_option_function<std::vector<std::string>>("--old-key", Into(compare_.old_keys),
+                                                        "Public key that signed some of the older releases")
+        ->type_name("FILE")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    AddClientKeyElsewhere(command, compare_.common);
+    AddAllowWarnings(command, compare_.common);
+    AddJson(command, compare_.common);
+    command->callback([this] { run_ = [this] { return CompareReleases(compare_); }; });
+  }
+
+  void AddStatus() {
+    CLI::App* const command = app_.add_subcommand(
+        "status",
+        "Tells what is installed in a client directory and what is wrong with it, and changes nothing");
+    Require(command, "CLIENT_DIR", status_.client_directory, "A player's client directory");
+    AddKey(command, status_.common);
+    AddAllowWarnings(command, status_.common);
+    AddJson(command, status_.common);
+    command->callback([this] { run_ = [this] { return ShowStatus(status_); }; });
+  }
+
+  void AddKeyCommand() {
+    CLI::App* const command = app_.add_subcommand(
+        "key", "Checks a public key and writes it as publisher_key.pem and, for C and C++, publisher_key.h");
+    Require(command, "PUBLIC_KEY", key_.key, "Public key (PEM), as openssl writes it");
+    Require(command, "--out", key_.out, "Existing directory for the two files")->type_name("DIR");
+    command->callback([this] { run_ = [this] { return ExportKey(key_); }; });
+  }
+
+  CLI::App app_{kAbout, "TalvexPublish.exe"};
+  ReleaseOptions release_;
+  FinishOptions finish_;
+  VerifyOptions verify_;
+  CompareOptions compare_;
+  StatusOptions status_;
+  KeyOptions key_;
+  std::function<int()> run_;
 };
 
-// Every word after the command is an option with its value or the one directory. False when it is neither, or
-// occurs twice.
-bool ReadOptions(std::span<wchar_t* const> words, CommandLine& options) {
-  struct Option {
-    std::wstring_view name;
-    std::wstring& value;
-  };
-  const Option known[] = {{L"--release", options.release},
-                          {L"--sequence", options.sequence},
-                          {L"--out", options.out},
-                          {L"--public-key", options.public_key}};
-  for (std::size_t i = 0; i < words.size(); ++i) {
-    std::wstring* value = &options.directory;
-    if (std::wstring_view(words[i]).starts_with(L"--")) {
-      value = nullptr;
-      for (const Option& option : known) {
-        if (option.name == words[i] && i + 1 < words.size()) {
-          value = &option.value;
-        }
-      }
-      ++i;
-    }
-    if (value == nullptr || !value->empty()) {
-      return false;
-    }
-    *value = words[i];
-  }
-  return !options.directory.empty();
-}
-
-int Fail(std::wstring_view message) {
-  WriteLine(Stream::kError, message);
-  return kFailed;
-}
-
-int MisusedCommandLine(std::wstring_view message) {
-  WriteLine(Stream::kError, message);
-  WriteLine(Stream::kError, L"TalvexPublish.exe --help tells how it is used.");
-  return kExitUsage;
-}
-
-std::wstring Describe(const Manifest& manifest) {
-  return L"release=" + Utf8ToWide(manifest.release) + L" sequence=" + std::to_wstring(manifest.sequence) +
-         L" files=" + std::to_wstring(manifest.entries.size());
-}
-
-void WarnAboutMissingFiles(const Manifest& manifest) {
-  for (const std::wstring_view name : kNeededFiles) {
-    if (FindManifestEntry(manifest, name) == nullptr) {
-      WriteLine(Stream::kError, L"Warning: the release has no " + std::wstring(name) +
-                                    L" at its top, spelled exactly so. The helper cannot install it.");
+int RunPublisher(int count, wchar_t* const* words) {
+  std::vector<std::string> arguments;
+  for (int i = 1; i < count; ++i) {
+    arguments.push_back(WideToUtf8(words[i]));
+    if (arguments.back().empty() && *words[i] != L'\0') {
+      WriteLine(Stream::kError, kNotUnicode);
+      return kCommandMisused;
     }
   }
-}
-
-bool LiesInside(std::wstring_view directory, std::wstring_view outer) {
-  std::wstring prefix = FoldAsciiCase(outer);
-  if (!prefix.ends_with(L'\\')) {
-    prefix += L'\\';
-  }
-  return (FoldAsciiCase(directory) + L'\\').starts_with(prefix);
-}
-
-int MakeManifest(const CommandLine& options) {
-  std::uint64_t sequence = 0;
-  const std::string release = WideToUtf8(options.release);
-  if (!IsReleaseIdentifier(release)) {
-    return MisusedCommandLine(
-        L"The release needs 1 to 64 letters, digits, dots, underscores and hyphens, a letter or digit first "
-        L"and "
-        L"no dot last.");
-  }
-  if (!ParseDecimalU64(options.sequence, sequence) || sequence == 0) {
-    return MisusedCommandLine(L"The sequence needs a decimal number from 1 to 18446744073709551615.");
-  }
-  UpdateError error;
-  const std::wstring client_root = ResolveClientRoot(options.directory, error);
-  const std::wstring out = ResolveClientRoot(options.out, error);
-  if (client_root.empty() || out.empty()) {
-    return Fail(error.Message());
-  }
-  if (!IsRealDirectory(client_root)) {
-    return Fail(client_root + L" is not a directory, or is a link to one.");
-  }
-  if (LiesInside(out, client_root)) {
-    return MisusedCommandLine(L"The manifest cannot be written into the directory that it describes.");
-  }
-  ClientTree tree;
-  if (!ListClientFiles(client_root, tree, error)) {
-    return Fail(error.Message());
-  }
-  for (const std::wstring& name : tree.skipped) {
-    WriteLine(Stream::kError, L"Left out, as it is the updater's own: " + name);
-  }
-  if (!tree.refusals.empty()) {
-    for (const std::wstring& refusal : tree.refusals) {
-      WriteLine(Stream::kError, refusal);
-    }
-    return Fail(L"The release was not published: " + std::to_wstring(tree.refusals.size()) +
-                L" of its files or directories cannot be part of a release.");
-  }
-  CreateDirectoryW(out.c_str(), nullptr);  // a failure shows in the write below
-  Manifest manifest;
-  const std::wstring path = SignedPairIn(out).manifest;
-  if (!WriteReleaseManifest(tree, release, sequence, path, manifest, error)) {
-    return Fail(error.Message());
-  }
-  WarnAboutMissingFiles(manifest);
-  WriteLine(Stream::kOutput, L"Wrote " + path + L": " + Describe(manifest));
-  WriteLine(Stream::kOutput, L"manifest-sha256 " + DigestToHex(manifest.digest));
-  WriteLine(Stream::kOutput, L"It can be installed in client directories of up to " +
-                                 std::to_wstring(LongestClientDirectory(tree)) + L" characters.");
-  return kDone;
-}
-
-int VerifyPair(const CommandLine& options) {
-  UpdateError error;
-  ByteBuffer key_blob;
-  if (!LoadPublicKey(options.public_key, key_blob, error)) {
-    return Fail(options.public_key + L": " + error.Message());
-  }
-  SignedManifest release;
-  if (!LoadSignedManifest(SignedPairIn(options.directory), key_blob, release, error)) {
-    return Fail(error.Message());
-  }
-  WarnAboutMissingFiles(release.manifest);
-  WriteLine(Stream::kOutput, L"OK " + Describe(release.manifest));
-  return kDone;
-}
-
-int RunPublisher(std::span<wchar_t* const> words) {
-  if (words.size() == 2 && std::wstring_view(words[1]) == L"--help") {
-    WriteLine(Stream::kOutput, kHelp);
-    return kDone;
-  }
-  CommandLine options;
-  const std::wstring_view command = words.size() > 1 ? words[1] : L"";
-  if (words.size() > 2 && ReadOptions(words.subspan(2), options)) {
-    const bool publishes = !options.release.empty() && !options.sequence.empty() && !options.out.empty();
-    if (command == L"manifest" && publishes && options.public_key.empty()) {
-      return MakeManifest(options);
-    }
-    if (command == L"verify" && !options.public_key.empty() && options.release.empty() &&
-        options.sequence.empty() && options.out.empty()) {
-      return VerifyPair(options);
-    }
-  }
-  return MisusedCommandLine(L"TalvexPublish.exe needs a command and exactly its operands.");
+  return CommandLine().Run(std::move(arguments));
 }
 
 }  // namespace
@@ -215,6 +255,5 @@ int main() {
   talvex::RestrictDllSearch();
   int count = 0;
   const talvex::ArgumentVector words(CommandLineToArgvW(GetCommandLineW(), &count));
-  return words == nullptr ? talvex::kExitUsage
-                          : talvex::RunPublisher({words.get(), static_cast<std::size_t>(count)});
+  return words == nullptr ? talvex::kCommandMisused : talvex::RunPublisher(count, words.get());
 }

@@ -1,6 +1,12 @@
 #include "publisher/public_key_file.h"
 
+#include <windows.h>
+
+#include <bcrypt.h>
+
 #include <cstdint>
+#include <cstring>
+#include <string_view>
 
 #include "core/public_key_pem.h"
 #include "formats/text_lines.h"
@@ -9,16 +15,45 @@ namespace talvex {
 namespace {
 
 constexpr std::uint32_t kPemSizeLimit = 16'384;  // bytes
+constexpr std::string_view kPrivateKeyMark = "PRIVATE KEY-----";
+
+constexpr ULONG kKeyBits = 3072;
+constexpr ULONG kExponentLength = 3;  // bytes; the helper's build embeds no other
+
+constexpr wchar_t kPrivateKey[] = L"The file holds a private key. Give this program the public half only.";
+constexpr wchar_t kNotRsa3072[] = L"The public key does not have 3072 bits and the exponent 65537.";
+
+bool IsRsa3072(const ByteBuffer& blob) {
+  BCRYPT_RSAKEY_BLOB header{};
+  if (blob.size() < sizeof(header)) {
+    return false;
+  }
+  std::memcpy(&header, blob.data(), sizeof(header));
+  return header.Magic == BCRYPT_RSAPUBLIC_MAGIC && header.BitLength == kKeyBits &&
+         header.cbPublicExp == kExponentLength;
+}
 
 }  // namespace
 
-bool LoadPublicKey(const std::wstring& path, ByteBuffer& key_blob, UpdateError& error) {
-  key_blob.clear();
+bool LoadPublicKey(const std::wstring& path, PublicKey& key, UpdateError& error) {
   ByteBuffer pem;
   if (!ReadWholeFile(path, kPemSizeLimit, pem, error)) {
     return false;
   }
-  return DecodePublicKeyPem(AsText(pem), key_blob, error);
+  const std::string_view text = AsText(pem);
+  if (text.find(kPrivateKeyMark) != std::string_view::npos) {
+    return Refuse(error, kPrivateKey);
+  }
+  return DecodePublicKeyPem(text, key.blob, error) &&
+         ((ReadPublicKeyPem(text, key.base64) && IsRsa3072(key.blob)) || Refuse(error, kNotRsa3072));
+}
+
+std::string FormatPem(const PublicKey& key) {
+  std::string text("-----BEGIN PUBLIC KEY-----");
+  for (std::size_t start = 0; start < key.base64.size(); start += kPemLineLength) {
+    text.append("\n").append(key.base64, start, kPemLineLength);
+  }
+  return text.append("\n").append("-----END PUBLIC KEY-----").append("\n");
 }
 
 }  // namespace talvex

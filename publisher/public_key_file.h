@@ -3,6 +3,7 @@
 // The publisher's public key as openssl writes it: PEM, SubjectPublicKeyInfo. The same file is given to the
 // helper's build.
 
+#include <cstddef>
 #include <string>
 
 #include "core/update_error.h"
@@ -10,9 +11,25 @@
 
 namespace talvex {
 
-// Reads the RSA public key in the PEM file at `path` into the blob that manifest signatures are verified
-// with. Does not check the key's size; the verification does. Messages: those of ReadWholeFile and
-// DecodePublicKeyPem.
-[[nodiscard]] bool LoadPublicKey(const std::wstring& path, ByteBuffer& key_blob, UpdateError& error);
+inline constexpr std::size_t kModulusLength = 384;  // bytes, of an RSA-3072 key
+inline constexpr std::size_t kPemLineLength = 64;   // characters of base64
+
+// One key in its two forms.
+struct PublicKey {
+  // The CNG RSA public key blob that manifest signatures are verified with: a header, then the exponent and
+  // the modulus, both big-endian.
+  ByteBuffer blob;
+  std::string base64;  // of the SubjectPublicKeyInfo, without line breaks
+};
+
+// Reads the public key in the PEM file at `path`: RSA-3072 with a public exponent of three bytes, as the
+// helper's build demands. After a failure `key` must not be used. Messages: those of ReadWholeFile and
+// DecodePublicKeyPem, and
+//   "The file holds a private key. Give this program the public half only."
+//   "The public key does not have 3072 bits and the exponent 65537."
+[[nodiscard]] bool LoadPublicKey(const std::wstring& path, PublicKey& key, UpdateError& error);
+
+// `key` as openssl writes it: PEM, lines of 64 characters that end in LF.
+[[nodiscard]] std::string FormatPem(const PublicKey& key);
 
 }  // namespace talvex

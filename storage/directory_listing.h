@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -39,6 +40,10 @@ class DirectoryListing {
   [[nodiscard]] std::wstring_view Name() const { return entry_.cFileName; }
   [[nodiscard]] bool IsReparsePoint() const { return Has(FILE_ATTRIBUTE_REPARSE_POINT); }
   [[nodiscard]] bool IsDirectory() const { return Has(FILE_ATTRIBUTE_DIRECTORY); }
+  // In bytes, as the directory has it: not up to date for a file that is open for writing.
+  [[nodiscard]] std::uint64_t Size() const {
+    return (std::uint64_t{entry_.nFileSizeHigh} << 32) | entry_.nFileSizeLow;
+  }
 
   // Any failure ends the enumeration; EndError tells it from the regular end.
   void Advance() {

@@ -75,8 +75,8 @@ TEST_F(PlantedDlls, AreLoadedByNoneOfThePrograms) {
        "OK release=1.0 sequence=1 files=2\r\n"},
       {L"TalvexUpdateHelper.exe", {L"--rollback-journal", L"", L"1", L"1"}, ""},  // shows a message box
       {L"TalvexPublish.exe",
-       {L"verify", cache, L"--public-key", BuiltProgram(L"development-key\\public.pem")},
-       "OK release=1.0"},
+       {L"status", place_.Path(), L"--key", BuiltProgram(L"development-key\\public.pem")},
+       "Installed release=1.0"},
       {L"Talvex.exe", {}, ""},
       {L"TalvexSettle.exe", {place_.Path()}, "installed: 1.0, sequence 1\r\n"},
       // Version 6 of the common controls, as the helper's manifest says, not the one in the system directory.

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Builds and runs the benchmark, prints its table and writes it to build/bench.csv:
 #
-#   tools/bench.sh [NAME...]     NAME: size parse start hash memory apply growth; without one, all
+#   tools/bench.sh [NAME...]     NAME: size parse start hash memory apply growth client publish; without one, all
 #
 # Needs about 3 GiB of free disk space and an otherwise idle machine. The exit code is 0 when every figure is
 # within its bound.

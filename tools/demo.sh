@@ -139,7 +139,7 @@ show_state() {
 
 publish() {
   TALVEX_WINE_FOLDER=$wine_folder tools/publish.sh "$source" "$place/releases/$1" --release "$1" --sequence "$2" \
-    --key "$build/development-key/private.pem" | sed 's/^/   /'
+    --key "$build/development-key/private.pem" --allow-development ${3:+--old "$place/releases/$3"} | sed 's/^/   /'
 }
 
 # --- the story -------------------------------------------------------------------------------------------------
@@ -175,7 +175,7 @@ every 20 1 | (cd "$source" && xargs -r rm)
 every 4 0 | while read -r file; do echo "changed in 1.1" >> "$source/$file"; done
 mkdir -p "$source/data/new/nested/folder"
 for number in $(seq 20); do echo "new in 1.1: $number" > "$source/data/new/nested/folder/$number.txt"; done
-publish 1.1 2
+publish 1.1 2 1.0
 held=$(every 4 0 | awk '{ line[NR] = $0 } END { print line[int((NR + 1) / 2)] }')
 
 step "Release 1.2: more changes, and a start script that makes the client crash"
@@ -183,11 +183,11 @@ every 20 2 | (cd "$source" && xargs -r rm)
 every 5 0 | while read -r file; do echo "changed in 1.2" >> "$source/$file"; done
 echo "new in 1.2" > "$source/data/new/also.txt"
 echo "start=crash" > "$source/start.cfg"
-publish 1.2 3
+publish 1.2 3 1.1
 
 step "Release 1.3: the same, repaired"
 echo "start=ok" > "$source/start.cfg"
-publish 1.3 4
+publish 1.3 4 1.1
 rm -rf "$source"
 
 step "First installation: the directory holds Talvex.exe alone, which installs release 1.0"

@@ -1,12 +1,15 @@
 #!/bin/sh
-# Publishes a client directory as a signed release, on Linux:
+# Publishes a client directory as a signed release, on Linux, for teams whose key is on that machine:
 #
 #   tools/publish.sh CLIENT_DIR RELEASE_DIR --release ID --sequence N --key PRIVATE.pem
+#     [--public-key PUBLIC.pem] [--old RELEASE_DIR]... [--allow-development] [--allow-warnings]
+#     [--client-key-elsewhere]
 #
 # makes RELEASE_DIR, which must not exist yet, with manifest.txt, manifest.sig and the described files in
-# files/. Needs a build (build/mingw-release, or the folder that TALVEX_BUILD names), Wine and openssl.
-# Windows programs run in the Wine of the environment, or in that of tools/wine.sh when TALVEX_WINE_FOLDER
-# names its folder.
+# files/. The public key is taken from the private one unless it is given. With --old, players with that release
+# must be able to install this one. Needs a build (build/mingw-release, or the folder that TALVEX_BUILD names),
+# Wine and openssl, and room for a copy of the client below TMPDIR (/tmp). Windows programs run in the Wine of
+# the environment, or in that of tools/wine.sh when TALVEX_WINE_FOLDER names its folder.
 set -eu
 export LC_ALL=C.UTF-8  # in a locale without UTF-8, Wine cannot find folders with names beyond ASCII
 
@@ -38,16 +41,32 @@ shift 2
 release_id=
 sequence=
 key=
-while [ $# -ge 2 ]; do
+public_key=
+development=
+allowed=
+left=$#
+while [ "$left" -gt 0 ]; do
   case $1 in
-    --release) release_id=$2 ;;
-    --sequence) sequence=$2 ;;
-    --key) key=$2 ;;
-    *) usage ;;
+    --allow-development) development=$1 ;;
+    --allow-warnings | --client-key-elsewhere) allowed="$allowed $1" ;;
+    *)
+      [ "$left" -ge 2 ] || usage
+      case $1 in
+        --release) release_id=$2 ;;
+        --sequence) sequence=$2 ;;
+        --key) key=$2 ;;
+        --public-key) public_key=$2 ;;
+        --old) set -- "$@" "Z:$(realpath -- "$2")" ;;  # in the end, "$@" holds the older releases alone
+        *) usage ;;
+      esac
+      shift
+      left=$((left - 1))
+      ;;
   esac
-  shift 2
+  shift
+  left=$((left - 1))
 done
-if [ $# != 0 ] || [ -z "$release_id" ] || [ -z "$sequence" ] || [ -z "$key" ]; then
+if [ -z "$release_id" ] || [ -z "$sequence" ] || [ -z "$key" ]; then
   usage
 fi
 
@@ -63,22 +82,39 @@ links=$(find "$client" -type l)
 [ -z "$links" ] || fail "a release cannot hold symbolic links:
 $links"
 
-# Under another name until it is complete: an interrupted run leaves nothing that looks like a release.
-making=$release.making
-rm -rf "$making"
-mkdir -p "$making/files"
-publisher manifest --release "$release_id" --sequence "$sequence" --out "Z:$making" "Z:$client"
-openssl dgst -sha256 -sign "$key" -out "$making/manifest.sig" "$making/manifest.txt"
-openssl pkey -in "$key" -pubout -out "$making/public.pem"
-publisher verify "Z:$making" --public-key "Z:$making/public.pem"
-rm "$making/public.pem"
+# Nobody else can reach this folder: a manifest that is exchanged before it is signed would be a release of
+# somebody else's, with our signature.
+umask 077
+private=$(mktemp -d)
+landing=
+clean_up() {
+  rm -rf "$private" ${landing:+"$landing"}
+}
+trap clean_up EXIT
+trap 'exit 1' INT TERM HUP
+if [ -n "$public_key" ]; then
+  cp "$public_key" "$private/public.pem"
+else
+  openssl pkey -in "$key" -pubout -out "$private/public.pem"
+fi
 
-tab=$(printf '\t')
-sed -n "s/^file${tab}[^$tab]*${tab}[^$tab]*${tab}//p" "$making/manifest.txt" |
-  tar -C "$client" --no-recursion --verbatim-files-from -T - -cf - |
-  tar -C "$making/files" -xf -
-# The tree could have changed since it was hashed.
-sed -n "s/^file${tab}[^$tab]*${tab}\([^$tab]*\)${tab}/\1  /p" "$making/manifest.txt" |
-  (cd "$making/files" && sha256sum --quiet --check -) || fail "the client directory changed while it was published"
-mv "$making" "$release"
+# Order: everything is checked before the key is used. What is checked, described and signed is the copy in the
+# private folder, whatever happens to the client directory meanwhile.
+# shellcheck disable=SC2086 # the options are meant to be split
+publisher release "Z:$client" --out "Z:$private/release" --name "$release_id" --sequence "$sequence" \
+  --key "Z:$private/public.pem" $development $allowed
+openssl dgst -sha256 -sign "$key" -out "$private/manifest.sig" "$private/release/manifest.txt"
+# shellcheck disable=SC2086
+publisher finish "Z:$private/release" --signature "Z:$private/manifest.sig" --key "Z:$private/public.pem" \
+  $development $allowed
+if [ $# != 0 ]; then
+  # shellcheck disable=SC2086
+  publisher compare "Z:$private/release" "$@" --key "Z:$private/public.pem" $allowed
+fi
+
+# Whole, or not at all: the move within the target's own file system is one step.
+chmod -R u=rwX,go=rX "$private/release"
+landing=$(mktemp -d "$release.XXXXXX")
+mv "$private/release" "$landing/release"
+mv -T "$landing/release" "$release"
 echo "Published $release"

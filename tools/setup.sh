@@ -15,8 +15,10 @@ find_missing() {
   need cmake cmake --version
   need ninja-build ninja --version
   need openssl openssl version
+  need osslsigncode osslsigncode --version
   need g++-mingw-w64-i686-posix i686-w64-mingw32-g++-posix --version
   need g++-mingw-w64-x86-64-posix x86_64-w64-mingw32-g++-posix --version
+  need libcli11-dev test -f /usr/include/CLI/CLI.hpp
   need googletest test -f /usr/src/googletest/CMakeLists.txt
   need wine wine --version
   need wine32:i386 test -e /usr/lib/i386-linux-gnu/wine/i386-unix/ntdll.so

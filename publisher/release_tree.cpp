@@ -1,8 +1,9 @@
-#include "publisher/client_tree.h"
+#include "publisher/release_tree.h"
 
 #include <windows.h>
 
 #include <algorithm>
+#include <numeric>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -12,6 +13,7 @@
 #include "core/text_encoding.h"
 #include "formats/manifest.h"
 #include "formats/relative_path.h"
+#include "publisher/path_room.h"
 #include "storage/client_root.h"
 #include "storage/directory_listing.h"
 #include "storage/update_layout.h"
@@ -19,18 +21,18 @@
 namespace talvex {
 namespace {
 
-// Windows limits for the full path of a file, and of a directory, which leave room for a short file name.
-constexpr std::size_t kFullPathLimit = 259;
-constexpr std::size_t kFullDirectoryPathLimit = 247;
-constexpr std::size_t kShortestClientDirectory = 4;  // "C:\a"; a drive root is not allowed
-
-constexpr wchar_t kLink[] = L"is a link or another kind of reparse point.";
-constexpr wchar_t kHardLinks[] = L"has more than one hard link.";
-constexpr wchar_t kEmptyFile[] = L"is empty, and the updater cannot manage empty files.";
-constexpr wchar_t kTooLarge[] = L"is larger than 8 GiB.";
-constexpr wchar_t kUnreadable[] = L"cannot be opened.";
-constexpr wchar_t kTooLongToStage[] = L"is too long a path to be staged in any client directory.";
-constexpr wchar_t kSameButCase[] = L"differs from another path only in the case of letters.";
+constexpr wchar_t kLink[] =
+    L"is a link or another kind of reparse point, which a release cannot hold. Put the file itself in its "
+    L"place.";
+constexpr wchar_t kHardLinks[] = L"has more than one hard link. Copy it, so that it has one.";
+constexpr wchar_t kEmptyFile[] =
+    L"is empty, and the updater cannot manage empty files. Leave it out, or write something into it.";
+constexpr wchar_t kTooLarge[] = L"is larger than 8 GiB. Divide it.";
+constexpr wchar_t kUnreadable[] = L"cannot be opened. Close the program that uses it.";
+constexpr wchar_t kTooLongToStage[] = L"is too long a path to be staged in any client directory. Shorten it.";
+constexpr wchar_t kSameButCase[] =
+    L"differs from another path only in the case of letters, and is the same file to Windows. Rename one.";
+constexpr wchar_t kRename[] = L" Rename it.";
 constexpr wchar_t kListingFailed[] = L"Could not list ";
 
 // A client directory that was updated before contains the updater's records; they belong to no release.
@@ -39,17 +41,6 @@ bool IsUpdatersOwn(std::wstring_view name) {
   return folded.starts_with(FoldAsciiCase(kInstalledStateFileName)) ||
          folded.starts_with(FoldAsciiCase(kFailureMarkerFileName)) || folded == kWorkDirectoryName ||
          folded == kCacheDirectoryName;
-}
-
-// The longest client directory in which a file with this relative path can be staged; 0 when there is none.
-std::size_t LongestClientDirectoryFor(std::wstring_view relative_path) {
-  const std::wstring staged_path = JoinPath(FilesDirectory(StageRoot(L"", Sha256Digest{})), relative_path);
-  // The part after the client directory, separator included.
-  const std::size_t file = 1 + staged_path.size();
-  const std::size_t directory = 1 + ParentOfRelativePath(staged_path).size();
-  return file >= kFullPathLimit || directory >= kFullDirectoryPathLimit
-             ? 0
-             : std::min(kFullPathLimit - file, kFullDirectoryPathLimit - directory);
 }
 
 // The reason why the file cannot be part of a release; empty when it can.
@@ -76,12 +67,12 @@ std::wstring_view CheckFile(const std::wstring& full_path, std::uint64_t& size) 
 
 class TreeWalk {
  public:
-  TreeWalk(const std::wstring& client_directory, ClientTree& tree)
-      : client_directory_(client_directory), tree_(tree) {}
+  TreeWalk(const std::wstring& root, FileCheck check, ReleaseTree& tree, Findings& findings)
+      : root_(root), check_(check), tree_(tree), findings_(findings) {}
 
-  // `directory` is relative, with "\"; empty for the client directory itself.
+  // `directory` is relative, with "\"; empty for the root itself.
   bool List(const std::wstring& directory, UpdateError& error) {
-    const std::wstring full_path = JoinPath(client_directory_, directory);
+    const std::wstring full_path = JoinPath(root_, directory);
     DirectoryListing listing(full_path);
     for (; listing.AtEntry(); listing.Advance()) {
       if (!TakeEntry(listing, JoinPath(directory, listing.Name()), error)) {
@@ -103,67 +94,64 @@ class TreeWalk {
       return true;
     }
     if (listing.IsReparsePoint()) {
-      RefusePath(path, kLink);
+      findings_.AddError(path, kLink);
       return true;
     }
-    ClientFile file;
+    ReleaseFile file;
     file.path = WideToUtf8(path);
     std::replace(file.path.begin(), file.path.end(), '\\', '/');
     // A rejected directory is not walked: one line about it is clearer than one about each of its files.
     std::wstring normalised_path;
     UpdateError reason;
     if (!ValidateRelativePath(file.path, normalised_path, reason)) {
-      RefusePath(path, reason.Message());
+      findings_.AddError(path, reason.Message() + kRename);
       return true;
     }
     if (listing.IsDirectory()) {
       return List(path, error);
     }
-    if (LongestClientDirectoryFor(path) < kShortestClientDirectory) {
-      RefusePath(path, kTooLongToStage);
+    if (!FitsSomeClientDirectory(path)) {
+      findings_.AddError(path, kTooLongToStage);
       return true;
     }
-    file.full_path = JoinPath(client_directory_, path);
-    if (const std::wstring_view reason_to_refuse = CheckFile(file.full_path, file.size);
+    file.full_path = JoinPath(root_, path);
+    file.size = listing.Size();
+    if (const std::wstring_view reason_to_refuse =
+            check_ == FileCheck::kEachFile ? CheckFile(file.full_path, file.size) : std::wstring_view();
         !reason_to_refuse.empty()) {
-      RefusePath(path, reason_to_refuse);
+      findings_.AddError(path, reason_to_refuse);
     } else if (!folded_paths_.insert(FoldAsciiCase(path)).second) {
-      RefusePath(path, kSameButCase);  // happens when the tree is on a case-sensitive file system
+      findings_.AddError(path, kSameButCase);  // happens when the tree is on a case-sensitive file system
     } else {
       tree_.files.push_back(std::move(file));
     }
     return true;
   }
 
-  void RefusePath(const std::wstring& path, std::wstring_view reason) {
-    tree_.refusals.push_back(path + L": " + std::wstring(reason));
-  }
-
-  const std::wstring& client_directory_;
-  ClientTree& tree_;
+  const std::wstring& root_;
+  const FileCheck check_;
+  ReleaseTree& tree_;
+  Findings& findings_;
   std::set<std::wstring> folded_paths_;
 };
 
 }  // namespace
 
-bool ListClientFiles(const std::wstring& client_directory, ClientTree& tree, UpdateError& error) {
+bool ListReleaseFiles(const std::wstring& directory, FileCheck check, ReleaseTree& tree, Findings& findings,
+                      UpdateError& error) {
   tree = {};
-  if (!TreeWalk(client_directory, tree).List({}, error)) {
+  if (!TreeWalk(directory, check, tree, findings).List({}, error)) {
     return false;
   }
   std::sort(tree.files.begin(), tree.files.end(),
-            [](const ClientFile& left, const ClientFile& right) { return left.path < right.path; });
+            [](const ReleaseFile& left, const ReleaseFile& right) { return left.path < right.path; });
   std::sort(tree.skipped.begin(), tree.skipped.end());
-  std::sort(tree.refusals.begin(), tree.refusals.end());
   return true;
 }
 
-std::size_t LongestClientDirectory(const ClientTree& tree) {
-  std::size_t longest = kFullDirectoryPathLimit;
-  for (const ClientFile& file : tree.files) {
-    longest = std::min(longest, LongestClientDirectoryFor(Utf8ToWide(file.path)));
-  }
-  return longest;
+std::uint64_t TotalSize(const ReleaseTree& tree) {
+  return std::accumulate(tree.files.begin(), tree.files.end(), std::uint64_t{0},
+                         [](std::uint64_t sum, const ReleaseFile& file) { return sum + file.size; });
 }
 
 }  // namespace talvex

@@ -1,0 +1,51 @@
+#include "publisher/commands.h"
+
+#include "core/regular_file.h"
+#include "publisher/console.h"
+#include "storage/client_root.h"
+
+namespace talvex {
+namespace {
+
+constexpr wchar_t kNotDirectory[] = L"is not a directory, or is a link to one.";
+
+}  // namespace
+
+bool LoadKey(const std::wstring& path, PublicKey& key, Findings& findings) {
+  UpdateError error;
+  if (!LoadPublicKey(path, key, error)) {
+    findings.AddError(path, error.Message());
+    return false;
+  }
+  return true;
+}
+
+std::wstring ExistingDirectory(const std::wstring& directory, Findings& findings) {
+  UpdateError error;
+  std::wstring root = ResolveClientRoot(directory, error);
+  if (root.empty() || !IsRealDirectory(root)) {
+    findings.AddError(directory, root.empty() ? error.Message() : kNotDirectory);
+    return {};
+  }
+  return root;
+}
+
+int Conclude(const CommonOptions& options, const Findings& findings, std::wstring_view result,
+             JsonWriter* json) {
+  const bool passed = findings.Pass(options.allow_warnings);
+  if (options.json && json != nullptr) {
+    json->Key(L"ok");
+    json->Bool(passed);
+    findings.Write(*json);
+    json->EndObject();
+    WriteLine(Stream::kOutput, json->Text());
+  } else {
+    findings.Print();
+    if (passed && !result.empty()) {
+      WriteLines(Stream::kOutput, result);
+    }
+  }
+  return passed ? kCommandDone : kCommandRefused;
+}
+
+}  // namespace talvex

@@ -1,0 +1,157 @@
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "core/sha256.h"
+#include "core/text_encoding.h"
+#include "core/whole_file.h"
+#include "formats/signed_manifest.h"
+#include "publisher/commands.h"
+#include "publisher/key_search.h"
+#include "publisher/path_room.h"
+#include "publisher/release_check.h"
+#include "publisher/release_comparison.h"
+#include "storage/client_root.h"
+#include "storage/update_layout.h"
+
+namespace talvex {
+namespace {
+
+constexpr wchar_t kOtherKey[] = L" Name the public half of the key that signed it with --key.";
+constexpr wchar_t kOtherOldKey[] =
+    L" If it was signed with an earlier key, name the public half of that one with --old-key.";
+constexpr wchar_t kNoWayToKey[] =
+    L"is signed with another key, and its client does not hold the new one: it would take the new release "
+    L"for a forgery. First publish a release that is signed with the old key and whose client holds both, "
+    L"and compare with that.";
+constexpr wchar_t kClientUnreadable[] =
+    L"is signed with another key, so its client has to be looked at, and that is not the one of its "
+    L"manifest: ";
+
+// What is known about one older release.
+struct OldRelease {
+  Manifest manifest;
+  KeyChange keys = KeyChange::kSameKey;
+};
+
+// Loads and verifies an older release: with the new one's key, or else with one of the older ones.
+bool LoadOldRelease(const std::wstring& directory, const PublicKey& key,
+                    const std::vector<PublicKey>& old_keys, OldRelease& old, Findings& findings) {
+  SignedManifest loaded;
+  UpdateError error;
+  const SignedPairPaths pair = SignedPairIn(directory);
+  if (LoadSignedManifest(pair, key.blob, loaded, error)) {
+    old.manifest = std::move(loaded.manifest);
+    return true;
+  }
+  for (const PublicKey& old_key : old_keys) {
+    UpdateError unreported;
+    if (LoadSignedManifest(pair, old_key.blob, loaded, unreported)) {
+      old.manifest = std::move(loaded.manifest);
+      old.keys = KeyChange::kOtherKey;
+      return true;
+    }
+  }
+  findings.AddError(directory, error.Message() + kOtherOldKey);
+  return false;
+}
+
+// A client can follow a change of keys only if it holds the new key already.
+void CheckClientHoldsKey(const std::wstring& directory, const Manifest& manifest, const PublicKey& key,
+                         Findings& findings) {
+  const ManifestEntry* const entry = FindManifestEntry(manifest, kClientFileName);
+  ByteBuffer client;
+  Sha256Digest digest;
+  UpdateError error;
+  if (entry == nullptr ||
+      !ReadWholeFile(JoinPath(FilesDirectory(directory), kClientFileName), kMaxCheckedProgramSize, client,
+                     error) ||
+      !Sha256OfBuffer(client, digest, error) || !DigestsEqual(digest, entry->digest)) {
+    findings.AddError(directory, kClientUnreadable + ClientProgramPath(FilesDirectory(directory)) + L". " +
+                                     error.Message());
+  } else if (!HoldsKey(client, key)) {
+    findings.AddError(directory, kNoWayToKey);
+  }
+}
+
+std::wstring DescribeUpdate(const Manifest& old, const ReleaseComparison& update) {
+  return L"from " + Describe(old) + L": new=" + std::to_wstring(update.added) + L" changed=" +
+         std::to_wstring(update.changed) + L" retired=" + std::to_wstring(update.retired) + L" download=" +
+         std::to_wstring(update.download_size) + L" bytes plan=" + std::to_wstring(update.plan_size) +
+         L" at-worst=" + std::to_wstring(std::max(update.worst_plan_size, update.worst_journal_size));
+}
+
+void WriteUpdate(const Manifest& old, const ReleaseComparison& update, JsonWriter& json) {
+  json.BeginObject();
+  WriteDescription(old, json);
+  json.Key(L"longestClientDirectory");
+  json.Number(LongestClientDirectory(old));
+  const struct {
+    const wchar_t* key;
+    std::uint64_t value;
+  } numbers[] = {{L"new", update.added},
+                 {L"changed", update.changed},
+                 {L"retired", update.retired},
+                 {L"downloadBytes", update.download_size},
+                 {L"planBytes", update.plan_size},
+                 {L"worstPlanBytes", update.worst_plan_size},
+                 {L"worstJournalBytes", update.worst_journal_size}};
+  for (const auto& number : numbers) {
+    json.Key(number.key);
+    json.Number(number.value);
+  }
+  json.EndObject();
+}
+
+// Compares with each older release. Returns the text of the result; `json` is inside the document's object.
+std::wstring CompareWithAll(const CompareOptions& options, const Manifest& new_manifest, const PublicKey& key,
+                            const std::vector<PublicKey>& old_keys, JsonWriter& json, Findings& findings) {
+  std::wstring text = L"OK " + Describe(new_manifest);
+  WriteDescription(new_manifest, json);
+  json.Key(L"longestClientDirectory");
+  json.Number(LongestClientDirectory(new_manifest));
+  json.Key(L"updates");
+  json.BeginArray();
+  for (const std::wstring& directory : options.old_releases) {
+    OldRelease old;
+    if (!LoadOldRelease(directory, key, old_keys, old, findings)) {
+      continue;
+    }
+    if (old.keys == KeyChange::kOtherKey && !options.common.allowances.client_key_elsewhere) {
+      CheckClientHoldsKey(directory, old.manifest, key, findings);
+    }
+    const ReleaseComparison update = CompareManifests(new_manifest, old.manifest, old.keys, findings);
+    WriteUpdate(old.manifest, update, json);
+    text += L"\n" + DescribeUpdate(old.manifest, update);
+  }
+  json.EndArray();
+  return text + L"\nIt can be installed in client directories of up to " +
+         std::to_wstring(LongestClientDirectory(new_manifest)) + L" characters.";
+}
+
+}  // namespace
+
+int CompareReleases(const CompareOptions& options) {
+  Findings findings;
+  PublicKey key;
+  std::vector<PublicKey> old_keys(options.old_keys.size());
+  bool has_keys = LoadKey(options.common.key, key, findings);
+  for (std::size_t i = 0; i < old_keys.size(); ++i) {
+    has_keys = LoadKey(options.old_keys[i], old_keys[i], findings) && has_keys;
+  }
+  JsonWriter json;
+  json.BeginObject();
+  json.Key(L"command");
+  json.String(L"compare");
+  std::wstring text;
+  SignedManifest release;
+  UpdateError error;
+  if (has_keys && !LoadSignedManifest(SignedPairIn(options.new_release), key.blob, release, error)) {
+    findings.AddError(options.new_release, error.Message() + kOtherKey);
+  } else if (has_keys) {
+    text = CompareWithAll(options, release.manifest, key, old_keys, json, findings);
+  }
+  return Conclude(options.common, findings, text, &json);
+}
+
+}  // namespace talvex

@@ -1,0 +1,20 @@
+#pragma once
+
+// How much room the paths of a release leave for the client directory's own path. Full paths are limited, and
+// that of a staged file is the longest that an update makes.
+
+#include <cstddef>
+#include <string_view>
+
+#include "formats/manifest.h"
+
+namespace talvex {
+
+// The longest path of a client directory, in characters, in which every file of `manifest` can be staged; 0
+// when there is none.
+[[nodiscard]] std::size_t LongestClientDirectory(const Manifest& manifest);
+
+// Whether the file at `relative_path` can be staged in the shortest client directory that there can be.
+[[nodiscard]] bool FitsSomeClientDirectory(std::wstring_view relative_path);
+
+}  // namespace talvex

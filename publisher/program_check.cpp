@@ -1,0 +1,160 @@
+#include "publisher/program_check.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "core/ascii_case.h"
+#include "core/text_encoding.h"
+#include "formats/text_lines.h"
+#include "publisher/key_search.h"
+#include "publisher/program_image.h"
+
+namespace talvex {
+namespace {
+
+// Resource types and ids, as numbers: windows.h has them in the form that FindResource takes.
+constexpr std::uint16_t kManifestType = 24;  // RT_MANIFEST
+constexpr std::uint16_t kVersionType = 16;   // RT_VERSION
+constexpr std::uint16_t kProgramId = 1;      // CREATEPROCESS_MANIFEST_RESOURCE_ID, VS_VERSION_INFO
+
+// In the helper's version resource (app/TalvexUpdateHelper.rc.in), and only if its key is a development key.
+constexpr wchar_t kDevelopmentMark[] = L"Trusts a development key";
+
+// Windows takes a 32-bit program for an installer if one of these is in its name or version resource, and its
+// manifest names no level. In lower case.
+constexpr std::wstring_view kInstallerWords[] = {L"install", L"setup", L"update"};
+
+constexpr wchar_t kNoProgram[] =
+    L"is not a program that Windows can start, or is cut short. Build it again, or copy it whole.";
+constexpr wchar_t kNotX86[] =
+    L"is not a 32-bit program (x86), which the helper has to be. Build it with one of the presets.";
+constexpr wchar_t kAsksForElevation[] =
+    L"asks for elevation, so neither the helper nor the client could start it. Set the "
+    L"requestedExecutionLevel in its manifest to asInvoker.";
+constexpr wchar_t kLooksLikeInstaller[] =
+    L"has no requestedExecutionLevel and a word such as \"update\" in its name or version resource: Windows "
+    L"takes it for an installer and demands elevation. Give it a manifest with the level asInvoker.";
+constexpr wchar_t kIsVirtualised[] =
+    L"has no requestedExecutionLevel, so Windows redirects what it writes below Program Files to another "
+    L"folder, where the helper does not look. Give it a manifest with the level asInvoker.";
+constexpr wchar_t kDevelopmentKey[] =
+    L"was built with a development key, which others may have. Configure its build with "
+    L"TALVEX_UPDATE_PUBLIC_KEY, or allow it with --allow-development.";
+constexpr wchar_t kTrustsOtherKey[] =
+    L"trusts another key than the one that this release is signed with. Configure its build with this key as "
+    L"TALVEX_UPDATE_PUBLIC_KEY.";
+constexpr wchar_t kTrustsTwoKeys[] =
+    L"holds more than one key, so it cannot be told which one it trusts. Build it from clean sources.";
+constexpr wchar_t kClientLacksKey[] =
+    L"does not hold the key that this release is signed with, so it could verify no later release and start "
+    L"no rollback. Build it with this key, or declare with --client-key-elsewhere that it reads the key "
+    L"from another file.";
+
+// Removes the comments of an XML text: they may name what the manifest does not ask for.
+std::string WithoutComments(std::string_view xml) {
+  std::string text;
+  for (std::size_t comment = 0; (comment = xml.find("<!--")) != std::string_view::npos;) {
+    text += xml.substr(0, comment);
+    const std::size_t end = xml.find("-->", comment);
+    xml.remove_prefix(end == std::string_view::npos ? xml.size() : end + 3);
+  }
+  return text.append(xml);
+}
+
+// The value of the attribute "level" of the manifest's requestedExecutionLevel; empty when there is none.
+std::string RequestedLevel(std::string_view manifest) {
+  constexpr std::string_view kBlank = " \t\r\n";
+  const std::string text = WithoutComments(manifest);
+  std::size_t at = text.find("requestedExecutionLevel");
+  const std::size_t end = text.find('>', at);
+  for (at = text.find("level", at); at < end; at = text.find("level", at + 1)) {
+    std::size_t value = text.find_first_not_of(kBlank, at + 5);
+    if (value == std::string::npos || text[value] != '=') {
+      continue;
+    }
+    value = text.find_first_not_of(kBlank, value + 1);
+    if (value != std::string::npos && (text[value] == '"' || text[value] == '\'')) {
+      return text.substr(value + 1, text.find(text[value], value + 1) - value - 1);
+    }
+  }
+  return {};
+}
+
+// The UTF-16 text in a version resource, in lower case; binary fields give arbitrary characters.
+std::wstring LowerCaseText(std::span<const std::byte> resource) {
+  std::wstring text;
+  for (std::size_t i = 0; i + 1 < resource.size(); i += 2) {
+    text += static_cast<wchar_t>(std::to_integer<unsigned>(resource[i]) |
+                                 std::to_integer<unsigned>(resource[i + 1]) << 8);
+  }
+  return FoldAsciiCase(text);
+}
+
+void CheckElevation(std::wstring_view subject, const ProgramImage& image, Findings& findings) {
+  const std::string level = RequestedLevel(AsText(image.Resource(kManifestType, kProgramId)));
+  if (level == "asInvoker") {
+    return;
+  }
+  if (!level.empty()) {
+    findings.AddError(subject, kAsksForElevation);
+    return;
+  }
+  if (!image.IsX86()) {
+    return;  // Windows guesses only about 32-bit programs
+  }
+  const std::wstring names = FoldAsciiCase(subject) + LowerCaseText(image.Resource(kVersionType, kProgramId));
+  if (std::any_of(std::begin(kInstallerWords), std::end(kInstallerWords),
+                  [&](std::wstring_view word) { return names.find(word) != std::wstring::npos; })) {
+    findings.AddError(subject, kLooksLikeInstaller);
+  } else {
+    findings.AddWarning(subject, kIsVirtualised);
+  }
+}
+
+bool IsDevelopmentBuild(const ProgramImage& image) {
+  return LowerCaseText(image.Resource(kVersionType, kProgramId)).find(FoldAsciiCase(kDevelopmentMark)) !=
+         std::wstring::npos;
+}
+
+}  // namespace
+
+void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> bytes, const PublicKey& key,
+                        const ProgramAllowances& allowances, Findings& findings) {
+  ProgramImage image;
+  if (!image.Parse(bytes)) {
+    findings.AddError(subject, kNoProgram);
+    return;
+  }
+  if (!image.IsX86()) {
+    findings.AddError(subject, kNotX86);
+  }
+  CheckElevation(subject, image, findings);
+  if (!allowances.development && IsDevelopmentBuild(image)) {
+    findings.AddError(subject, kDevelopmentKey);
+  }
+  const auto trusted = FindKeyBlobs(bytes, key);
+  if (trusted.size() > 1) {
+    findings.AddError(subject, kTrustsTwoKeys);
+  } else if (trusted.empty() || !std::ranges::equal(trusted.front(), key.blob)) {
+    findings.AddError(subject, kTrustsOtherKey);
+  }
+}
+
+void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> bytes, const PublicKey& key,
+                        const ProgramAllowances& allowances, Findings& findings) {
+  ProgramImage image;
+  if (!image.Parse(bytes)) {
+    findings.AddError(subject, kNoProgram);
+    return;
+  }
+  CheckElevation(subject, image, findings);
+  if (!allowances.client_key_elsewhere && !HoldsKey(bytes, key)) {
+    findings.AddError(subject, kClientLacksKey);
+  }
+}
+
+}  // namespace talvex

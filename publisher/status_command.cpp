@@ -1,0 +1,142 @@
+#include <string>
+
+#include "core/regular_file.h"
+#include "core/text_encoding.h"
+#include "core/whole_file.h"
+#include "formats/managed_file.h"
+#include "formats/rollback_journal.h"
+#include "formats/signed_manifest.h"
+#include "formats/text_lines.h"
+#include "formats/verified_cache.h"
+#include "publisher/commands.h"
+#include "publisher/console.h"
+#include "publisher/progress.h"
+#include "publisher/release_check.h"
+#include "storage/client_root.h"
+#include "storage/directory_listing.h"
+#include "storage/update_layout.h"
+
+namespace talvex {
+namespace {
+
+constexpr wchar_t kAllIsWell[] = L"OK: every file is that of the release, and no update is under way.";
+constexpr wchar_t kNothingInstalled[] =
+    L"is missing: no update was ever finished here. The client can install any release.";
+constexpr wchar_t kNotProven[] =
+    L" No installed release can be proven, so the client will accept any release.";
+constexpr wchar_t kDoNotAgree[] = L"names another release than the manifest in the cache.";
+constexpr wchar_t kDiffers[] = L"is not the file of the installed release. The next update replaces it.";
+constexpr wchar_t kMissing[] = L"is missing. The next update installs it.";
+constexpr wchar_t kUnsettled[] =
+    L"is the journal of an update that was not confirmed. Start the client: it confirms the update or rolls "
+    L"it back.";
+constexpr wchar_t kJournalDamaged[] = L" The update cannot be rolled back; install the release again.";
+constexpr wchar_t kStage[] = L"is left of an update that was not finished. The next update removes it.";
+constexpr wchar_t kFailedRelease[] =
+    L"Rolled back earlier, and not installed again: the release with manifest-sha256 ";
+
+// Why LoadTrustedState has given no reason: the first of its steps that fails.
+void ExplainMistrust(const std::wstring& root, const PublicKey& key, Findings& findings) {
+  InstalledState recorded;
+  SignedManifest cached;
+  UpdateError error;
+  const std::wstring state = InstalledStatePath(L"");
+  if (!LoadInstalledState(root, recorded, error)) {
+    findings.AddError(state, error.Message() + kNotProven);
+  } else if (!recorded.present) {
+    findings.AddError(state, kNothingInstalled);
+  } else if (!LoadVerifiedCache(root, cached.manifest_bytes, cached.signature, error) ||
+             !VerifySignedManifest(cached.manifest_bytes, cached.signature, key.blob, cached.manifest,
+                                   error)) {
+    findings.AddError(CacheDirectory(L""), error.Message() + kNotProven);
+  } else {
+    findings.AddError(state, std::wstring(kDoNotAgree) + kNotProven);
+  }
+}
+
+void CompareFiles(const std::wstring& root, const Manifest& manifest, Findings& findings) {
+  Progress progress(L"Compared", TotalSize(manifest));
+  for (const ManifestEntry& entry : manifest.entries) {
+    std::wstring path;
+    UpdateError error;
+    if (ResolveCheckedPath(root, entry.normalised_path, path, error) &&
+        ProbePath(path) == PathKind::kAbsent) {
+      findings.AddError(entry.normalised_path, kMissing);
+    } else if (path.empty() || !VerifyManagedFile(path, entry, kManagedFileSizeLimit, kDiffers, error,
+                                                  &Progress::Report, &progress)) {
+      findings.AddError(entry.normalised_path, error.Message());
+    }
+    progress.FinishFile(entry.size);
+  }
+}
+
+void LookForUnsettledWork(const std::wstring& root, Findings& findings) {
+  const std::wstring journal_path = RollbackJournalPath(PreviousDirectory(root));
+  if (MayExist(journal_path)) {
+    RollbackJournal journal;
+    UpdateError error;
+    const std::wstring name = RollbackJournalPath(PreviousDirectory(L""));
+    if (ParseRollbackJournal(journal_path, journal, error)) {
+      findings.AddWarning(name, kUnsettled);
+    } else {
+      findings.AddError(name, error.Message() + kJournalDamaged);
+    }
+  }
+  for (DirectoryListing listing(WorkDirectory(root)); listing.AtEntry(); listing.Advance()) {
+    if (listing.Name() != kPreviousDirectoryName) {
+      findings.AddWarning(JoinPath(WorkDirectory(L""), listing.Name()), kStage);
+    }
+  }
+}
+
+// The digest in the failure marker; empty when there is none.
+std::wstring FailedRelease(const std::wstring& root) {
+  ByteBuffer marker;
+  UpdateError unreported;
+  Sha256Digest digest;
+  constexpr std::uint32_t kMarkerSize = kDigestHexLength + 1;  // bytes; an LF ends it
+  if (!ReadWholeFile(FailureMarkerPath(root), kMarkerSize, marker, unreported) ||
+      !ParseHexDigest(AsText(marker).substr(0, kDigestHexLength), digest)) {
+    return {};
+  }
+  return DigestToHex(digest);
+}
+
+}  // namespace
+
+int ShowStatus(const StatusOptions& options) {
+  Findings findings;
+  PublicKey key;
+  JsonWriter json;
+  json.BeginObject();
+  json.Key(L"command");
+  json.String(L"status");
+  const std::wstring root = ExistingDirectory(options.client_directory, findings);
+  if (root.empty() || !LoadKey(options.common.key, key, findings)) {
+    return Conclude(options.common, findings, {}, &json);
+  }
+  InstalledState state;
+  Manifest manifest;
+  if (LoadTrustedState(root, key.blob, state, manifest)) {
+    WriteDescription(manifest, json);
+    if (!options.common.json) {
+      WriteLine(Stream::kOutput, L"Installed " + Describe(manifest));
+    }
+    CompareFiles(root, manifest, findings);
+  } else {
+    ExplainMistrust(root, key, findings);
+  }
+  LookForUnsettledWork(root, findings);
+  // No finding: the marker stays for good, also when a newer release is installed.
+  const std::wstring failed = FailedRelease(root);
+  if (!failed.empty()) {
+    json.Key(L"failedManifestSha256");
+    json.String(failed);
+  }
+  if (!failed.empty() && !options.common.json) {
+    WriteLine(Stream::kOutput, kFailedRelease + failed);
+  }
+  return Conclude(options.common, findings, kAllIsWell, &json);
+}
+
+}  // namespace talvex

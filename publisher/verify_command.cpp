@@ -1,0 +1,32 @@
+#include <string>
+
+#include "publisher/commands.h"
+#include "publisher/path_room.h"
+#include "publisher/release_check.h"
+#include "publisher/release_verification.h"
+#include "storage/update_layout.h"
+
+namespace talvex {
+
+int VerifyCommand(const VerifyOptions& options) {
+  Findings findings;
+  PublicKey key;
+  SignedManifest release;
+  const std::wstring directory = ExistingDirectory(options.directory, findings);
+  if (!directory.empty() && LoadKey(options.common.key, key, findings)) {
+    VerifyRelease(SignedPairIn(directory), FilesDirectory(directory), key, options.common.allowances, release,
+                  findings);
+  }
+  JsonWriter json;
+  json.BeginObject();
+  json.Key(L"command");
+  json.String(L"verify");
+  if (!release.manifest.entries.empty()) {
+    WriteDescription(release.manifest, json);
+    json.Key(L"longestClientDirectory");
+    json.Number(LongestClientDirectory(release.manifest));
+  }
+  return Conclude(options.common, findings, L"OK " + Describe(release.manifest), &json);
+}
+
+}  // namespace talvex
