@@ -7,7 +7,7 @@ build=$2
 # A game in C++ with the DLL, word for word as in the README, and a tool in C with the static library.
 mkdir "$work/game"
 awk '/^```/ { if (inside) exit; inside = $0 == "```cpp"; next } inside' "$source/README.md" > "$work/game/game.cpp"
-cp "$source/tests/support/readme_server.cpp" "$build/generated/keys/trusted_keys.h" "$work/game"
+cp "$source/tests/programs/readme_server.cpp" "$build/generated/keys/trusted_keys.h" "$work/game"
 cat > "$work/game/tool.c" << 'END'
 #include <talvex_update.h>
 int main(void) { return talvex_open(NULL, NULL) == TALVEX_E_ARGUMENT ? 0 : 1; }

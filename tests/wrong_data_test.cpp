@@ -15,8 +15,8 @@
 #include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "storage/client_root.h"
+#include "tests/proof/small_client.h"
 #include "tests/support/recording_display.h"
-#include "tests/support/small_client.h"
 
 namespace talvex::test {
 namespace {

@@ -1,4 +1,4 @@
-#include "tests/support/small_client.h"
+#include "tests/proof/small_client.h"
 
 #include <gtest/gtest.h>
 

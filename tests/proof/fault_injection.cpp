@@ -1,4 +1,4 @@
-#include "tests/support/fault_injection.h"
+#include "tests/proof/fault_injection.h"
 
 #include <windows.h>
 

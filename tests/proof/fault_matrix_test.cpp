@@ -18,8 +18,8 @@
 #include <vector>
 
 #include "core/text_encoding.h"
+#include "tests/proof/small_client.h"
 #include "tests/support/helper_run.h"
-#include "tests/support/small_client.h"
 
 namespace talvex::test {
 namespace {

@@ -10,8 +10,8 @@
 #include <string>
 
 #include "core/text_encoding.h"
+#include "tests/proof/small_client.h"
 #include "tests/support/open_handles.h"
-#include "tests/support/small_client.h"
 
 namespace talvex::test {
 namespace {

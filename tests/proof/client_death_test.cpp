@@ -10,7 +10,7 @@
 #include "client/talvex_update.h"
 #include "core/publisher_key.h"
 #include "core/text_encoding.h"
-#include "tests/support/small_client.h"
+#include "tests/proof/small_client.h"
 
 namespace talvex::test {
 namespace {

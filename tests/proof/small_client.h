@@ -13,7 +13,7 @@
 
 #include "app/apply_mode.h"
 #include "core/owned_handle.h"
-#include "tests/support/fault_injection.h"
+#include "tests/proof/fault_injection.h"
 #include "tests/support/scratch_directory.h"
 #include "tests/support/test_release.h"
 
