@@ -32,6 +32,14 @@ void FreeName(const std::wstring& client_root, const std::wstring& path) {
   }
 }
 
+// Whether nobody holds the lock file at `path`, which a power cut has left.
+bool IsFree(const std::wstring& path) {
+  return OwnedHandle(CreateFileW(path.c_str(), GENERIC_READ,
+                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                 OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr))
+      .IsValid();
+}
+
 }  // namespace
 
 talvex_result ClientLock::Take(const std::wstring& client_root, DWORD wait_ms, const Callbacks& callbacks,
@@ -41,6 +49,7 @@ talvex_result ClientLock::Take(const std::wstring& client_root, DWORD wait_ms, c
   }
   const std::wstring path = LockPath(client_root);
   const ULONGLONG deadline = GetTickCount64() + wait_ms;
+  bool was_absent = false;
   PhaseProgress waiting(callbacks, TALVEX_PHASE_SETTLE, 0);
   for (;;) {
     file_ = OpenLockFile(path);
@@ -49,13 +58,19 @@ talvex_result ClientLock::Take(const std::wstring& client_root, DWORD wait_ms, c
     }
     const DWORD code = GetLastError();
     const bool is_denied = code == ERROR_ACCESS_DENIED || code == ERROR_WRITE_PROTECT;
-    if (is_denied && ProbePath(path) == PathKind::kAbsent) {
+    // Twice, because a name that is just being deleted may be gone the moment after.
+    const bool is_absent = is_denied && ProbePath(path) == PathKind::kAbsent;
+    if (is_absent && was_absent) {
       return Fail(failure, TALVEX_E_NOT_WRITABLE, kNotWritable);
     }
-    if (is_denied) {
+    was_absent = is_absent;
+    if (is_denied && !is_absent) {
       FreeName(client_root, path);
     }
     if (!IsTransientError(code) || GetTickCount64() >= deadline) {
+      if (is_denied && IsFree(path)) {
+        return Fail(failure, TALVEX_E_NOT_WRITABLE, kNotWritable);
+      }
       return code == ERROR_SHARING_VIOLATION || is_denied
                  ? Fail(failure, TALVEX_E_ALREADY_RUNNING, kTaken)
                  : FailWithWindowsError(failure, TALVEX_E_SYSTEM, kNotTaken, code);

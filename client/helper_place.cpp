@@ -123,17 +123,28 @@ std::wstring MakePlace(const std::wstring& client_root, DWORD& code) {
   return {};
 }
 
-// The path of an open file without any link in it, which no rename can redirect while the file is open; empty
-// on volumes that cannot tell.
-std::wstring TruePath(HANDLE file) {
+// The path of an open file without any link in it, in the form that `flags` say; empty on failure.
+std::wstring FinalPath(HANDLE file, DWORD flags) {
   constexpr DWORD kCapacity = 32'768;  // characters
-  constexpr std::wstring_view kPrefix = L"\\\\?\\";
   std::wstring path(kCapacity, L'\0');
-  const DWORD length = GetFinalPathNameByHandleW(file, path.data(), kCapacity, FILE_NAME_NORMALIZED);
+  const DWORD length = GetFinalPathNameByHandleW(file, path.data(), kCapacity, flags);
   path.resize(length < kCapacity ? length : 0);
-  // A program is not started by the long form of its path if the short one will do.
-  return path.starts_with(kPrefix) && path.size() < kPrefix.size() + MAX_PATH ? path.substr(kPrefix.size())
-                                                                              : path;
+  return path;
+}
+
+// The path of an open file that no rename and no link can redirect while the file is open; empty on volumes
+// that cannot tell. Programs are not started by the long form if the short one will do.
+std::wstring TruePath(HANDLE file) {
+  constexpr std::wstring_view kLocal = L"\\\\?\\";
+  constexpr std::wstring_view kServer = L"\\\\?\\UNC\\";
+  const std::wstring path = FinalPath(file, VOLUME_NAME_DOS);
+  if (path.size() >= kLocal.size() + MAX_PATH) {
+    return path;
+  }
+  if (path.starts_with(kServer)) {
+    return L"\\\\" + path.substr(kServer.size());
+  }
+  return path.starts_with(kLocal) ? path.substr(kLocal.size()) : path;
 }
 
 // Deletes the helper in `place` and then `place`. Others may have put a link there, which an elevated client
@@ -145,7 +156,7 @@ void RemovePlace(const std::wstring& place) {
                                FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   const std::size_t name_start = place.rfind(L'\\');
   const std::wstring end = FoldAsciiCase(program.substr(name_start));
-  if (file.IsValid() && FoldAsciiCase(TruePath(file.Get())).ends_with(end)) {
+  if (file.IsValid() && FoldAsciiCase(FinalPath(file.Get(), VOLUME_NAME_NONE)).ends_with(end)) {
     FILE_DISPOSITION_INFO disposition{TRUE};
     SetFileInformationByHandle(file.Get(), FileDispositionInfo, &disposition, sizeof(disposition));
   }

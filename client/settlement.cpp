@@ -14,6 +14,7 @@
 #include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
+#include "formats/failure_marker.h"
 #include "formats/rollback_journal.h"
 
 namespace talvex::client {
@@ -28,6 +29,13 @@ constexpr wchar_t kRestoredInVain[] = L"An earlier rollback did not come to its 
 void LeaveNote(const std::wstring& path) {
   UpdateError unreported;
   static_cast<void>(WriteNewFile(path, {}, unreported));
+}
+
+// Removes a note, and whatever else somebody has put in its place.
+void DropNote(const std::wstring& client_root, const std::wstring& path) {
+  UpdateError unreported;
+  static_cast<void>(ClearFileName(client_root, path, unreported));
+  DeleteFileW(path.c_str());
 }
 
 // The journal of the update that is not settled; without rows if it cannot be read.
@@ -57,7 +65,6 @@ std::int32_t Settlement::Run(const Handoff& handoff, const ClientLock& lock, Fai
   const std::int32_t start =
       HasJournal() ? SettleUpdate(handoff, lock, failure) : StartWithoutJournal(failure);
   if (start == TALVEX_START_REPAIR) {
-    LeaveNote(DamagedNotePath(client_root_));
     static_cast<void>(Fail(failure, TALVEX_E_DAMAGED));
   }
   return start;
@@ -66,11 +73,13 @@ std::int32_t Settlement::Run(const Handoff& handoff, const ClientLock& lock, Fai
 std::int32_t Settlement::SettleUpdate(const Handoff& handoff, const ClientLock& lock, Failure& failure) {
   callbacks_.Log(handoff.present ? L"restarted after an update" : L"found an unfinished update");
   RemoveOldHelpers(client_root_);
-  DeleteFileW(InterruptedNotePath(client_root_).c_str());  // left by a rollback that did not finish
+  DropNote(client_root_, InterruptedNotePath(client_root_));  // left by a rollback that did not finish
   const Sha256Digest* const expected = handoff.present ? &handoff.manifest_digest : nullptr;
   Manifest installed;
-  const bool is_whole = VerifyFiles(expected, installed, failure.error);
-  if (is_whole && IsHealthy(installed, failure.error)) {
+  const bool is_whole =
+      VerifyInstalledRelease(client_root_, keys_, expected, callbacks_, installed, failure.error);
+  // After a repair the copies are known to be damaged: whatever became of the release, they are no better.
+  if (is_whole && (IsHealthy(installed, failure.error) || MayExist(DamagedNotePath(client_root_)))) {
     return TALVEX_START_GAME;
   }
   callbacks_.Log(L"broken: " + failure.error.Message());
@@ -78,15 +87,6 @@ std::int32_t Settlement::SettleUpdate(const Handoff& handoff, const ClientLock& 
     LeaveNote(FailedNotePath(client_root_));
   }
   return RollBack(lock, is_whole, failure);
-}
-
-// Verifies the installed release, and remembers no longer that its files were damaged when they are whole.
-bool Settlement::VerifyFiles(const Sha256Digest* expected, Manifest& installed, UpdateError& error) const {
-  if (!VerifyInstalledRelease(client_root_, keys_, expected, callbacks_, installed, error)) {
-    return false;
-  }
-  DeleteFileW(DamagedNotePath(client_root_).c_str());
-  return true;
 }
 
 // Whether the release, whose files are whole, may be started.
@@ -101,7 +101,11 @@ bool Settlement::IsHealthy(const Manifest& installed, UpdateError& error) const 
   callbacks_.Log(L"intact release=" + Utf8ToWide(installed.release) + L" sequence=" +
                  std::to_wstring(installed.sequence));
   if (!journal.entries.empty() && !DigestsEqual(journal.manifest_digest, installed.digest)) {
-    return RemovePrevious(error);  // the update was cut off before it had changed anything
+    // The update was cut off before it had changed anything, or its rollback before its journal was gone.
+    if (IsMarkedAsFailed(client_root_, journal.manifest_digest)) {
+      DeleteFileW(FailureMarkerPath(client_root_).c_str());
+    }
+    return RemovePrevious(error);
   }
   ForgetAttempts(client_root_);
   // Order: the note before the start, because a process that dies can no longer write one.
@@ -115,9 +119,12 @@ std::int32_t Settlement::RollBack(const ClientLock& lock, bool is_whole, Failure
   const std::wstring note = RestoringNotePath(client_root_);
   const std::wstring second_note = RestoringAgainNotePath(client_root_);
   if (MayExist(second_note)) {
-    DeleteFileW(second_note.c_str());
-    DeleteFileW(note.c_str());
+    // In vain so far, the release itself may be what makes the files whole again.
+    for (const std::wstring& path : {second_note, note, FailedNotePath(client_root_)}) {
+      DropNote(client_root_, path);
+    }
     SetError(failure.error, kRestoredInVain);
+    callbacks_.Log(L"no rollback: " + failure.error.Message());
     return is_whole ? TALVEX_START_GAME : TALVEX_START_REPAIR;
   }
   if (!MayExist(FailedNotePath(client_root_))) {
@@ -134,15 +141,10 @@ std::int32_t Settlement::RollBack(const ClientLock& lock, bool is_whole, Failure
     return TALVEX_START_EXIT;
   }
   callbacks_.Log(L"no rollback: " + of_start.error.Message());
-  DeleteFileW(InterruptedNotePath(client_root_).c_str());
-  if (!is_whole) {
-    return TALVEX_START_REPAIR;
-  }
+  DropNote(client_root_, InterruptedNotePath(client_root_));
   // What cannot be rolled back but is whole is played: otherwise two small files that anybody can write would
-  // keep the game from ever starting.
-  UpdateError unreported;  // the next update clears what stays
-  static_cast<void>(RemovePrevious(unreported));
-  return TALVEX_START_GAME;
+  // keep the game from ever starting. The copies stay until the release is confirmed: the reason may pass.
+  return is_whole ? TALVEX_START_GAME : TALVEX_START_REPAIR;
 }
 
 // Copies without a journal cannot undo anything: they were left by an update that had changed nothing yet, or
@@ -156,7 +158,7 @@ std::int32_t Settlement::StartWithoutJournal(Failure& failure) const {
   }
   Manifest installed;
   if ((was_damaged || MayExist(InstalledStatePath(client_root_))) &&
-      !VerifyFiles(nullptr, installed, failure.error)) {
+      !VerifyInstalledRelease(client_root_, keys_, nullptr, callbacks_, installed, failure.error)) {
     callbacks_.Log(L"broken: " + failure.error.Message());
     return TALVEX_START_REPAIR;
   }
@@ -172,7 +174,7 @@ void Settlement::LiftMarkerOfInterrupted() const {
   if (MayExist(note) && !HasJournal()) {
     callbacks_.Log(L"may be installed again");
     DeleteFileW(FailureMarkerPath(client_root_).c_str());
-    DeleteFileW(note.c_str());
+    DropNote(client_root_, note);
   }
 }
 
@@ -194,13 +196,28 @@ bool Settlement::HasFailed(const Sha256Digest& manifest_digest) const {
          MayExist(FailedNotePath(client_root_));
 }
 
+void Settlement::BeginRepair() const {
+  if (!MayExist(DamagedNotePath(client_root_))) {
+    LeaveNote(DamagedNotePath(client_root_));
+    ForgetAttempts(client_root_);
+  }
+}
+
+bool Settlement::IsUnsettled() const {
+  return HasJournal() || MayExist(DamagedNotePath(client_root_));
+}
+
 bool Settlement::HasJournal() const {
   return MayExist(RollbackJournalPath(PreviousDirectory(client_root_)));
 }
 
 bool Settlement::RemovePrevious(UpdateError& error) const {
   WithdrawNote();
-  return ClearPrevious(client_root_, error);
+  if (!ClearPrevious(client_root_, error)) {
+    return false;
+  }
+  DropNote(client_root_, DamagedNotePath(client_root_));  // whoever comes here has found the files whole
+  return true;
 }
 
 }  // namespace talvex::client

@@ -29,10 +29,11 @@ class Settlement {
   // Settles what is there, with the lock held. Returns one of TALVEX_START_...; after TALVEX_START_REPAIR
   // `failure` says why:
   //   TALVEX_E_DAMAGED  those of VerifyInstalledRelease, and
+  //     "An earlier rollback did not come to its end."
+  // Logged are also:
   //     "The last start of this release did not come to its end."
   //     "This release cannot start."
   //     "A file of an unfinished update was left behind."
-  //     "An earlier rollback did not come to its end."
   [[nodiscard]] std::int32_t Run(const Handoff& handoff, const ClientLock& lock, Failure& failure);
 
   // The release runs: removes the copies of the previous one. Messages: those of ClearPrevious.
@@ -44,12 +45,18 @@ class Settlement {
   // Whether copies are there that only a journal makes useful.
   [[nodiscard]] bool HasJournal() const;
 
+  // Whether files may be of two releases: an update is not settled, or a repair has not succeeded yet.
+  [[nodiscard]] bool IsUnsettled() const;
+
+  // A helper is about to repair damaged files, and will clear the only copies: from now on the files are not
+  // played before they were found whole.
+  void BeginRepair() const;
+
   // Whether the release with this digest was installed and died at its start, and is still to be rolled back.
   [[nodiscard]] bool HasFailed(const Sha256Digest& manifest_digest) const;
 
  private:
   [[nodiscard]] std::int32_t SettleUpdate(const Handoff& handoff, const ClientLock& lock, Failure& failure);
-  [[nodiscard]] bool VerifyFiles(const Sha256Digest* expected, Manifest& installed, UpdateError& error) const;
   [[nodiscard]] bool IsHealthy(const Manifest& installed, UpdateError& error) const;
   [[nodiscard]] std::int32_t RollBack(const ClientLock& lock, bool is_whole, Failure& failure) const;
   [[nodiscard]] std::int32_t StartWithoutJournal(Failure& failure) const;

@@ -45,6 +45,18 @@ void ClearReadOnly(const std::wstring& client_root, std::wstring_view relative_p
   }
 }
 
+// Whether a file or a link stands where a directory of the relative path belongs.
+bool HasObstacle(const std::wstring& client_root, std::wstring_view relative_path) {
+  for (std::size_t end = 0; end != std::wstring_view::npos;) {
+    end = relative_path.find(L'\\', end + 1);
+    const PathKind kind = ProbePath(JoinPath(client_root, relative_path.substr(0, end)));
+    if (kind == PathKind::kFile || kind == PathKind::kReparsePoint) {
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 talvex_result Staging::NextFile(MissingFile& file, Failure& failure) {
@@ -179,7 +191,7 @@ bool Staging::MakeStageDirectory(const std::wstring& relative_path, UpdateError&
   if (CreateUpdateDirectory(client_root_, JoinPath(stage, relative_path), directory, error)) {
     return true;
   }
-  return MoveAside(client_root_, stage_root_) &&
+  return HasObstacle(client_root_, JoinPath(stage, relative_path)) && MoveAside(client_root_, stage_root_) &&
          CreateUpdateDirectory(client_root_, JoinPath(stage, relative_path), directory, error);
 }
 

@@ -109,7 +109,7 @@ talvex_result UpdateClient::Settle(std::int32_t& start, Failure& failure) {
   }
   if (const talvex_result result = TakeLock(failure); result != TALVEX_OK) {
     // Files that are half of one release and half of another must not be played with.
-    return result == TALVEX_E_NOT_WRITABLE && settlement_.HasJournal()
+    return result == TALVEX_E_NOT_WRITABLE && settlement_.IsUnsettled()
                ? Fail(failure, TALVEX_E_UNSETTLED, kUnsettledForOthers)
                : result;
   }
@@ -184,7 +184,9 @@ talvex_result UpdateClient::Check(std::span<const std::byte> manifest, std::span
   if (!MayFollow(installed, lowest_sequence_, offer.manifest, failure.error)) {
     return Fail(failure, TALVEX_E_OLDER);
   }
-  if (IsMarkedAsFailed(client_root_, offer.manifest.digest) || settlement_.HasFailed(offer.manifest.digest)) {
+  // (While the game plays, the running release may still be about to fail.)
+  const bool has_failed = state_ == State::kRepairing && settlement_.HasFailed(offer.manifest.digest);
+  if (has_failed || IsMarkedAsFailed(client_root_, offer.manifest.digest)) {
     return Fail(failure, TALVEX_E_FAILED_BEFORE, kFailedBefore);
   }
   if (state_ == State::kPlaying && SecondsUntilNextAttempt(client_root_, offer.manifest.digest) != 0) {
@@ -252,6 +254,9 @@ talvex_result UpdateClient::Install(const std::wstring& arguments, Failure& fail
   const Sha256Digest& digest = staging_->Release().digest;
   if (settlement_.HasJournal() && state_ == State::kPlaying) {
     return Fail(failure, TALVEX_E_UNSETTLED, kUnsettled);
+  }
+  if (state_ == State::kRepairing) {
+    settlement_.BeginRepair();
   }
   const bool helper_clears = settlement_.HasJournal() && CountAttempts(client_root_, digest) < kFreeClearings;
   if (!helper_clears && !ClearPrevious(client_root_, failure.error)) {

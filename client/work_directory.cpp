@@ -13,6 +13,8 @@
 namespace talvex::client {
 namespace {
 
+constexpr wchar_t kFileStays[] = L"Could not remove a file of an earlier update.";
+
 std::vector<std::wstring> NamesIn(const std::wstring& directory) {
   std::vector<std::wstring> names;
   for (DirectoryListing listing(directory); listing.AtEntry(); listing.Advance()) {
@@ -26,7 +28,7 @@ bool RemoveEntry(const std::wstring& path, UpdateError& error) {
     return RemoveWorkTree(path, error);
   }
   SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);  // a read-only file could not be deleted
-  return DeleteFileW(path.c_str()) != 0;
+  return DeleteFileW(path.c_str()) || Refuse(error, kFileStays);
 }
 
 }  // namespace
