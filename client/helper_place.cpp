@@ -113,7 +113,7 @@ std::wstring MakePlace(const std::wstring& client_root, DWORD& code) {
   // A number that no earlier helper has: the one that restarted this client may still be about to exit.
   const std::wstring name = PlacePrefix(client_root) + std::to_wstring(GetTickCount64());
   for (const std::wstring& base : {LocalApplicationData(), TemporaryFolder()}) {
-    const std::wstring place = JoinPath(base, name);
+    std::wstring place = JoinPath(base, name);
     // The directory must be new: one that is there already may be anybody's.
     if (!base.empty() && CreateDirectoryW(place.c_str(), &attributes)) {
       return place;
@@ -137,7 +137,7 @@ std::wstring FinalPath(HANDLE file, DWORD flags) {
 std::wstring TruePath(HANDLE file) {
   constexpr std::wstring_view kLocal = L"\\\\?\\";
   constexpr std::wstring_view kServer = L"\\\\?\\UNC\\";
-  const std::wstring path = FinalPath(file, VOLUME_NAME_DOS);
+  std::wstring path = FinalPath(file, VOLUME_NAME_DOS);
   if (path.size() >= kLocal.size() + MAX_PATH) {
     return path;
   }

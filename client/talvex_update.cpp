@@ -189,7 +189,7 @@ talvex_result TALVEX_CALL talvex_confirm(talvex_client* client) {
 }
 
 talvex_result TALVEX_CALL talvex_installed(talvex_client* client, talvex_release* release) {
-  return Call(client, [&](UpdateClient& update, Failure& failure) {
+  return Call(client, [&](const UpdateClient& update, Failure& failure) {
     return HasItsSize(release, failure) ? update.Installed(*release, failure) : failure.code;
   });
 }
@@ -226,7 +226,7 @@ talvex_result TALVEX_CALL talvex_install(talvex_client* client, const wchar_t* a
 }
 
 talvex_result TALVEX_CALL talvex_arguments(talvex_client* client, wchar_t* buffer, size_t capacity) {
-  return Call(client, [&](UpdateClient& update, Failure& failure) {
+  return Call(client, [&](const UpdateClient& update, Failure& failure) {
     const std::wstring& arguments = update.Arguments();
     if (buffer == nullptr) {
       return Fail(failure, TALVEX_E_ARGUMENT, kNullPointer);

@@ -16,6 +16,8 @@ grep -h 'Log(' client/*.cpp | grep -oE 'L"[a-z][^"]*' | sed 's/^L"//; s/ *$//' |
 # that ends in "..." tells of progress.)
 headers_list_their_messages() {
   compared=0
+  # No file name of the project contains a blank.
+  # shellcheck disable=SC2044
   for header in $(find core storage formats rollback apply app client publisher examples -name '*.h'); do
     code=${header%.h}.cpp
     grep -oE '^ *//   (TALVEX_E_[A-Z_]* *)?"([^"\\]|\\.)*"' "$header" | sed 's|^[^"]*"||; s|:* *"$||' |

@@ -26,8 +26,9 @@ int32_t TALVEX_CALL ShowProgress(void*, int32_t phase, uint64_t done, uint64_t t
 int32_t TALVEX_CALL TryToStart(void*) {
   std::string script;
   std::getline(std::ifstream("start.cfg"), script);
-  if (script == "start=die")
+  if (script == "start=die") {
     TerminateProcess(GetCurrentProcess(), 99);
+  }
   return script != "start=crash";
 }
 int Fail(talvex_client* client) {
@@ -51,10 +52,8 @@ int Update(talvex_client* client, const std::filesystem::path& server) {
     std::filesystem::copy_file(server / "files" / file.path, file.destination,      // a download goes on
                                std::filesystem::copy_options::overwrite_existing);  // after file.present
   }
-  if (result == TALVEX_DONE)
-    result = talvex_stage(client);
-  if (result == TALVEX_OK)
-    result = talvex_install(client, g_log.c_str());
+  result = result == TALVEX_DONE ? talvex_stage(client) : result;
+  result = result == TALVEX_OK ? talvex_install(client, g_log.c_str()) : result;
   return result == TALVEX_OK ? 3 : result == TALVEX_DONE ? 0 : Fail(client);
 }
 
@@ -68,10 +67,12 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
   const talvex_result opened = talvex_open(&options, &client);
   // A client that was started again by the helper gets the arguments of the one that was updated.
   g_log = talvex_arguments(client, kept, MAX_PATH) == TALVEX_OK ? kept : __argc > 1 ? __wargv[1] : L"NUL";
-  if (opened != TALVEX_OK || talvex_settle(client, &start) != TALVEX_OK)
+  if (opened != TALVEX_OK || talvex_settle(client, &start) != TALVEX_OK) {
     return Fail(client);  // a game that may not be updated here plays on (TALVEX_E_NOT_WRITABLE)
-  if (start == TALVEX_START_EXIT)
+  }
+  if (start == TALVEX_START_EXIT) {
     return 4;
+  }
   int result = start == TALVEX_START_REPAIR ? Fail(client) : 0;
   if (start == TALVEX_START_GAME) {
     talvex_confirm(client);  // once the first frame is on the screen

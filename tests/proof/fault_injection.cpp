@@ -317,6 +317,7 @@ BOOL WINAPI NoteDuplicate(HANDLE from, HANDLE handle, HANDLE to, HANDLE* duplica
   if (done && handle != GetCurrentThread()) {
     opened_by[*duplicate] = {"DuplicateHandle"};
   }
+  // cppcheck-suppress redundantAssignment ; every hook reads it
   in_hook = false;
   return done;
 }
