@@ -10,7 +10,11 @@ Configure with TALVEX_UPDATE_PUBLIC_KEY set to the file of the publisher's publi
   if(PROJECT_IS_TOP_LEVEL OR NOT TALVEX_DEVELOPMENT_KEY)
     install(TARGETS TalvexUpdateHelper RUNTIME DESTINATION . COMPONENT helper)
   endif()
-  install(TARGETS TalvexPublish RUNTIME DESTINATION . COMPONENT publisher)
+  if(TARGET TalvexPublish)
+    install(TARGETS TalvexPublish RUNTIME DESTINATION . COMPONENT publisher)
+    install(PROGRAMS tools/publish.sh DESTINATION . COMPONENT publisher)
+    install(FILES docs/releasing.md DESTINATION . COMPONENT publisher)
+  endif()
 endif()
 
 include(CMakePackageConfigHelpers)

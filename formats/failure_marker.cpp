@@ -25,13 +25,16 @@ bool SaveFailureMarker(std::wstring_view client_root, const Sha256Digest& manife
                           error);
 }
 
-bool IsMarkedAsFailed(std::wstring_view client_root, const Sha256Digest& manifest_digest) {
+bool LoadFailureMarker(std::wstring_view client_root, Sha256Digest& manifest_digest) {
   ByteBuffer bytes;
   UpdateError unreported;
-  Sha256Digest failed;
   return ReadWholeFile(FailureMarkerPath(client_root), kMarkerSize, bytes, unreported) &&
-         ParseHexDigest(AsText(bytes).substr(0, kDigestHexLength), failed) &&
-         DigestsEqual(failed, manifest_digest);
+         ParseHexDigest(AsText(bytes).substr(0, kDigestHexLength), manifest_digest);
+}
+
+bool IsMarkedAsFailed(std::wstring_view client_root, const Sha256Digest& manifest_digest) {
+  Sha256Digest failed;
+  return LoadFailureMarker(client_root, failed) && DigestsEqual(failed, manifest_digest);
 }
 
 }  // namespace talvex

@@ -17,6 +17,9 @@ namespace talvex {
 [[nodiscard]] bool SaveFailureMarker(std::wstring_view client_root, const Sha256Digest& manifest_digest,
                                      UpdateError& error);
 
+// Gives the manifest digest of the marked release. False when there is no marker, or none that can be read.
+[[nodiscard]] bool LoadFailureMarker(std::wstring_view client_root, Sha256Digest& manifest_digest);
+
 // Whether the release with `manifest_digest` is marked. A marker that cannot be read counts as none.
 [[nodiscard]] bool IsMarkedAsFailed(std::wstring_view client_root, const Sha256Digest& manifest_digest);
 

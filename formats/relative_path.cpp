@@ -71,11 +71,6 @@ bool Matches(std::wstring_view path, const UpdaterPath& updater) {
                                 updater.rest);
 }
 
-bool TargetsUpdaterState(std::wstring_view normalised_path) {
-  return std::any_of(kUpdaterPaths.begin(), kUpdaterPaths.end(),
-                     [&](const UpdaterPath& updater) { return Matches(normalised_path, updater); });
-}
-
 bool ValidateSegments(std::wstring_view normalised_path, UpdateError& error) {
   for (;;) {
     const std::size_t separator = normalised_path.find(L'\\');
@@ -113,6 +108,11 @@ bool ValidateRelativePath(std::string_view path, std::wstring& normalised_path, 
   }
   normalised_path = std::move(normalised);
   return true;
+}
+
+bool TargetsUpdaterState(std::wstring_view normalised_path) {
+  return std::any_of(kUpdaterPaths.begin(), kUpdaterPaths.end(),
+                     [&](const UpdaterPath& updater) { return Matches(normalised_path, updater); });
 }
 
 bool IsReservedDeviceName(std::wstring_view segment) noexcept {

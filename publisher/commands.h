@@ -14,7 +14,8 @@
 
 namespace talvex {
 
-// Exit codes. A command that is refused leaves no output behind.
+// Exit codes. A command that is refused leaves no output behind; one whose result could not be printed counts
+// as refused.
 inline constexpr int kCommandDone = 0;
 inline constexpr int kCommandRefused = 1;
 inline constexpr int kCommandMisused = 2;  // the command line could not be used
@@ -56,6 +57,7 @@ struct CompareOptions {
   CommonOptions common;
   std::vector<std::wstring> old_keys;  // other keys by which older releases may be signed
   std::wstring new_release;
+  bool unsigned_release = false;  // the new one has no signature yet, and what it says is believed
   std::vector<std::wstring> old_releases;
 };
 // Finds out whether players with each of the older releases can install the new one, and what it costs them.
@@ -72,7 +74,7 @@ struct KeyOptions {
   std::wstring key;
   std::wstring out;
 };
-// Makes the directory `out` with the public key as a PEM file and as a C header.
+// Writes the public key into the existing directory `out`, as a PEM file and as a C header.
 [[nodiscard]] int ExportKey(const KeyOptions& options);
 
 // LoadPublicKey; a failure becomes a finding about the file.

@@ -1,5 +1,7 @@
 #include <algorithm>
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/sha256.h"
@@ -11,6 +13,7 @@
 #include "publisher/path_room.h"
 #include "publisher/release_check.h"
 #include "publisher/release_comparison.h"
+#include "publisher/release_verification.h"
 #include "storage/client_root.h"
 #include "storage/update_layout.h"
 
@@ -20,6 +23,7 @@ namespace {
 constexpr wchar_t kOtherKey[] = L" Name the public half of the key that signed it with --key.";
 constexpr wchar_t kOtherOldKey[] =
     L" If it was signed with an earlier key, name the public half of that one with --old-key.";
+constexpr wchar_t kUnsigned[] = L" (not signed yet)";
 constexpr wchar_t kNoWayToKey[] =
     L"is signed with another key, and its client does not hold the new one: it would take the new release "
     L"for a forgery. First publish a release that is signed with the old key and whose client holds both, "
@@ -37,23 +41,45 @@ struct OldRelease {
 // Loads and verifies an older release: with the new one's key, or else with one of the older ones.
 bool LoadOldRelease(const std::wstring& directory, const PublicKey& key,
                     const std::vector<PublicKey>& old_keys, OldRelease& old, Findings& findings) {
-  SignedManifest loaded;
-  UpdateError error;
-  const SignedPairPaths pair = SignedPairIn(directory);
-  if (LoadSignedManifest(pair, key.blob, loaded, error)) {
-    old.manifest = std::move(loaded.manifest);
-    return true;
-  }
-  for (const PublicKey& old_key : old_keys) {
-    UpdateError unreported;
-    if (LoadSignedManifest(pair, old_key.blob, loaded, unreported)) {
+  std::vector<const PublicKey*> keys = {&key};
+  std::transform(old_keys.begin(), old_keys.end(), std::back_inserter(keys),
+                 [](const PublicKey& old_key) { return &old_key; });
+  std::wstring reason;
+  for (const PublicKey* const tried : keys) {
+    SignedManifest loaded;
+    UpdateError error;
+    if (LoadSignedManifest(SignedPairIn(directory), tried->blob, loaded, error)) {
       old.manifest = std::move(loaded.manifest);
-      old.keys = KeyChange::kOtherKey;
+      old.keys = tried == &key ? KeyChange::kSameKey : KeyChange::kOtherKey;
       return true;
     }
+    reason = error.Message();
+    if (!IsSignatureRefused(loaded, *tried)) {
+      findings.AddError(directory, reason);  // no other key would help
+      return false;
+    }
   }
-  findings.AddError(directory, error.Message() + kOtherOldKey);
+  findings.AddError(directory, reason + kOtherOldKey);
   return false;
+}
+
+// Loads the new release: verified, or believed when it is said to have no signature yet.
+bool LoadNewRelease(const CompareOptions& options, const PublicKey& key, Manifest& manifest,
+                    Findings& findings) {
+  SignedManifest release;
+  UpdateError error;
+  const SignedPairPaths pair = SignedPairIn(options.new_release);
+  const bool loaded = options.unsigned_release
+                          ? ReadWholeFile(pair.manifest, kManifestSizeLimit, release.manifest_bytes, error) &&
+                                ParseManifest(release.manifest_bytes, release.manifest, error)
+                          : LoadSignedManifest(pair, key.blob, release, error);
+  if (!loaded) {
+    const bool is_refused = !options.unsigned_release && IsSignatureRefused(release, key);
+    findings.AddError(options.new_release, error.Message() + (is_refused ? kOtherKey : L""));
+    return false;
+  }
+  manifest = std::move(release.manifest);
+  return true;
 }
 
 // A client can follow a change of keys only if it holds the new key already.
@@ -106,8 +132,10 @@ void WriteUpdate(const Manifest& old, const ReleaseComparison& update, JsonWrite
 // Compares with each older release. Returns the text of the result; `json` is inside the document's object.
 std::wstring CompareWithAll(const CompareOptions& options, const Manifest& new_manifest, const PublicKey& key,
                             const std::vector<PublicKey>& old_keys, JsonWriter& json, Findings& findings) {
-  std::wstring text = L"OK " + Describe(new_manifest);
+  std::wstring text = L"OK " + Describe(new_manifest) + (options.unsigned_release ? kUnsigned : L"");
   WriteDescription(new_manifest, json);
+  json.Key(L"signed");
+  json.Bool(!options.unsigned_release);
   json.Key(L"longestClientDirectory");
   json.Number(LongestClientDirectory(new_manifest));
   json.Key(L"updates");
@@ -144,12 +172,9 @@ int CompareReleases(const CompareOptions& options) {
   json.Key(L"command");
   json.String(L"compare");
   std::wstring text;
-  SignedManifest release;
-  UpdateError error;
-  if (has_keys && !LoadSignedManifest(SignedPairIn(options.new_release), key.blob, release, error)) {
-    findings.AddError(options.new_release, error.Message() + kOtherKey);
-  } else if (has_keys) {
-    text = CompareWithAll(options, release.manifest, key, old_keys, json, findings);
+  Manifest new_manifest;
+  if (has_keys && LoadNewRelease(options, key, new_manifest, findings)) {
+    text = CompareWithAll(options, new_manifest, key, old_keys, json, findings);
   }
   return Conclude(options.common, findings, text, &json);
 }

@@ -10,6 +10,11 @@
 namespace talvex {
 namespace {
 
+// A console takes only so much at once: older ones fail above 64 KiB.
+constexpr std::size_t kConsolePiece = 8'192;  // UTF-16 code units
+
+bool has_lost_output = false;
+
 HANDLE HandleOf(Stream stream) {
   return GetStdHandle(stream == Stream::kOutput ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE);
 }
@@ -43,18 +48,37 @@ std::wstring Displayable(std::wstring_view line) {
   return shown + L"\r\n";
 }
 
+void WriteToConsole(HANDLE console, std::wstring_view text) {
+  while (!text.empty()) {
+    const std::wstring_view piece = text.substr(0, kConsolePiece);
+    DWORD written = 0;
+    if (!WriteConsoleW(console, piece.data(), static_cast<DWORD>(piece.size()), &written, nullptr) ||
+        written == 0) {
+      has_lost_output = true;
+      return;
+    }
+    text.remove_prefix(written);
+  }
+}
+
 }  // namespace
 
 void WriteLine(Stream stream, std::wstring_view line) {
   const HANDLE output = HandleOf(stream);
+  if (output == nullptr || output == INVALID_HANDLE_VALUE) {
+    return;  // started without standard handles
+  }
   const std::wstring shown = Displayable(line);
-  DWORD written = 0;
   if (IsConsole(stream)) {
-    WriteConsoleW(output, shown.data(), static_cast<DWORD>(shown.size()), &written, nullptr);
+    WriteToConsole(output, shown);
     return;
   }
   const std::string utf8 = WideToUtf8(shown);
-  WriteFile(output, utf8.data(), static_cast<DWORD>(utf8.size()), &written, nullptr);
+  DWORD written = 0;
+  if (!WriteFile(output, utf8.data(), static_cast<DWORD>(utf8.size()), &written, nullptr) ||
+      written != utf8.size()) {
+    has_lost_output = true;
+  }
 }
 
 void WriteLines(Stream stream, std::wstring_view text) {
@@ -63,6 +87,10 @@ void WriteLines(Stream stream, std::wstring_view text) {
     text.remove_prefix(end + 1);
   }
   WriteLine(stream, text);
+}
+
+bool HasLostOutput() {
+  return has_lost_output;
 }
 
 bool IsConsole(Stream stream) {

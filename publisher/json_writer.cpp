@@ -26,11 +26,6 @@ void JsonWriter::Bool(bool value) {
   text_ += value ? L"true" : L"false";
 }
 
-void JsonWriter::Null() {
-  SeparateFromLast();
-  text_ += L"null";
-}
-
 void JsonWriter::Begin(wchar_t bracket) {
   SeparateFromLast();
   text_ += bracket;

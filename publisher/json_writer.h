@@ -20,7 +20,6 @@ class JsonWriter {
   void String(std::wstring_view value);
   void Number(std::uint64_t value);  // up to 2^53; readers round larger ones
   void Bool(bool value);
-  void Null();
 
   [[nodiscard]] const std::wstring& Text() const { return text_; }
 

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -33,7 +34,8 @@ constexpr char kAbout[] =
     "  openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:3072 -aes256 -out private.pem\n"
     "  openssl pkey -in private.pem -pubout -out public.pem";
 constexpr char kExitCodes[] =
-    "Exit codes: 0 done; 1 refused, and nothing was written; 2 the command line cannot be used.\n"
+    "Exit codes: 0 done; 1 refused, and nothing was written, or done, but the result could not be printed;\n"
+    "2 the command line cannot be used.\n"
     "TalvexPublish.exe COMMAND --help tells more about a command.";
 
 constexpr char kUnknownWord[] = "There is no such command or option: ";
@@ -83,7 +85,7 @@ void AddChecks(CLI::App* command, CommonOptions& options) {
   AddKey(command, options);
   AddClientKeyElsewhere(command, options);
   command->add_flag("--allow-development", options.allowances.development,
-                    "The helper may trust a development key: not for players");
+                    "The programs may trust a development key: not for players");
   AddAllowWarnings(command, options);
 }
 
@@ -99,6 +101,8 @@ class CommandLine {
   CommandLine() {
     app_.footer(kExitCodes);
     app_.require_subcommand(1);
+    // Inherited by the subcommands that follow: /srv/release is a path, and no option.
+    app_.allow_windows_style_options(false);
     app_.set_version_flag("--version", TALVEX_VERSION);
     AddRelease();
     AddFinish();
@@ -200,7 +204,10 @@ class CommandLine {
                                                         "Public key that signed some of the older releases")
         ->type_name("FILE")
         ->expected(1)
+        ->allow_extra_args(false)  // an older release may follow
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    command->add_flag("--unsigned", compare_.unsigned_release,
+                      "NEW has no signature yet: find out before the key signs it");
     AddClientKeyElsewhere(command, compare_.common);
     AddAllowWarnings(command, compare_.common);
     AddJson(command, compare_.common);
@@ -245,7 +252,8 @@ int RunPublisher(int count, wchar_t* const* words) {
       return kCommandMisused;
     }
   }
-  return CommandLine().Run(std::move(arguments));
+  const int exit_code = CommandLine().Run(std::move(arguments));
+  return exit_code == kCommandDone && HasLostOutput() ? kCommandRefused : exit_code;
 }
 
 }  // namespace

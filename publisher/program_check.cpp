@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,7 @@ constexpr std::uint16_t kManifestType = 24;  // RT_MANIFEST
 constexpr std::uint16_t kVersionType = 16;   // RT_VERSION
 constexpr std::uint16_t kProgramId = 1;      // CREATEPROCESS_MANIFEST_RESOURCE_ID, VS_VERSION_INFO
 
-// In the helper's version resource (app/TalvexUpdateHelper.rc.in), and only if its key is a development key.
+// In a program's version resource (cmake/version_resource.cmake), and only if its key is a development key.
 constexpr wchar_t kDevelopmentMark[] = L"Trusts a development key";
 
 // Windows takes a 32-bit program for an installer if one of these is in its name or version resource, and its
@@ -115,9 +116,12 @@ void CheckElevation(std::wstring_view subject, const ProgramImage& image, Findin
   }
 }
 
-bool IsDevelopmentBuild(const ProgramImage& image) {
-  return LowerCaseText(image.Resource(kVersionType, kProgramId)).find(FoldAsciiCase(kDevelopmentMark)) !=
-         std::wstring::npos;
+void CheckDevelopmentKey(std::wstring_view subject, const ProgramImage& image,
+                         const ProgramAllowances& allowances, Findings& findings) {
+  const std::wstring names = LowerCaseText(image.Resource(kVersionType, kProgramId));
+  if (!allowances.development && names.find(FoldAsciiCase(kDevelopmentMark)) != std::wstring::npos) {
+    findings.AddError(subject, kDevelopmentKey);
+  }
 }
 
 }  // namespace
@@ -133,9 +137,7 @@ void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> by
     findings.AddError(subject, kNotX86);
   }
   CheckElevation(subject, image, findings);
-  if (!allowances.development && IsDevelopmentBuild(image)) {
-    findings.AddError(subject, kDevelopmentKey);
-  }
+  CheckDevelopmentKey(subject, image, allowances, findings);
   const auto trusted = FindKeyBlobs(bytes, key);
   if (trusted.size() > 1) {
     findings.AddError(subject, kTrustsTwoKeys);
@@ -152,6 +154,7 @@ void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> by
     return;
   }
   CheckElevation(subject, image, findings);
+  CheckDevelopmentKey(subject, image, allowances, findings);
   if (!allowances.client_key_elsewhere && !HoldsKey(bytes, key)) {
     findings.AddError(subject, kClientLacksKey);
   }

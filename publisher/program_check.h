@@ -14,7 +14,7 @@ namespace talvex {
 
 // What the release engineer declares to be meant.
 struct ProgramAllowances {
-  bool development = false;           // a helper that trusts a development key
+  bool development = false;           // programs that trust a development key
   bool client_key_elsewhere = false;  // the client reads its keys from another place than its program file
 };
 
@@ -25,7 +25,7 @@ void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> by
                         const ProgramAllowances& allowances, Findings& findings);
 
 // Checks that of the client: Windows can start it, without elevation and without redirecting what it writes
-// (a warning). It must hold `key`, unless that is declared to be elsewhere: without it, it could neither
+// (a warning); it is no development build. It must hold `key`, unless that is declared to be elsewhere: without it, it could neither
 // verify the next release nor start a rollback.
 void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> bytes, const PublicKey& key,
                         const ProgramAllowances& allowances, Findings& findings);

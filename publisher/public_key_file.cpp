@@ -18,19 +18,21 @@ constexpr std::uint32_t kPemSizeLimit = 16'384;  // bytes
 constexpr std::string_view kPrivateKeyMark = "PRIVATE KEY-----";
 
 constexpr ULONG kKeyBits = 3072;
-constexpr ULONG kExponentLength = 3;  // bytes; the helper's build embeds no other
+// 65537, big-endian; the helper's build embeds no other.
+constexpr unsigned char kExponent[] = {0x01, 0x00, 0x01};
 
 constexpr wchar_t kPrivateKey[] = L"The file holds a private key. Give this program the public half only.";
 constexpr wchar_t kNotRsa3072[] = L"The public key does not have 3072 bits and the exponent 65537.";
 
 bool IsRsa3072(const ByteBuffer& blob) {
   BCRYPT_RSAKEY_BLOB header{};
-  if (blob.size() < sizeof(header)) {
+  if (blob.size() < sizeof(header) + sizeof(kExponent)) {
     return false;
   }
   std::memcpy(&header, blob.data(), sizeof(header));
   return header.Magic == BCRYPT_RSAPUBLIC_MAGIC && header.BitLength == kKeyBits &&
-         header.cbPublicExp == kExponentLength;
+         header.cbPublicExp == sizeof(kExponent) &&
+         std::memcmp(blob.data() + sizeof(header), kExponent, sizeof(kExponent)) == 0;
 }
 
 }  // namespace

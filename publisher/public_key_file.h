@@ -22,8 +22,8 @@ struct PublicKey {
   std::string base64;  // of the SubjectPublicKeyInfo, without line breaks
 };
 
-// Reads the public key in the PEM file at `path`: RSA-3072 with a public exponent of three bytes, as the
-// helper's build demands. After a failure `key` must not be used. Messages: those of ReadWholeFile and
+// Reads the public key in the PEM file at `path`: RSA-3072 with the exponent 65537, as the helper's
+// build demands. After a failure `key` must not be used. Messages: those of ReadWholeFile and
 // DecodePublicKeyPem, and
 //   "The file holds a private key. Give this program the public half only."
 //   "The public key does not have 3072 bits and the exponent 65537."

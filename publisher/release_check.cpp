@@ -19,8 +19,13 @@ constexpr std::uint64_t kMaxRoomySequence = std::numeric_limits<std::uint64_t>::
 // characters.
 constexpr std::size_t kMinRoomForClientDirectory = 60;
 
+// After a program's name: the file beside it that may say what Windows is to start it with.
+constexpr wchar_t kManifestSuffix[] = L".manifest";
+
 constexpr wchar_t kMissing[] = L"is missing from the top of the release. The helper cannot install it.";
 constexpr wchar_t kMisspelled[] = L"has to be spelled exactly so; the release has it as ";
+constexpr wchar_t kProgramManifest[] =
+    L"is a manifest that Windows may obey in place of the program's own, which was checked. Leave it out.";
 constexpr wchar_t kLastSequence[] =
     L"is the last one there is: no client could ever update again. Take a lower one.";
 constexpr wchar_t kHugeSequence[] =
@@ -62,6 +67,10 @@ ByteBuffer* BufferFor(const ManifestEntry& entry, ReleasePrograms& programs) {
 void CheckManifest(const Manifest& manifest, Findings& findings) {
   for (const wchar_t* const name : {kClientFileName, kHelperFileName}) {
     CheckName(manifest, name, findings);
+    const std::wstring beside = std::wstring(name) + kManifestSuffix;
+    if (FindManifestEntryIgnoringCase(manifest, beside) != nullptr) {
+      findings.AddError(beside, kProgramManifest);
+    }
   }
   if (manifest.sequence == std::numeric_limits<std::uint64_t>::max()) {
     findings.AddError(SequenceText(manifest), kLastSequence);

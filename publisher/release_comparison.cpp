@@ -1,5 +1,6 @@
 #include "publisher/release_comparison.h"
 
+#include <algorithm>
 #include <limits>
 #include <set>
 #include <string>

@@ -16,7 +16,6 @@
 #include "publisher/path_room.h"
 #include "storage/client_root.h"
 #include "storage/directory_listing.h"
-#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
@@ -34,14 +33,6 @@ constexpr wchar_t kSameButCase[] =
     L"differs from another path only in the case of letters, and is the same file to Windows. Rename one.";
 constexpr wchar_t kRename[] = L" Rename it.";
 constexpr wchar_t kListingFailed[] = L"Could not list ";
-
-// A client directory that was updated before contains the updater's records; they belong to no release.
-bool IsUpdatersOwn(std::wstring_view name) {
-  const std::wstring folded = FoldAsciiCase(name);
-  return folded.starts_with(FoldAsciiCase(kInstalledStateFileName)) ||
-         folded.starts_with(FoldAsciiCase(kFailureMarkerFileName)) || folded == kWorkDirectoryName ||
-         folded == kCacheDirectoryName;
-}
 
 // The reason why the file cannot be part of a release; empty when it can.
 std::wstring_view CheckFile(const std::wstring& full_path, std::uint64_t& size) {
@@ -89,7 +80,8 @@ class TreeWalk {
 
  private:
   bool TakeEntry(const DirectoryListing& listing, const std::wstring& path, UpdateError& error) {
-    if (IsUpdatersOwn(path)) {
+    // A client directory that was updated before contains the updater's records; they belong to no release.
+    if (TargetsUpdaterState(path)) {
       tree_.skipped.push_back(path);
       return true;
     }

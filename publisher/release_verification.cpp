@@ -4,6 +4,7 @@
 #include <map>
 #include <string_view>
 
+#include "core/manifest_signature.h"
 #include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
@@ -98,6 +99,12 @@ void VerifyFiles(const std::wstring& files_directory, const Manifest& manifest, 
 
 }  // namespace
 
+bool IsSignatureRefused(const SignedManifest& read, const PublicKey& key) {
+  UpdateError unreported;
+  return !read.manifest_bytes.empty() &&
+         !VerifyManifestSignature(read.manifest_bytes, read.signature, key.blob, unreported);
+}
+
 void VerifyRelease(const SignedPairPaths& pair, const std::wstring& files_directory, const PublicKey& key,
                    const ProgramAllowances& allowances, SignedManifest& release, Findings& findings) {
   release = {};
@@ -107,7 +114,8 @@ void VerifyRelease(const SignedPairPaths& pair, const std::wstring& files_direct
     return;
   }
   if (!VerifySignedManifest(release.manifest_bytes, release.signature, key.blob, release.manifest, error)) {
-    findings.AddError(pair.manifest, error.Message() + kSignedByOther);
+    findings.AddError(pair.manifest,
+                      error.Message() + (IsSignatureRefused(release, key) ? kSignedByOther : L""));
     release = {};  // nothing of it is trusted
     return;
   }

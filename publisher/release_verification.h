@@ -12,6 +12,10 @@
 
 namespace talvex {
 
+// Whether `read`, with which LoadSignedManifest or one of its steps has failed, was refused for its signature:
+// both files could be read, and `key` has not signed the manifest.
+[[nodiscard]] bool IsSignatureRefused(const SignedManifest& read, const PublicKey& key);
+
 // Verifies the signed pair `pair` with `key`, every file below `files_directory` against the manifest, that
 // nothing else is there, and then what release_check.h checks. Each file is read once. Everything that is
 // wrong is among `findings`; nothing is parsed or read before the signature has been verified, so a wrong one

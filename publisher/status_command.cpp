@@ -1,12 +1,14 @@
+#include <windows.h>
+
 #include <string>
 
+#include "client/client_layout.h"
 #include "core/regular_file.h"
 #include "core/text_encoding.h"
-#include "core/whole_file.h"
+#include "formats/failure_marker.h"
 #include "formats/managed_file.h"
 #include "formats/rollback_journal.h"
 #include "formats/signed_manifest.h"
-#include "formats/text_lines.h"
 #include "formats/verified_cache.h"
 #include "publisher/commands.h"
 #include "publisher/console.h"
@@ -32,6 +34,13 @@ constexpr wchar_t kUnsettled[] =
     L"it back.";
 constexpr wchar_t kJournalDamaged[] = L" The update cannot be rolled back; install the release again.";
 constexpr wchar_t kStage[] = L"is left of an update that was not finished. The next update removes it.";
+constexpr wchar_t kUnfinishedRepair[] =
+    L"says that files were found damaged, and have not been found whole since. Start the client: it looks "
+    L"again, and an update repairs them.";
+constexpr wchar_t kInUse[] =
+    L"is held by a client or helper that is running, and may be changing what was looked at. Close the game "
+    L"first.";
+constexpr wchar_t kListingFailed[] = L"Could not list the directory";
 constexpr wchar_t kFailedRelease[] =
     L"Rolled back earlier, and not installed again: the release with manifest-sha256 ";
 
@@ -70,6 +79,24 @@ void CompareFiles(const std::wstring& root, const Manifest& manifest, Findings& 
   }
 }
 
+void LookForStages(const std::wstring& root, Findings& findings) {
+  const std::wstring directory = WorkDirectory(root);
+  if (!MayExist(directory)) {
+    return;
+  }
+  DirectoryListing listing(directory);
+  for (; listing.AtEntry(); listing.Advance()) {
+    if (listing.Name() != kPreviousDirectoryName) {
+      findings.AddWarning(JoinPath(WorkDirectory(L""), listing.Name()), kStage);
+    }
+  }
+  const DWORD code = listing.OpenError() != ERROR_SUCCESS ? listing.OpenError() : listing.EndError();
+  UpdateError error;
+  if (code != ERROR_SUCCESS && !RefuseWithWindowsError(error, kListingFailed, code)) {
+    findings.AddError(WorkDirectory(L""), error.Message());
+  }
+}
+
 void LookForUnsettledWork(const std::wstring& root, Findings& findings) {
   const std::wstring journal_path = RollbackJournalPath(PreviousDirectory(root));
   if (MayExist(journal_path)) {
@@ -82,24 +109,16 @@ void LookForUnsettledWork(const std::wstring& root, Findings& findings) {
       findings.AddError(name, error.Message() + kJournalDamaged);
     }
   }
-  for (DirectoryListing listing(WorkDirectory(root)); listing.AtEntry(); listing.Advance()) {
-    if (listing.Name() != kPreviousDirectoryName) {
-      findings.AddWarning(JoinPath(WorkDirectory(L""), listing.Name()), kStage);
+  LookForStages(root, findings);
+  const struct {
+    std::wstring name;
+    const wchar_t* meaning;
+  } notes[] = {{client::DamagedNotePath(L""), kUnfinishedRepair}, {client::LockPath(L""), kInUse}};
+  for (const auto& note : notes) {
+    if (MayExist(JoinPath(root, note.name))) {
+      findings.AddWarning(note.name, note.meaning);
     }
   }
-}
-
-// The digest in the failure marker; empty when there is none.
-std::wstring FailedRelease(const std::wstring& root) {
-  ByteBuffer marker;
-  UpdateError unreported;
-  Sha256Digest digest;
-  constexpr std::uint32_t kMarkerSize = kDigestHexLength + 1;  // bytes; an LF ends it
-  if (!ReadWholeFile(FailureMarkerPath(root), kMarkerSize, marker, unreported) ||
-      !ParseHexDigest(AsText(marker).substr(0, kDigestHexLength), digest)) {
-    return {};
-  }
-  return DigestToHex(digest);
 }
 
 }  // namespace
@@ -128,13 +147,14 @@ int ShowStatus(const StatusOptions& options) {
   }
   LookForUnsettledWork(root, findings);
   // No finding: the marker stays for good, also when a newer release is installed.
-  const std::wstring failed = FailedRelease(root);
-  if (!failed.empty()) {
+  Sha256Digest failed;
+  const bool has_failed = LoadFailureMarker(root, failed);
+  if (has_failed) {
     json.Key(L"failedManifestSha256");
-    json.String(failed);
+    json.String(DigestToHex(failed));
   }
-  if (!failed.empty() && !options.common.json) {
-    WriteLine(Stream::kOutput, kFailedRelease + failed);
+  if (has_failed && !options.common.json) {
+    WriteLine(Stream::kOutput, kFailedRelease + DigestToHex(failed));
   }
   return Conclude(options.common, findings, kAllIsWell, &json);
 }

@@ -189,6 +189,9 @@ struct Mistake {
 const Mistake kMistakes[] = {
     {"OK release=2.0 sequence=20 files=3"},
     {"TalvexUpdateHelper.exe: was built with a development key", {}, {}, {}},
+    {"error: Talvex.exe: was built with a development key", {}, {}, {}},
+    {"Talvex.exe.manifest: is a manifest that Windows may obey", {{"talvex.exe.manifest", "1"}}},
+    {"Helper.exe.manifest: is a manifest that", {{"TalvexUpdateHelper.exe.manifest", "1"}}},
     {"Helper.exe: trusts another key", {{kHelperName, TrustingOther(kHelper)}}},
     {"Helper.exe: holds more than one key",
      {{kHelperName, kHelper + kHelper.substr(kHelper.find(ModulusOf(kSigningKey)) - 27, 411)}}},
@@ -300,9 +303,25 @@ TEST_F(Publisher, NamesWhatKeepsPlayersFromUpdating) {
     Write(new_release, {}, directory + L"new");
     Write(old_release, {{kClientName, old_release.files[kClientName]}}, directory + L"old",
           step.old_signing_key);
-    Publish({L"compare", directory + L"new", directory + L"old", L"--key", kKey, L"--old-key", kOtherKey},
+    Publish({L"compare", directory + L"new", L"--old-key", kOtherKey, directory + L"old", L"--key", kKey},
             step.sentence.starts_with("OK") ? 0 : 1, {step.sentence});
   }
+}
+
+TEST_F(Publisher, ComparesBeforeTheKeySigns) {
+  TestRelease old_release = GoodRelease();
+  old_release.sequence = 19;
+  old_release.name = "1.9";
+  Write(old_release, {}, scratch / L"old");
+  Write(GoodRelease(), {}, out);
+  DeleteFileW((out + L"\\manifest.sig").c_str());
+  Words words = {L"compare", out, scratch / L"old", L"--key", kKey};
+  const std::string said = Publish(words, 1, {"Could not open file: "});
+  EXPECT_EQ(said.find("Name the public half"), std::string::npos) << "the key is not what is wrong";
+  words.push_back(L"--unsigned");
+  Publish(words, 0, {"OK release=2.0 sequence=20 files=3 (not signed yet)\r\nfrom release=1.9"});
+  WriteTestFile(scratch / L"old\\manifest.sig", "no signature");
+  Publish(words, 1, {"If it was signed with an earlier key, name"});
 }
 
 TEST_F(Publisher, TellsTheStatusOfAClientDirectory) {
@@ -315,17 +334,22 @@ TEST_F(Publisher, TellsTheStatusOfAClientDirectory) {
   WriteTestFile(client + L"\\.talvex-update\\previous\\rollback.journal", "cut");
   MakeTestDirectory(client + L"\\.talvex-update\\stage");
   WriteTestFile(client + L"\\TalvexUpdateFailure.dat", HexDigestOf("failed") + "\n");
+  WriteTestFile(client + L"\\.talvex-update~damaged", "");
   Publish(
       words, 1,
       {"data\\X.bin: is not the file of the installed release.", "Talvex.exe: is missing.",
        "previous\\rollback.journal: The update rollback journal has an invalid encoding. The update cannot",
-       ".talvex-update\\stage: is left of an update",
+       ".talvex-update\\stage: is left of an update", ".talvex-update~damaged: says that files",
        "the release with manifest-sha256 " + HexDigestOf("failed")});
   WriteTestFile(client + L"\\.talvex-update-cache\\manifest.sig", "no signature");
   Publish(words, 1,
           {".talvex-update-cache: The update key or signature does not use RSA-3072. No installed"});
   DeleteFileW((client + L"\\TalvexUpdateState.dat").c_str());
   Publish(words, 1, {"TalvexUpdateState.dat: is missing: no update was ever finished here."});
+  const std::wstring other = scratch / L"other";
+  InstallTestRelease(release, other);
+  WriteTestFile(other + L"\\.talvex-update", "no directory");
+  Publish({L"status", other, L"--key", kKey}, 1, {".talvex-update: Could not list the directory"});
 }
 
 TEST_F(Publisher, ExportsThePublicKeyAndNoOther) {
@@ -359,6 +383,7 @@ TEST_F(Publisher, TellsWhatIsWrongWithACommandLine) {
       {{L"publish"}, "There is no such command or option: publish"},
       {{L"verify", out}, "--key is required"},
       {{L"verify", out, L"--kee", kKey}, "There is no such command or option: --kee"},
+      {{L"verify", L"/srv/release", L"--key", kKey}, "/srv/release: ", 1},
       {{L"release", client, L"--out", out, L"--key", kKey, L"--sequence=0", L"--name=1"},
        "--sequence: needs a"},
       {{L"release", client, L"--out", out, L"--key", kKey, L"--sequence=1", L"--name=1."},

@@ -2,22 +2,32 @@
 # Publishes a client directory as a signed release, on Linux, for teams whose key is on that machine:
 #
 #   tools/publish.sh CLIENT_DIR RELEASE_DIR --release ID --sequence N --key PRIVATE.pem
-#     [--public-key PUBLIC.pem] [--old RELEASE_DIR]... [--allow-development] [--allow-warnings]
-#     [--client-key-elsewhere]
+#     [--public-key PUBLIC.pem] [--old RELEASE_DIR]... [--old-key PUBLIC.pem]... [--allow-development]
+#     [--allow-warnings] [--client-key-elsewhere]
 #
 # makes RELEASE_DIR, which must not exist yet, with manifest.txt, manifest.sig and the described files in
 # files/. The public key is taken from the private one unless it is given. With --old, players with that release
-# must be able to install this one. Needs a build (build/mingw-release, or the folder that TALVEX_BUILD names),
-# Wine and openssl, and room for a copy of the client below TMPDIR (/tmp). Windows programs run in the Wine of
-# the environment, or in that of tools/wine.sh when TALVEX_WINE_FOLDER names its folder.
+# must be able to install this one; --old-key names a key that signed some of them. Needs TalvexPublish.exe
+# (beside this script, in build/mingw-release, or in the folder that TALVEX_BUILD names), Wine and openssl, and
+# room for two copies of the client below TMPDIR (/tmp). Windows programs run in the Wine of the environment,
+# or, in a checkout, in that of tools/wine.sh when TALVEX_WINE_FOLDER names its folder.
 set -eu
+unset CDPATH  # cd would print where it has gone, into the paths below
 export LC_ALL=C.UTF-8  # in a locale without UTF-8, Wine cannot find folders with names beyond ASCII
 
-root=$(cd "$(dirname "$0")/.." && pwd)
-build=${TALVEX_BUILD:-$root/build/mingw-release}
+here=$(cd -- "$(dirname -- "$0")" && pwd)
+root=$(dirname -- "$here")
+build=$root/build/mingw-release
+[ ! -e "$here/TalvexPublish.exe" ] || build=$here
+build=${TALVEX_BUILD:-$build}
+
+# Names come from the client directory, and must not steer the terminal.
+say() {
+  printf '%s\n' "$*" | cat -v
+}
 
 fail() {
-  echo "publish: $*" >&2
+  say "publish: $*" >&2
   exit 1
 }
 
@@ -56,7 +66,16 @@ while [ "$left" -gt 0 ]; do
         --sequence) sequence=$2 ;;
         --key) key=$2 ;;
         --public-key) public_key=$2 ;;
-        --old) set -- "$@" "Z:$(realpath -- "$2")" ;;  # in the end, "$@" holds the older releases alone
+        # In the end, "$@" holds what compare is told about the older releases, and nothing else. Assignments
+        # of their own, because a failure within another command would go unnoticed.
+        --old)
+          old=$(realpath -e -- "$2")
+          set -- "$@" "Z:$old"
+          ;;
+        --old-key)
+          old=$(realpath -e -- "$2")
+          set -- "$@" --old-key "Z:$old"
+          ;;
         *) usage ;;
       esac
       shift
@@ -72,15 +91,15 @@ fi
 
 [ -e "$build/TalvexPublish.exe" ] || fail "there is no $build/TalvexPublish.exe: build first"
 [ -d "$client" ] || fail "$client is not a directory"
-[ ! -e "$release" ] || fail "$release exists already; a release is never written over"
-client=$(cd "$client" && pwd)
-mkdir -p "$(dirname "$release")"
-release=$(cd "$(dirname "$release")" && pwd)/$(basename "$release")
-
-# Windows programs see such a link as the file that it points to, and would publish that file.
-links=$(find "$client" -type l)
-[ -z "$links" ] || fail "a release cannot hold symbolic links:
-$links"
+if [ -e "$release" ] || [ -L "$release" ]; then
+  fail "$release exists already; a release is never written over"
+fi
+client=$(realpath -- "$client")
+release=$(realpath -m -- "$release")
+case $release in
+  "$client"/*) fail "$release lies inside the client directory; choose another place" ;;
+esac
+mkdir -p -- "$(dirname -- "$release")"
 
 # Nobody else can reach this folder: a manifest that is exchanged before it is signed would be a release of
 # somebody else's, with our signature.
@@ -88,33 +107,42 @@ umask 077
 private=$(mktemp -d)
 landing=
 clean_up() {
-  rm -rf "$private" ${landing:+"$landing"}
+  rm -rf -- "$private" ${landing:+"$landing"}
 }
 trap clean_up EXIT
 trap 'exit 1' INT TERM HUP
 if [ -n "$public_key" ]; then
-  cp "$public_key" "$private/public.pem"
+  cp -- "$public_key" "$private/public.pem"
 else
   openssl pkey -in "$key" -pubout -out "$private/public.pem"
 fi
 
-# Order: everything is checked before the key is used. What is checked, described and signed is the copy in the
+# Windows programs see a link as the file that it points to, and would publish that file. The copy keeps links,
+# and nobody can put one there after this look.
+cp -RP -- "$client" "$private/client"
+links=$(cd "$private/client" && find . -type l)
+[ -z "$links" ] || fail "a release cannot hold symbolic links:
+$links"
+
+# Order: everything is checked before the key signs. What is checked, described and signed is the copy in the
 # private folder, whatever happens to the client directory meanwhile.
 # shellcheck disable=SC2086 # the options are meant to be split
-publisher release "Z:$client" --out "Z:$private/release" --name "$release_id" --sequence "$sequence" \
+publisher release "Z:$private/client" --out "Z:$private/release" --name "$release_id" --sequence "$sequence" \
   --key "Z:$private/public.pem" $development $allowed
+if [ $# != 0 ]; then
+  # shellcheck disable=SC2086
+  publisher compare "Z:$private/release" "$@" --unsigned --key "Z:$private/public.pem" $allowed
+fi
 openssl dgst -sha256 -sign "$key" -out "$private/manifest.sig" "$private/release/manifest.txt"
 # shellcheck disable=SC2086
 publisher finish "Z:$private/release" --signature "Z:$private/manifest.sig" --key "Z:$private/public.pem" \
   $development $allowed
-if [ $# != 0 ]; then
-  # shellcheck disable=SC2086
-  publisher compare "Z:$private/release" "$@" --key "Z:$private/public.pem" $allowed
-fi
 
 # Whole, or not at all: the move within the target's own file system is one step.
 chmod -R u=rwX,go=rX "$private/release"
 landing=$(mktemp -d "$release.XXXXXX")
-mv "$private/release" "$landing/release"
-mv -T "$landing/release" "$release"
-echo "Published $release"
+mv -T -- "$private/release" "$landing/release"
+mv -T -- "$landing/release" "$release"
+rmdir -- "$landing"
+landing=
+say "Published $release"
