@@ -359,7 +359,7 @@ void BenchPublish() {
                   L"publish release " + client + L" --out " + release + L" --name 1 --sequence 1" + key);
     });
     test::WriteTestFile(release + L"\\manifest.sig",
-                        test::SignWithDevelopmentKey(test::ReadTestFile(release + L"\\manifest.txt")));
+                        test::SignWithKey(test::ReadTestFile(release + L"\\manifest.txt")));
     measure(best.hashing, [&] { hash_all(release + L"\\files"); });
     measure(best.verifying, [&] { TimeProgram(program, L"publish verify " + release + key); });
     test::RemoveTestTree(release);
