@@ -10,7 +10,6 @@
 #include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "formats/apply_plan.h"
-#include "formats/rollback_journal.h"
 #include "formats/text_lines.h"
 #include "storage/client_root.h"
 #include "storage/update_layout.h"
@@ -21,8 +20,6 @@ namespace {
 // For what is not a client file: the helper and its copy, manifests, plan and journal.
 constexpr std::uint64_t kSpareBytes = 16'777'216;
 constexpr std::uint64_t kBytesPerMiB = 1'048'576;
-
-constexpr wchar_t kTooManyChanges[] = L"This update changes too many files at once.";
 
 // The size of the file at `path` in bytes; 0 when there is none.
 std::uint64_t SizeOf(const std::wstring& path) {
@@ -63,8 +60,8 @@ talvex_result Staging::NextFile(MissingFile& file, Failure& failure) {
   if (const talvex_result result = Compare(failure); result != TALVEX_OK) {
     return result;
   }
-  for (; next_ < installs_.size(); ++next_) {
-    file.entry = installs_[next_];
+  for (; next_ < changes_.installs.size(); ++next_) {
+    file.entry = changes_.installs[next_];
     if (!LocateInStage(*file.entry, file.destination, failure.error)) {
       return Fail(failure, TALVEX_E_SYSTEM);
     }
@@ -91,11 +88,12 @@ talvex_result Staging::Stage(StagedRelease& staged, Failure& failure) {
     return result;
   }
   next_ = 0;
-  if (installs_.empty() && retires_.empty()) {
+  if (changes_.Empty()) {
     return TALVEX_DONE;
   }
   const ManifestEntry* const helper = FindManifestEntry(offer_.manifest, kHelperFileName);
-  const bool helper_is_staged = std::find(installs_.begin(), installs_.end(), helper) != installs_.end();
+  const bool helper_is_staged =
+      std::find(changes_.installs.begin(), changes_.installs.end(), helper) != changes_.installs.end();
   staged.stage_root = stage_root_;
   staged.helper_path =
       JoinPath(helper_is_staged ? FilesDirectory(stage_root_) : client_root_, kHelperFileName);
@@ -109,11 +107,11 @@ talvex_result Staging::Stage(StagedRelease& staged, Failure& failure) {
 talvex_result Staging::Compare(Failure& failure) {
   if (!is_compared_) {
     FindChanges();
-    const bool has_changes = !installs_.empty() || !retires_.empty();
-    if (!FitIntoOneUpdate()) {
-      return Fail(failure, TALVEX_E_TOO_MANY_CHANGES, kTooManyChanges);
+    if (!FitIntoOneUpdate(offer_.manifest.digest, changes_)) {
+      callbacks_.Log(L"too many changes: retired files stay");
+      KeepRetiredFiles(offer_.manifest, changes_);
     }
-    if (const talvex_result result = has_changes ? Prepare(failure) : TALVEX_OK; result != TALVEX_OK) {
+    if (const talvex_result result = changes_.Empty() ? TALVEX_OK : Prepare(failure); result != TALVEX_OK) {
       return result;
     }
     is_compared_ = true;
@@ -122,45 +120,28 @@ talvex_result Staging::Compare(Failure& failure) {
 }
 
 void Staging::FindChanges() {
-  installs_.clear();
-  retires_.clear();
+  changes_ = {};
   // Only the key that has signed the offer can prove a retired file to the helper, which trusts one key.
   const bool may_retire = installed_.is_proven && installed_.key == offer_.key;
   PhaseProgress progress(callbacks_, TALVEX_PHASE_COMPARE, TotalSize(offer_.manifest));
   UpdateError unreported;
   for (const ManifestEntry& entry : offer_.manifest.entries) {
     if (!IsFileOfRelease(client_root_, entry, progress, unreported)) {
-      installs_.push_back(&entry);
+      changes_.installs.push_back(&entry);
     }
     progress.FinishFile(entry.size);
   }
   for (const ManifestEntry& entry : installed_.manifest.entries) {
     if (may_retire && FindManifestEntryIgnoringCase(offer_.manifest, entry.normalised_path) == nullptr &&
         MayRetire(entry, progress)) {
-      retires_.push_back(&entry);
+      changes_.retires.push_back(&entry);
     }
   }
-  // All files match, but another release or none is recorded: the plan needs at least one row for the helper
-  // to record this one.
-  if (installs_.empty() && retires_.empty() &&
+  // All files match, but another release or none is recorded.
+  if (changes_.Empty() &&
       (!may_retire || !DigestsEqual(installed_.manifest.digest, offer_.manifest.digest))) {
-    installs_.push_back(&*std::ranges::min_element(offer_.manifest.entries, {}, &ManifestEntry::size));
+    InstallSmallestFile(offer_.manifest, changes_);
   }
-}
-
-// Whether plan and journal have room for all changes, if need be without the deletions. What is not deleted
-// stays, and no release manages it any more; but the update goes through.
-bool Staging::FitIntoOneUpdate() {
-  const auto fit = [this] {
-    return FormatApplyPlan(offer_.manifest.digest, installs_, retires_).size() <= kApplyPlanSizeLimit &&
-           JournalHasRoom();
-  };
-  if (fit()) {
-    return true;
-  }
-  callbacks_.Log(L"too many changes: retired files stay");
-  retires_.clear();
-  return fit();
 }
 
 // A retired file that the player changed would make the helper reject the whole update. It is the player's
@@ -198,12 +179,12 @@ bool Staging::MakeStageDirectory(const std::wstring& relative_path, UpdateError&
 // The downloads come to the disk now, and what they replace is copied once more if it has to be restored.
 talvex_result Staging::CheckFreeSpace(Failure& failure) const {
   std::uint64_t needed = kSpareBytes;
-  for (const ManifestEntry* const entry : installs_) {
+  for (const ManifestEntry* const entry : changes_.installs) {
     const std::uint64_t present = SizeOf(JoinPath(FilesDirectory(stage_root_), entry->normalised_path));
     needed += entry->size - std::min(present, entry->size);
     needed += SizeOf(JoinPath(client_root_, entry->normalised_path));
   }
-  for (const ManifestEntry* const entry : retires_) {
+  for (const ManifestEntry* const entry : changes_.retires) {
     needed += entry->size;
   }
   ULARGE_INTEGER available{};
@@ -228,11 +209,11 @@ bool Staging::LocateInStage(const ManifestEntry& entry, std::wstring& path, Upda
 // The helper verifies the files again, but by then the client has exited and cannot fetch them again.
 talvex_result Staging::ProveFiles(Failure& failure) {
   std::uint64_t total = 0;
-  for (const ManifestEntry* const entry : installs_) {
+  for (const ManifestEntry* const entry : changes_.installs) {
     total += entry->size;
   }
   PhaseProgress progress(callbacks_, TALVEX_PHASE_STAGE, total);
-  for (const ManifestEntry* const entry : installs_) {
+  for (const ManifestEntry* const entry : changes_.installs) {
     std::wstring path;
     if (!LocateInStage(*entry, path, failure.error)) {
       return Fail(failure, TALVEX_E_SYSTEM);
@@ -250,7 +231,7 @@ talvex_result Staging::ProveFiles(Failure& failure) {
 
 // Writes the manifest, its signature and the plan, whose rows are checked as the helper will check them.
 talvex_result Staging::WritePlan(StagedRelease& staged, Failure& failure) {
-  const std::string plan = FormatApplyPlan(offer_.manifest.digest, installs_, retires_);
+  const std::string plan = FormatApplyPlan(offer_.manifest.digest, changes_.installs, changes_.retires);
   std::vector<const ManifestEntry*> unused_installs;
   std::vector<const ManifestEntry*> unused_retires;
   const SignedPairPaths pair = SignedPairIn(stage_root_);
@@ -271,24 +252,8 @@ talvex_result Staging::WritePlan(StagedRelease& staged, Failure& failure) {
   return written ? TALVEX_OK : Fail(failure, TALVEX_E_SYSTEM);
 }
 
-// Whether the helper can write the journal of these changes, if there are any.
-bool Staging::JournalHasRoom() const {
-  if (installs_.empty() && retires_.empty()) {
-    return true;
-  }
-  RollbackJournal journal;
-  for (const auto* const entries : {&installs_, &retires_}) {
-    for (const ManifestEntry* const entry : *entries) {
-      journal.entries.push_back({entries == &retires_, true, entry->path, entry->normalised_path});
-    }
-  }
-  std::string text;
-  UpdateError unreported;
-  return FormatRollbackJournal(journal, text, unreported);
-}
-
 void Staging::MakeReplaceable() const {
-  for (const auto* const entries : {&installs_, &retires_}) {
+  for (const auto* const entries : {&changes_.installs, &changes_.retires}) {
     for (const ManifestEntry* const entry : *entries) {
       ClearReadOnly(client_root_, entry->normalised_path);
     }

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "client/callbacks.h"
 #include "client/failure.h"
@@ -18,6 +17,7 @@
 #include "client/installed_release.h"
 #include "core/whole_file.h"
 #include "formats/manifest.h"
+#include "formats/update_changes.h"
 
 namespace talvex::client {
 
@@ -48,7 +48,6 @@ class Staging {
 
   // The next file to download; TALVEX_DONE: no more, and the next call starts over. The first call compares
   // the client directory with the release and makes room. Failures:
-  //   TALVEX_E_TOO_MANY_CHANGES  "This update changes too many files at once."
   //   TALVEX_E_SPACE             "There is not enough room on the disk: " + N + " MiB more are needed."
   //   TALVEX_E_SYSTEM            those of the file operations
   [[nodiscard]] talvex_result NextFile(MissingFile& file, Failure& failure);
@@ -71,8 +70,6 @@ class Staging {
   [[nodiscard]] bool LocateInStage(const ManifestEntry& entry, std::wstring& path, UpdateError& error);
   [[nodiscard]] talvex_result ProveFiles(Failure& failure);
   [[nodiscard]] talvex_result WritePlan(StagedRelease& staged, Failure& failure);
-  [[nodiscard]] bool FitIntoOneUpdate();
-  [[nodiscard]] bool JournalHasRoom() const;
   void MakeReplaceable() const;
 
   const std::wstring& client_root_;
@@ -80,10 +77,9 @@ class Staging {
   const OfferedRelease offer_;
   const InstalledRelease installed_;
 
-  // What turns the client directory into the release; the entries belong to the two manifests.
+  // What turns the client directory into the release.
   bool is_compared_ = false;
-  std::vector<const ManifestEntry*> installs_;  // missing here, or different
-  std::vector<const ManifestEntry*> retires_;   // files of the installed release that the new one lacks
+  UpdateChanges changes_;
   std::wstring stage_root_;
   std::size_t next_ = 0;
 };

@@ -63,13 +63,12 @@ enum {
   TALVEX_E_DAMAGED = 204,         /* why talvex_settle says TALVEX_START_REPAIR */
 
   /* The offered release. */
-  TALVEX_E_UNSIGNED = 300,         /* not signed with any of the trusted keys, or damaged */
-  TALVEX_E_OLDER = 301,            /* older than what is or was installed, or changed under the same number */
-  TALVEX_E_FAILED_BEFORE = 302,    /* was rolled back here; a newer release is needed */
-  TALVEX_E_POSTPONED = 303,        /* installing it failed several times; it is tried again later */
-  TALVEX_E_TOO_MANY_CHANGES = 304, /* one update cannot change so many files */
-  TALVEX_E_FILE = 305,             /* a staged file is missing or wrong; talvex_next_file lists it again */
-  TALVEX_E_NO_HELPER = 306,        /* it has no TalvexUpdateHelper.exe */
+  TALVEX_E_UNSIGNED = 300,      /* not signed with any of the trusted keys, or damaged */
+  TALVEX_E_OLDER = 301,         /* older than what is or was installed, or changed under the same number */
+  TALVEX_E_FAILED_BEFORE = 302, /* was rolled back here; a newer release is needed */
+  TALVEX_E_POSTPONED = 303,     /* installing it failed several times; it is tried again later */
+  TALVEX_E_FILE = 304,          /* a staged file is missing or wrong; talvex_next_file lists it again */
+  TALVEX_E_NO_HELPER = 305,     /* it has no TalvexUpdateHelper.exe */
 
   /* The machine. */
   TALVEX_E_SPACE = 400, /* not enough room on the disk to install and, if need be, to restore */

@@ -60,7 +60,8 @@ struct RollbackJournal {
                                             UpdateError& error);
 
 // Sets `text` to the file text of `journal`, after checking that the parser will accept it; after a failure
-// `text` must not be used. Messages: those of ValidateRelativePath, and
+// `text` must not be used, but its size is right if it is only too large. Messages: those of
+// ValidateRelativePath, and
 //   "The update rollback journal has an invalid file count."
 //   "The update rollback journal contains an unsafe file."      the two forms of an entry's path differ
 //   "The update rollback journal contains a duplicate file."

@@ -20,6 +20,14 @@ bool LoadKey(const std::wstring& path, PublicKey& key, Findings& findings) {
   return true;
 }
 
+bool LoadKeys(const CommonOptions& options, ReleaseKeys& keys, Findings& findings) {
+  bool loaded = LoadKey(options.key, keys.signing, findings);
+  for (const std::wstring& path : options.client_keys) {
+    loaded = LoadKey(path, keys.for_client.emplace_back(), findings) && loaded;
+  }
+  return loaded;
+}
+
 std::wstring ExistingDirectory(const std::wstring& directory, Findings& findings) {
   UpdateError error;
   std::wstring root = ResolveClientRoot(directory, error);

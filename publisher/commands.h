@@ -22,7 +22,8 @@ inline constexpr int kCommandMisused = 2;  // the command line could not be used
 
 // What several commands are told.
 struct CommonOptions {
-  std::wstring key;  // PEM file of the public key
+  std::wstring key;                       // PEM file of the public key that signs the release
+  std::vector<std::wstring> client_keys;  // of further ones that the client has to hold
   ProgramAllowances allowances;
   bool allow_warnings = false;
   bool json = false;
@@ -79,6 +80,9 @@ struct KeyOptions {
 
 // LoadPublicKey; a failure becomes a finding about the file.
 [[nodiscard]] bool LoadKey(const std::wstring& path, PublicKey& key, Findings& findings);
+
+// Loads all keys that `options` name.
+[[nodiscard]] bool LoadKeys(const CommonOptions& options, ReleaseKeys& keys, Findings& findings);
 
 // The absolute form of `directory`, which must be a real directory; otherwise empty, with a finding.
 [[nodiscard]] std::wstring ExistingDirectory(const std::wstring& directory, Findings& findings);

@@ -103,8 +103,8 @@ void CheckClientHoldsKey(const std::wstring& directory, const Manifest& manifest
 std::wstring DescribeUpdate(const Manifest& old, const ReleaseComparison& update) {
   return L"from " + Describe(old) + L": new=" + std::to_wstring(update.added) + L" changed=" +
          std::to_wstring(update.changed) + L" retired=" + std::to_wstring(update.retired) + L" download=" +
-         std::to_wstring(update.download_size) + L" bytes plan=" + std::to_wstring(update.plan_size) +
-         L" at-worst=" + std::to_wstring(std::max(update.worst_plan_size, update.worst_journal_size));
+         std::to_wstring(update.download_size) + L" bytes plan=" + std::to_wstring(update.size.plan) +
+         L" at-worst=" + std::to_wstring(std::max(update.worst_size.plan, update.worst_size.journal));
 }
 
 void WriteUpdate(const Manifest& old, const ReleaseComparison& update, JsonWriter& json) {
@@ -119,9 +119,10 @@ void WriteUpdate(const Manifest& old, const ReleaseComparison& update, JsonWrite
                  {L"changed", update.changed},
                  {L"retired", update.retired},
                  {L"downloadBytes", update.download_size},
-                 {L"planBytes", update.plan_size},
-                 {L"worstPlanBytes", update.worst_plan_size},
-                 {L"worstJournalBytes", update.worst_journal_size}};
+                 {L"planBytes", update.size.plan},
+                 {L"journalBytes", update.size.journal},
+                 {L"worstPlanBytes", update.worst_size.plan},
+                 {L"worstJournalBytes", update.worst_size.journal}};
   for (const auto& number : numbers) {
     json.Key(number.key);
     json.Number(number.value);

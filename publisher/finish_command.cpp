@@ -16,9 +16,9 @@ constexpr wchar_t kMoveFailed[] = L"Could not put the signature in its place";
 
 int FinishRelease(const FinishOptions& options) {
   Findings findings;
-  PublicKey key;
+  ReleaseKeys keys;
   const std::wstring directory = ExistingDirectory(options.directory, findings);
-  if (directory.empty() || !LoadKey(options.common.key, key, findings)) {
+  if (directory.empty() || !LoadKeys(options.common, keys, findings)) {
     return Conclude(options.common, findings, {});
   }
   const SignedPairPaths finished = SignedPairIn(directory);
@@ -27,7 +27,7 @@ int FinishRelease(const FinishOptions& options) {
     return Conclude(options.common, findings, {});
   }
   SignedManifest release;
-  VerifyRelease({finished.manifest, options.signature}, FilesDirectory(directory), key,
+  VerifyRelease({finished.manifest, options.signature}, FilesDirectory(directory), keys,
                 options.common.allowances, release, findings);
   // Order: the signature last, because with it the directory is a release that can be uploaded.
   UpdateError error;

@@ -66,6 +66,15 @@ void AddKey(CLI::App* command, CommonOptions& options) {
       ->type_name("FILE");
 }
 
+// An option that may be given several times.
+void AddFiles(CLI::App* command, const char* name, std::vector<std::wstring>& files, const char* meaning) {
+  command->add_option_function<std::vector<std::string>>(name, Into(files), meaning)
+      ->type_name("FILE")
+      ->expected(1)
+      ->allow_extra_args(false)  // an operand may follow
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
 void AddJson(CLI::App* command, CommonOptions& options) {
   command->add_flag("--json", options.json, "Write the result as one JSON object");
 }
@@ -83,6 +92,8 @@ void AddClientKeyElsewhere(CLI::App* command, CommonOptions& options) {
 // What the commands that check a release have in common.
 void AddChecks(CLI::App* command, CommonOptions& options) {
   AddKey(command, options);
+  AddFiles(command, "--client-key", options.client_keys,
+           "Another public key that Talvex.exe has to hold, for a change of keys");
   AddClientKeyElsewhere(command, options);
   command->add_flag("--allow-development", options.allowances.development,
                     "The programs may trust a development key: not for players");
@@ -199,13 +210,7 @@ class CommandLine {
                                                         "Directories of older releases that players may have")
         ->required();
     AddKey(command, compare_.common);
-    command
-        ->add_option_function<std::vector<std::string>>("--old-key", Into(compare_.old_keys),
-                                                        "Public key that signed some of the older releases")
-        ->type_name("FILE")
-        ->expected(1)
-        ->allow_extra_args(false)  // an older release may follow
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    AddFiles(command, "--old-key", compare_.old_keys, "Public key that signed some of the older releases");
     command->add_flag("--unsigned", compare_.unsigned_release,
                       "NEW has no signature yet: find out before the key signs it");
     AddClientKeyElsewhere(command, compare_.common);

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <iterator>
 #include <string>
-#include <vector>
 
 #include "core/ascii_case.h"
 #include "core/text_encoding.h"
@@ -54,6 +53,9 @@ constexpr wchar_t kClientLacksKey[] =
     L"does not hold the key that this release is signed with, so it could verify no later release and start "
     L"no rollback. Build it with this key, or declare with --client-key-elsewhere that it reads the key "
     L"from another file.";
+
+constexpr wchar_t kClientLacksOtherKey[] =
+    L"could follow no release that is signed with the other key, because it does not hold ";
 
 // Removes the comments of an XML text: they may name what the manifest does not ask for.
 std::string WithoutComments(std::string_view xml) {
@@ -126,7 +128,7 @@ void CheckDevelopmentKey(std::wstring_view subject, const ProgramImage& image,
 
 }  // namespace
 
-void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> bytes, const PublicKey& key,
+void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> bytes, const ReleaseKeys& keys,
                         const ProgramAllowances& allowances, Findings& findings) {
   ProgramImage image;
   if (!image.Parse(bytes)) {
@@ -138,15 +140,15 @@ void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> by
   }
   CheckElevation(subject, image, findings);
   CheckDevelopmentKey(subject, image, allowances, findings);
-  const auto trusted = FindKeyBlobs(bytes, key);
+  const auto trusted = FindKeyBlobs(bytes, keys.signing);
   if (trusted.size() > 1) {
     findings.AddError(subject, kTrustsTwoKeys);
-  } else if (trusted.empty() || !std::ranges::equal(trusted.front(), key.blob)) {
+  } else if (trusted.empty() || !std::ranges::equal(trusted.front(), keys.signing.blob)) {
     findings.AddError(subject, kTrustsOtherKey);
   }
 }
 
-void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> bytes, const PublicKey& key,
+void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> bytes, const ReleaseKeys& keys,
                         const ProgramAllowances& allowances, Findings& findings) {
   ProgramImage image;
   if (!image.Parse(bytes)) {
@@ -155,8 +157,16 @@ void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> by
   }
   CheckElevation(subject, image, findings);
   CheckDevelopmentKey(subject, image, allowances, findings);
-  if (!allowances.client_key_elsewhere && !HoldsKey(bytes, key)) {
+  if (allowances.client_key_elsewhere) {
+    return;
+  }
+  if (!HoldsKey(bytes, keys.signing)) {
     findings.AddError(subject, kClientLacksKey);
+  }
+  for (const PublicKey& key : keys.for_client) {
+    if (!HoldsKey(bytes, key)) {
+      findings.AddError(subject, kClientLacksOtherKey + key.path + L". Build it with that key as well.");
+    }
   }
 }
 

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include "publisher/findings.h"
 #include "publisher/public_key_file.h"
@@ -18,16 +19,23 @@ struct ProgramAllowances {
   bool client_key_elsewhere = false;  // the client reads its keys from another place than its program file
 };
 
-// Checks the program file `bytes` of the helper, for releases signed with `key`: Windows can start it,
-// without elevation; it is a 32-bit program; it trusts this key and no other; it is no development build.
+// The public keys of a release.
+struct ReleaseKeys {
+  PublicKey signing;                  // signs it; the one that its helper trusts
+  std::vector<PublicKey> for_client;  // others that its client has to hold, for a change of keys
+};
+
+// Checks the program file `bytes` of the helper: Windows can start it, without elevation; it is a 32-bit
+// program; it trusts the signing key and no other; it is no development build.
 // Errors about `subject`, its name.
-void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> bytes, const PublicKey& key,
+void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> bytes, const ReleaseKeys& keys,
                         const ProgramAllowances& allowances, Findings& findings);
 
 // Checks that of the client: Windows can start it, without elevation and without redirecting what it writes
-// (a warning); it is no development build. It must hold `key`, unless that is declared to be elsewhere: without it, it could neither
-// verify the next release nor start a rollback.
-void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> bytes, const PublicKey& key,
+// (a warning); it is no development build. It must hold all of `keys`, unless they are declared to be elsewhere:
+// without the signing key it could neither verify the next release nor start a rollback, without another one it
+// could not follow the change to that.
+void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> bytes, const ReleaseKeys& keys,
                         const ProgramAllowances& allowances, Findings& findings);
 
 }  // namespace talvex

@@ -42,6 +42,7 @@ bool LoadPublicKey(const std::wstring& path, PublicKey& key, UpdateError& error)
   if (!ReadWholeFile(path, kPemSizeLimit, pem, error)) {
     return false;
   }
+  key.path = path;
   const std::string_view text = AsText(pem);
   if (text.find(kPrivateKeyMark) != std::string_view::npos) {
     return Refuse(error, kPrivateKey);

@@ -16,6 +16,7 @@ inline constexpr std::size_t kPemLineLength = 64;   // characters of base64
 
 // One key in its two forms.
 struct PublicKey {
+  std::wstring path;  // of the file that it was read from
   // The CNG RSA public key blob that manifest signatures are verified with: a header, then the exponent and
   // the modulus, both big-endian.
   ByteBuffer blob;

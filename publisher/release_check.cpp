@@ -88,11 +88,11 @@ void CheckManifest(const Manifest& manifest, Findings& findings) {
   }
 }
 
-void CheckPrograms(const Manifest& manifest, const ReleasePrograms& programs, const PublicKey& key,
+void CheckPrograms(const Manifest& manifest, const ReleasePrograms& programs, const ReleaseKeys& keys,
                    const ProgramAllowances& allowances, Findings& findings) {
   const auto check = [&](const wchar_t* name, const ByteBuffer& bytes, auto check_program) {
     if (!bytes.empty()) {
-      check_program(name, bytes, key, allowances, findings);
+      check_program(name, bytes, keys, allowances, findings);
     } else if (const ManifestEntry* const entry = FindManifestEntry(manifest, name);
                entry != nullptr && entry->size > kMaxCheckedProgramSize) {
       findings.AddWarning(name, kTooLargeToCheck);

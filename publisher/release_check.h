@@ -11,7 +11,6 @@
 #include "formats/manifest.h"
 #include "publisher/findings.h"
 #include "publisher/program_check.h"
-#include "publisher/public_key_file.h"
 
 namespace talvex {
 
@@ -33,7 +32,7 @@ struct ReleasePrograms {
 void CheckManifest(const Manifest& manifest, Findings& findings);
 
 // Checks the two programs (program_check.h); `manifest` tells a missing one from one that is too large.
-void CheckPrograms(const Manifest& manifest, const ReleasePrograms& programs, const PublicKey& key,
+void CheckPrograms(const Manifest& manifest, const ReleasePrograms& programs, const ReleaseKeys& keys,
                    const ProgramAllowances& allowances, Findings& findings);
 
 // Every directory that holds a file of `manifest`, at any depth, as Windows compares them: folded, with "\".

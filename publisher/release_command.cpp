@@ -95,7 +95,7 @@ std::wstring ResolveOut(const std::wstring& out, const std::wstring& client_root
 }
 
 // Copies, describes and checks. `manifest` is the helper's own parser's reading of what was written.
-bool FillRelease(const ReleaseOptions& options, const ReleaseTree& tree, const PublicKey& key,
+bool FillRelease(const ReleaseOptions& options, const ReleaseTree& tree, const ReleaseKeys& keys,
                  const std::wstring& directory, Manifest& manifest, Findings& findings, UpdateError& error) {
   Manifest draft;
   draft.release = options.name;
@@ -110,15 +110,16 @@ bool FillRelease(const ReleaseOptions& options, const ReleaseTree& tree, const P
     return false;
   }
   CheckManifest(manifest, findings);
-  CheckPrograms(manifest, programs, key, options.common.allowances, findings);
+  CheckPrograms(manifest, programs, keys, options.common.allowances, findings);
   return true;
 }
 
-void MakeCheckedRelease(const ReleaseOptions& options, const ReleaseTree& tree, const PublicKey& key,
+void MakeCheckedRelease(const ReleaseOptions& options, const ReleaseTree& tree, const ReleaseKeys& keys,
                         const std::wstring& out, Manifest& manifest, Findings& findings) {
   UpdateError error;
   UnfinishedRelease release(out);
-  if (!release.Create(error) || !FillRelease(options, tree, key, release.Path(), manifest, findings, error) ||
+  if (!release.Create(error) ||
+      !FillRelease(options, tree, keys, release.Path(), manifest, findings, error) ||
       (findings.Pass(options.common.allow_warnings) && !release.MoveToItsPlace(error))) {
     findings.AddError(options.out, error.Message());
   }
@@ -128,9 +129,9 @@ void MakeCheckedRelease(const ReleaseOptions& options, const ReleaseTree& tree, 
 
 int MakeRelease(const ReleaseOptions& options) {
   Findings findings;
-  PublicKey key;
+  ReleaseKeys keys;
   const std::wstring client_root = ExistingDirectory(options.client_directory, findings);
-  if (client_root.empty() || !LoadKey(options.common.key, key, findings)) {
+  if (client_root.empty() || !LoadKeys(options.common, keys, findings)) {
     return Conclude(options.common, findings, {});
   }
   const std::wstring out = ResolveOut(options.out, client_root, findings);
@@ -149,7 +150,7 @@ int MakeRelease(const ReleaseOptions& options) {
     WriteLine(Stream::kError, kSkipped + path);
   }
   Manifest manifest;
-  MakeCheckedRelease(options, tree, key, out, manifest, findings);
+  MakeCheckedRelease(options, tree, keys, out, manifest, findings);
   return Conclude(options.common, findings,
                   L"Made " + Describe(manifest) + L"\nmanifest-sha256 " + DigestToHex(manifest.digest) +
                       L"\nIt can be installed in client directories of up to " +

@@ -5,13 +5,12 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "core/ascii_case.h"
 #include "core/text_encoding.h"
 #include "formats/apply_plan.h"
 #include "formats/rollback_journal.h"
-#include "formats/text_lines.h"
+#include "formats/update_changes.h"
 #include "formats/verified_cache.h"
 #include "publisher/path_room.h"
 #include "publisher/release_check.h"
@@ -42,14 +41,10 @@ constexpr wchar_t kMustCarry[] =
     L": in the old release, but not in the new one. The helper with the new key cannot retire it. Carry it "
     L"in this release, and drop it in the one after.";
 constexpr wchar_t kLessRoom[] = L" characters, where the old release had room for ";
-constexpr wchar_t kPlanTooLarge[] = L"Divide the change between two releases, or shorten paths.";
-constexpr wchar_t kAtWorst[] = L" It is so for players who have damaged every file. ";
-
-// The rows of an update's plan.
-struct Rows {
-  std::vector<const ManifestEntry*> installs;
-  std::vector<const ManifestEntry*> retires;
-};
+constexpr wchar_t kKeepsRetired[] = L"no client can remove the retired files, so they stay for ever. ";
+constexpr wchar_t kMayKeepRetired[] =
+    L"a client with all of its files damaged cannot remove the retired ones, so they stay there for ever. ";
+constexpr wchar_t kTooLarge[] = L". Divide the change between two releases, or shorten paths.";
 
 class Comparison {
  public:
@@ -69,8 +64,8 @@ class Comparison {
     CheckDirectories();
     CheckRoom();
     ReleaseComparison result;
-    const Rows rows = CollectRows(result);
-    CheckPlan(rows, result);
+    const UpdateChanges changes = CollectChanges(result);
+    CheckRecords(changes, result);
     return result;
   }
 
@@ -78,10 +73,8 @@ class Comparison {
   void CheckNameAndSequence();
   void CheckDirectories();
   void CheckRoom();
-  Rows CollectRows(ReleaseComparison& result);
-  void CheckPlan(const Rows& rows, ReleaseComparison& result);
-  bool IsAccepted(const Rows& rows, std::size_t& plan_size, std::size_t& journal_size,
-                  UpdateError& error) const;
+  UpdateChanges CollectChanges(ReleaseComparison& result);
+  void CheckRecords(const UpdateChanges& changes, ReleaseComparison& result);
 
   const Manifest& new_;
   const Manifest& old_;
@@ -97,6 +90,13 @@ std::string_view ConsumeNumber(std::string_view& name) {
   name.remove_prefix(end);
   number.remove_prefix(std::min(number.find_first_not_of('0'), number.size()));
   return number;
+}
+
+// "The plan takes 300000 bytes of 262144, and the journal 290000 of 262144", and the remedy.
+std::wstring DescribeSize(const UpdateSize& size) {
+  return L"The plan takes " + std::to_wstring(size.plan) + L" bytes of " +
+         std::to_wstring(kApplyPlanSizeLimit) + L", and the journal " + std::to_wstring(size.journal) +
+         L" of " + std::to_wstring(kJournalSizeLimit) + kTooLarge;
 }
 
 bool BeginsWithDigit(std::string_view text) {
@@ -169,8 +169,8 @@ void Comparison::CheckRoom() {
 }
 
 // What a client with an undamaged old release puts into its plan.
-Rows Comparison::CollectRows(ReleaseComparison& result) {
-  Rows rows;
+UpdateChanges Comparison::CollectChanges(ReleaseComparison& result) {
+  UpdateChanges changes;
   for (const ManifestEntry& entry : new_.entries) {
     const ManifestEntry* const before = FindManifestEntryIgnoringCase(old_, entry.normalised_path);
     if (before != nullptr && before->path != entry.path) {
@@ -181,7 +181,7 @@ Rows Comparison::CollectRows(ReleaseComparison& result) {
     }
     ++(before == nullptr ? result.added : result.changed);
     result.download_size += entry.size;
-    rows.installs.push_back(&entry);
+    changes.installs.push_back(&entry);
   }
   for (const ManifestEntry& entry : old_.entries) {
     if (FindManifestEntryIgnoringCase(new_, entry.normalised_path) != nullptr) {
@@ -191,49 +191,28 @@ Rows Comparison::CollectRows(ReleaseComparison& result) {
     if (keys_ == KeyChange::kOtherKey) {
       findings_.AddError(old_name_, entry.normalised_path + kMustCarry);
     } else {
-      rows.retires.push_back(&entry);
+      changes.retires.push_back(&entry);
     }
   }
-  if (rows.installs.empty() && rows.retires.empty()) {
-    rows.installs.push_back(&new_.entries.front());  // a plan needs a row
+  if (changes.Empty()) {
+    InstallSmallestFile(new_, changes);
   }
-  return rows;
+  return changes;
 }
 
-// Whether the helper accepts the plan, and can write the journal for it: both have limits.
-bool Comparison::IsAccepted(const Rows& rows, std::size_t& plan_size, std::size_t& journal_size,
-                            UpdateError& error) const {
-  const std::string plan = FormatApplyPlan(new_.digest, rows.installs, rows.retires);
-  plan_size = plan.size();
-  RollbackJournal journal;
-  journal.manifest_digest = new_.digest;
-  for (const ManifestEntry* const entry : rows.installs) {
-    journal.entries.push_back({false, true, entry->path, entry->normalised_path});
-  }
-  for (const ManifestEntry* const entry : rows.retires) {
-    journal.entries.push_back({true, true, entry->path, entry->normalised_path});
-  }
-  std::string journal_text;
-  const bool has_journal = FormatRollbackJournal(journal, journal_text, error);
-  journal_size = journal_text.size();
-  Rows parsed;
-  return has_journal && ParseApplyPlan(AsBytes(plan), new_, keys_ == KeyChange::kSameKey ? &old_ : nullptr,
-                                       new_.digest, parsed.installs, parsed.retires, error);
-}
-
-void Comparison::CheckPlan(const Rows& rows, ReleaseComparison& result) {
-  UpdateError error;
-  std::size_t journal_size = 0;
-  Rows worst = rows;
+// Clients keep retired files when the records of the update have no room for them.
+void Comparison::CheckRecords(const UpdateChanges& changes, ReleaseComparison& result) {
+  UpdateChanges worst = changes;
   worst.installs.clear();
   for (const ManifestEntry& entry : new_.entries) {
     worst.installs.push_back(&entry);
   }
-  if (!IsAccepted(rows, result.plan_size, journal_size, error)) {
-    findings_.AddError(old_name_, L"no client can update from it. " + error.Message() + L" " + kPlanTooLarge);
-  } else if (!IsAccepted(worst, result.worst_plan_size, result.worst_journal_size, error)) {
-    findings_.AddWarning(
-        old_name_, L"some clients cannot update from it. " + error.Message() + kAtWorst + kPlanTooLarge);
+  result.size = MeasureUpdate(new_.digest, changes);
+  result.worst_size = MeasureUpdate(new_.digest, worst);
+  if (!FitIntoOneUpdate(new_.digest, changes)) {
+    findings_.AddWarning(old_name_, kKeepsRetired + DescribeSize(result.size));
+  } else if (!FitIntoOneUpdate(new_.digest, worst)) {
+    findings_.AddWarning(old_name_, kMayKeepRetired + DescribeSize(result.worst_size));
   }
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "formats/manifest.h"
+#include "formats/update_changes.h"
 #include "publisher/findings.h"
 
 namespace talvex {
@@ -17,10 +18,8 @@ struct ReleaseComparison {
   std::size_t changed = 0;          // files whose contents differ
   std::size_t retired = 0;          // files that only the old release has
   std::uint64_t download_size = 0;  // bytes of the added and changed files
-  // Bytes of the files that the update writes. At worst a player has damaged every file.
-  std::size_t plan_size = 0;
-  std::size_t worst_plan_size = 0;
-  std::size_t worst_journal_size = 0;
+  UpdateSize size;
+  UpdateSize worst_size;  // for a player who has damaged every file
 };
 
 // Which key signed the two releases.

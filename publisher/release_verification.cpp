@@ -105,7 +105,7 @@ bool IsSignatureRefused(const SignedManifest& read, const PublicKey& key) {
          !VerifyManifestSignature(read.manifest_bytes, read.signature, key.blob, unreported);
 }
 
-void VerifyRelease(const SignedPairPaths& pair, const std::wstring& files_directory, const PublicKey& key,
+void VerifyRelease(const SignedPairPaths& pair, const std::wstring& files_directory, const ReleaseKeys& keys,
                    const ProgramAllowances& allowances, SignedManifest& release, Findings& findings) {
   release = {};
   UpdateError error;
@@ -113,16 +113,17 @@ void VerifyRelease(const SignedPairPaths& pair, const std::wstring& files_direct
     findings.AddError(pair.manifest + L", " + pair.signature, error.Message());
     return;
   }
-  if (!VerifySignedManifest(release.manifest_bytes, release.signature, key.blob, release.manifest, error)) {
+  if (!VerifySignedManifest(release.manifest_bytes, release.signature, keys.signing.blob, release.manifest,
+                            error)) {
     findings.AddError(pair.manifest,
-                      error.Message() + (IsSignatureRefused(release, key) ? kSignedByOther : L""));
+                      error.Message() + (IsSignatureRefused(release, keys.signing) ? kSignedByOther : L""));
     release = {};  // nothing of it is trusted
     return;
   }
   ReleasePrograms programs;
   CheckManifest(release.manifest, findings);
   VerifyFiles(files_directory, release.manifest, programs, findings);
-  CheckPrograms(release.manifest, programs, key, allowances, findings);
+  CheckPrograms(release.manifest, programs, keys, allowances, findings);
 }
 
 }  // namespace talvex

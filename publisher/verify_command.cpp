@@ -10,12 +10,12 @@ namespace talvex {
 
 int VerifyCommand(const VerifyOptions& options) {
   Findings findings;
-  PublicKey key;
+  ReleaseKeys keys;
   SignedManifest release;
   const std::wstring directory = ExistingDirectory(options.directory, findings);
-  if (!directory.empty() && LoadKey(options.common.key, key, findings)) {
-    VerifyRelease(SignedPairIn(directory), FilesDirectory(directory), key, options.common.allowances, release,
-                  findings);
+  if (!directory.empty() && LoadKeys(options.common, keys, findings)) {
+    VerifyRelease(SignedPairIn(directory), FilesDirectory(directory), keys, options.common.allowances,
+                  release, findings);
   }
   JsonWriter json;
   json.BeginObject();

@@ -19,8 +19,10 @@
 #include "formats/failure_marker.h"
 #include "formats/installed_state.h"
 #include "formats/manifest.h"
+#include "formats/relative_path.h"
 #include "formats/rollback_journal.h"
 #include "formats/text_lines.h"
+#include "formats/update_changes.h"
 #include "formats/verified_cache.h"
 #include "tests/support/scratch_directory.h"
 #include "tests/support/test_release.h"
@@ -53,6 +55,28 @@ TEST(ReleaseOrder, ComparesSequencesAndThenDigests) {
     EXPECT_EQ(CheckReleaseOrder(state, offered, error), c.message.empty());
     EXPECT_EQ(error.Message(), c.message);
   }
+}
+
+// No release is so large that a client could not install it, whatever it has to leave.
+TEST(UpdateChanges, AlwaysFitIntoOneUpdateWithoutRetiredFiles) {
+  Manifest manifest;
+  manifest.entries.resize(kManifestFileLimit);
+  UpdateChanges changes;
+  UpdateError error;
+  std::wstring too_long;
+  std::uint64_t number = 100'000'000'000'000'000;
+  for (ManifestEntry& entry : manifest.entries) {
+    entry.size = ++number % 1'000 == 7 ? 1 : 2;
+    entry.path = std::string(100, 'a') + "/" + std::string(100, 'b') + "/" + std::to_string(number);
+    EXPECT_TRUE(ValidateRelativePath(entry.path, entry.normalised_path, error)) << "the longest";
+    EXPECT_FALSE(ValidateRelativePath(entry.path + "0", too_long, error));
+    changes.installs.push_back(&entry);
+  }
+  EXPECT_TRUE(FitIntoOneUpdate({}, changes));
+  UpdateChanges only_retires = {{}, std::exchange(changes.installs, {})};
+  KeepRetiredFiles(manifest, only_retires);
+  EXPECT_EQ(only_retires.installs, std::vector<const ManifestEntry*>{&manifest.entries[6]});
+  EXPECT_TRUE(only_retires.retires.empty());
 }
 
 class UpdateRecords : public testing::Test {

@@ -60,6 +60,7 @@ std::string WithoutLevel(const std::string& program) {
 // The client holds its key as PEM text.
 const std::string kOtherClient = Replaced(kClient, ReadTestFile(kKey), ReadTestFile(kOtherKey));
 const Words kDevelopment = {L"--allow-development"};
+const Words kBothKeys = {L"--allow-development", L"--client-key", kOtherKey};
 
 TestRelease GoodRelease() {
   return {"2.0", 20, {{kClientName, kClient}, {kHelperName, kHelper}, {"data/X.bin", kX}}};
@@ -199,6 +200,8 @@ const Mistake kMistakes[] = {
     {"OK", {{kClientName, kOtherClient}}, {}, {L"--allow-development", L"--client-key-elsewhere"}},
     {"OK", {{kClientName, kOtherClient + ReadTestFile(kKey)}}},
     {"Talvex.exe: does not hold the key", {{kClientName, kOtherClient + ReadTestFile(kOtherKey)}}},
+    {"OK", {{kClientName, kClient + ReadTestFile(kOtherKey)}}, {}, kBothKeys},
+    {"Talvex.exe: could follow no release that is signed with the other key", {}, {}, kBothKeys},
     {"Talvex.exe: asks for elevation", {{kClientName, Replaced(kClient, "asInvoker", "highestAv")}}},
     {"Helper.exe: has no requestedExecutionLevel and a", {{kHelperName, WithoutLevel(kHelper)}}},
     {"Helper.exe: has no requestedExecutionLevel and a",
@@ -272,8 +275,9 @@ const Step kSteps[] = {
     {"warning: 1.9: data\\X.bin: only the case", {{"data/X.bin", ""}, {"Data/X.bin", "changed"}}},
     {"1.9: old.txt: a file in one of the releases", {{"OLD.txt/a", "1"}}},
     {"1.9: data: a file in one of the releases", {{"data/X.bin", ""}, {"data", "1"}}},
-    {"1.9: no client can update from it. The", LongPaths(1'000, 1'000, 150), LongPaths(3'000, 1'000, 150)},
-    {"warning: 1.9: some clients cannot update from it. The", LongPaths(1'000, 1'000, 168),
+    {"warning: 1.9: no client can remove the retired files, so they stay for ever. The plan takes 3",
+     LongPaths(1'000, 1'000, 150), LongPaths(3'000, 1'000, 150)},
+    {"warning: 1.9: a client with all of its files damaged cannot", LongPaths(1'000, 1'000, 168),
      LongPaths(1'500, 1'020, 168)},
     {"warning: 1.9: the new release leaves the client directory's path 92", {{std::string(80, 'a'), "1"}}},
     {"is signed with another key, and its client does not hold the new one",

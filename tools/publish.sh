@@ -2,15 +2,16 @@
 # Publishes a client directory as a signed release, on Linux, for teams whose key is on that machine:
 #
 #   tools/publish.sh CLIENT_DIR RELEASE_DIR --release ID --sequence N --key PRIVATE.pem
-#     [--public-key PUBLIC.pem] [--old RELEASE_DIR]... [--old-key PUBLIC.pem]... [--allow-development]
-#     [--allow-warnings] [--client-key-elsewhere]
+#     [--public-key PUBLIC.pem] [--old RELEASE_DIR]... [--old-key PUBLIC.pem]... [--client-key PUBLIC.pem]...
+#     [--allow-development] [--allow-warnings] [--client-key-elsewhere]
 #
 # makes RELEASE_DIR, which must not exist yet, with manifest.txt, manifest.sig and the described files in
 # files/. The public key is taken from the private one unless it is given. With --old, players with that release
-# must be able to install this one; --old-key names a key that signed some of them. Needs TalvexPublish.exe
-# (beside this script, in build/mingw-release, or in the folder that TALVEX_BUILD names), Wine and openssl, and
-# room for two copies of the client below TMPDIR (/tmp). Windows programs run in the Wine of the environment,
-# or, in a checkout, in that of tools/wine.sh when TALVEX_WINE_FOLDER names its folder.
+# must be able to install this one; --old-key names a key that signed some of them, and --client-key one that the
+# client has to hold besides. Needs TalvexPublish.exe (beside this script, in build/mingw-release, or in the folder
+# that TALVEX_BUILD names), Wine and openssl, and room for two copies of the client below TMPDIR (/tmp). Windows
+# programs run in the Wine of the environment, or, in a checkout, in that of tools/wine.sh when TALVEX_WINE_FOLDER
+# names its folder.
 set -eu
 unset CDPATH  # cd would print where it has gone, into the paths below
 export LC_ALL=C.UTF-8  # in a locale without UTF-8, Wine cannot find folders with names beyond ASCII
@@ -19,7 +20,8 @@ here=$(cd -- "$(dirname -- "$0")" && pwd)
 root=$(dirname -- "$here")
 build=$root/build/mingw-release
 [ ! -e "$here/TalvexPublish.exe" ] || build=$here
-build=${TALVEX_BUILD:-$build}
+build=$(realpath -m -- "${TALVEX_BUILD:-$build}")
+wine_folder=${TALVEX_WINE_FOLDER:+$(realpath -m -- "$TALVEX_WINE_FOLDER")}
 
 # Names come from the client directory, and must not steer the terminal.
 say() {
@@ -36,15 +38,27 @@ usage() {
   exit 2
 }
 
-publisher() {
-  if [ -n "${TALVEX_WINE_FOLDER:-}" ]; then
-    "$root/tools/wine.sh" "$TALVEX_WINE_FOLDER" run "$build/TalvexPublish.exe" "$@"
+# Runs in the private folder, so that the names of files in it need no quoting.
+publisher() (
+  cd -- "$private"
+  if [ -n "$wine_folder" ]; then
+    "$root/tools/wine.sh" "$wine_folder" run "$build/TalvexPublish.exe" "$@"
   else
     wine "$build/TalvexPublish.exe" "$@"
   fi
-}
+)
 
 [ $# -ge 2 ] || usage
+# Nobody else can reach this folder: a manifest that is exchanged before it is signed would be a release of
+# somebody else's, with our signature.
+private=$(mktemp -d)
+landing=
+clean_up() {
+  rm -rf -- "$private" ${landing:+"$landing"}
+}
+trap clean_up EXIT
+trap 'exit 1' INT TERM HUP
+
 client=$1
 release=$2
 shift 2
@@ -54,6 +68,8 @@ key=
 public_key=
 development=
 allowed=
+client_keys=0
+client_key_options=
 left=$#
 while [ "$left" -gt 0 ]; do
   case $1 in
@@ -75,6 +91,11 @@ while [ "$left" -gt 0 ]; do
         --old-key)
           old=$(realpath -e -- "$2")
           set -- "$@" --old-key "Z:$old"
+          ;;
+        --client-key)
+          client_keys=$((client_keys + 1))
+          cp -- "$2" "$private/client-key-$client_keys.pem"
+          client_key_options="$client_key_options --client-key client-key-$client_keys.pem"
           ;;
         *) usage ;;
       esac
@@ -101,16 +122,7 @@ case $release in
 esac
 mkdir -p -- "$(dirname -- "$release")"
 
-# Nobody else can reach this folder: a manifest that is exchanged before it is signed would be a release of
-# somebody else's, with our signature.
 umask 077
-private=$(mktemp -d)
-landing=
-clean_up() {
-  rm -rf -- "$private" ${landing:+"$landing"}
-}
-trap clean_up EXIT
-trap 'exit 1' INT TERM HUP
 if [ -n "$public_key" ]; then
   cp -- "$public_key" "$private/public.pem"
 else
@@ -127,16 +139,15 @@ $links"
 # Order: everything is checked before the key signs. What is checked, described and signed is the copy in the
 # private folder, whatever happens to the client directory meanwhile.
 # shellcheck disable=SC2086 # the options are meant to be split
-publisher release "Z:$private/client" --out "Z:$private/release" --name "$release_id" --sequence "$sequence" \
-  --key "Z:$private/public.pem" $development $allowed
+publisher release client --out release --name "$release_id" --sequence "$sequence" --key public.pem \
+  $client_key_options $development $allowed
 if [ $# != 0 ]; then
   # shellcheck disable=SC2086
-  publisher compare "Z:$private/release" "$@" --unsigned --key "Z:$private/public.pem" $allowed
+  publisher compare release "$@" --unsigned --key public.pem $allowed
 fi
 openssl dgst -sha256 -sign "$key" -out "$private/manifest.sig" "$private/release/manifest.txt"
 # shellcheck disable=SC2086
-publisher finish "Z:$private/release" --signature "Z:$private/manifest.sig" --key "Z:$private/public.pem" \
-  $development $allowed
+publisher finish release --signature manifest.sig --key public.pem $client_key_options $development $allowed
 
 # Whole, or not at all: the move within the target's own file system is one step.
 chmod -R u=rwX,go=rX "$private/release"
