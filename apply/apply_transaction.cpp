@@ -16,6 +16,7 @@
 #include "core/ascii_case.h"
 #include "core/exit_code.h"
 #include "core/memory_shortage.h"
+#include "core/owned_handle.h"
 #include "core/publisher_key.h"
 #include "core/regular_file.h"
 #include "core/sha256.h"
@@ -27,6 +28,7 @@
 #include "formats/rollback_journal.h"
 #include "formats/signed_manifest.h"
 #include "formats/verified_cache.h"
+#include "rollback/recovery_copy.h"
 #include "rollback/restoration.h"
 #include "rollback/rollback_preparation.h"
 #include "storage/client_root.h"
@@ -242,10 +244,15 @@ class ApplyTransaction {
     return true;
   }
 
-  // The journal on disk determines what to restore, as it would for a later run.
+  // The journal on disk determines what to restore, as it would for a later run. It is so new that a scanner may
+  // hold it: whoever does is waited for, because without the journal nothing at all would be restored.
   [[nodiscard]] bool Restore(UpdateError& restore_error) {
+    const std::wstring path = RollbackJournalPath(previous_directory_);
+    RetryBudget budget(kMaxRecoveryWaitMs);
+    UpdateError unreported;
+    const OwnedHandle open = OpenRecoverySource(path, GENERIC_READ, budget, unreported);
     RollbackJournal journal;
-    return ParseRollbackJournal(RollbackJournalPath(previous_directory_), journal, restore_error) &&
+    return ParseRollbackJournal(path, journal, restore_error) &&
            RestoreFromRollback(operands_.client_root, previous_directory_, journal, operations_,
                                restore_error);
   }
@@ -258,6 +265,7 @@ class ApplyTransaction {
     const bool cleared = restored && RunCatchingBadAlloc([&] {
                            return RemovePreviousDirectory(previous_directory_, restore_error);
                          });
+    // A removal may fail without a message, and so does what runs out of memory.
     if (!cleared && restore_error.IsEmpty()) {
       if (restored) {
         SetError(restore_error, kWorkDataStays);

@@ -23,7 +23,7 @@ inline constexpr std::size_t kNoFaultInjection = std::numeric_limits<std::size_t
 // program blocks (a virus scanner, an indexer) is retried, for at most two seconds per operation. Stops at
 // the first failure and leaves the restoration to the caller. Progress is in operations. Messages: those of
 // CreateUpdateDirectory, and
-//   "An update target changed during installation."
+//   "An update target changed during installation."         also when its directory cannot be held
 //   "Could not install a new update file."
 //   "Could not create a rollback copy for a retired update file."
 //   "Could not atomically replace an update file."

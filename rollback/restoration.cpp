@@ -3,7 +3,9 @@
 #include <windows.h>
 
 #include <string_view>
+#include <utility>
 
+#include "core/memory_shortage.h"
 #include "core/owned_handle.h"
 #include "core/regular_file.h"
 #include "rollback/recovery_copy.h"
@@ -54,6 +56,7 @@ bool InspectTarget(const std::wstring& target, RetryBudget& budget, bool& is_the
 bool TakeAway(const std::wstring& target, const std::wstring& staged_path, RetryBudget& budget,
               UpdateError& error) {
   RetrySchedule schedule(budget);
+  // A file that would stay in the client because nobody knows whether its old place is free would be worse.
   if (!staged_path.empty() && ProbePathWithRetry(staged_path, budget) == PathKind::kAbsent) {
     return MoveFileWithRetry(target, staged_path, MOVEFILE_WRITE_THROUGH, schedule);
   }
@@ -88,6 +91,18 @@ bool RejectLinkedPaths(const std::wstring& client_root, const ApplyOperation& op
          RejectReparsePoints(client_root, JoinPath(copies, relative_path), LastComponent::kUnchecked, error);
 }
 
+// Whether the update did not come to this operation, or its undoing is complete: then nothing is changed, and
+// it does not matter who holds what. Without a copy, a file that is still there was never moved away. One that
+// cannot be inspected may be gone in a moment.
+bool IsUndone(const ApplyOperation& operation, RetryBudget& budget) {
+  if (ProbePathWithRetry(operation.rollback_copy_path, budget) != PathKind::kAbsent) {
+    return false;
+  }
+  const PathKind target = ProbePathWithRetry(operation.target_path, budget);
+  return operation.existed ? target != PathKind::kAbsent && target != PathKind::kUnknown
+                           : target == PathKind::kAbsent;
+}
+
 bool UndoCheckedOperation(const ApplyOperation& operation, RetryBudget& budget, UpdateError& error) {
   // A retire has no staged path.
   const PathKind copy = ProbePathWithRetry(operation.rollback_copy_path, budget);
@@ -98,19 +113,17 @@ bool UndoCheckedOperation(const ApplyOperation& operation, RetryBudget& budget, 
     return ReplaceTarget(operation.rollback_copy_path, operation.target_path, operation.staged_path, budget,
                          error);
   }
-  if (!operation.existed) {
-    return RemoveTarget(operation.target_path, operation.staged_path, budget, error);
-  }
-  // Without a copy, a file that is still there was never moved away. One that cannot be inspected may be gone
-  // in a moment.
-  const PathKind target = ProbePathWithRetry(operation.target_path, budget);
-  return (target != PathKind::kAbsent && target != PathKind::kUnknown) || Refuse(error, kCopyMissing);
+  return operation.existed ? Refuse(error, kCopyMissing)
+                           : RemoveTarget(operation.target_path, operation.staged_path, budget, error);
 }
 
 bool UndoOperation(const std::wstring& client_root, const ApplyOperation& operation, RetryBudget& budget,
                    UpdateError& error) {
-  // Held before it is checked, so that the check still holds when the target is changed. Checked once more
-  // afterwards, as the directory of the copy is not held.
+  if (RejectLinkedPaths(client_root, operation, error) && IsUndone(operation, budget)) {
+    return true;
+  }
+  // Held before it is checked again, so that the check still holds when the target is changed. Checked once
+  // more afterwards, as the directory of the copy is not held.
   OwnedHandle held;
   const PathKind directory = HoldDirectoryOf(operation.target_path, budget, held);
   return RejectLinkedPaths(client_root, operation, error) && IsSafeToChangeBelow(directory, error) &&
@@ -167,15 +180,20 @@ bool RestoreRollbackFiles(const std::wstring& client_root, std::span<const Apply
   bool all_restored = true;
   for (auto operation = operations.rbegin(); operation != operations.rend(); ++operation) {
     UpdateError operation_error;
-    if (UndoOperation(client_root, *operation, budget, operation_error)) {
+    // Not even running out of memory keeps the other files from being restored.
+    if (RunCatchingBadAlloc(
+            [&] { return UndoOperation(client_root, *operation, budget, operation_error); })) {
       continue;
     }
     all_restored = false;
     if (error.IsEmpty()) {
-      error = operation_error;
+      error = std::move(operation_error);
     }
     if (error.IsEmpty()) {
-      SetRestorationIncomplete(error, operation->rollback_copy_path);
+      static_cast<void>(RunCatchingBadAlloc([&] {
+        SetRestorationIncomplete(error, operation->rollback_copy_path);
+        return true;
+      }));
     }
   }
   return all_restored;

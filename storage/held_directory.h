@@ -14,6 +14,7 @@ namespace talvex {
 // and verifies through the handle that it is a real directory. As long as `held` is open, Windows lets nobody
 // rename, delete or replace the directory or any directory above it. A path checked while the directory is
 // held stays valid until the handle is closed; one checked only before may have been redirected in between.
+// (One thing remains possible: a directory that is empty can be turned into a link where it stands.)
 //
 // Returns what was found; `held` owns a handle only after kDirectory. After kUnknown the last error is the
 // reason.

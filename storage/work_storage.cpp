@@ -65,7 +65,9 @@ enum class Journal { kNone, kFirst };
 bool RemoveTree(const std::wstring& directory, Journal journal, UpdateError& error) {
   const PathKind kind = ProbePath(directory);
   if (kind != PathKind::kDirectory) {
-    return kind == PathKind::kAbsent || Refuse(error, kTreeUnsafe);
+    // What cannot be inspected may be there, and must not count as removed.
+    return kind == PathKind::kAbsent ||
+           Refuse(error, kind == PathKind::kUnknown ? kTreeUnreadable : kTreeUnsafe);
   }
   OwnedHandle held;
   switch (HoldDirectory(directory, held)) {
@@ -115,10 +117,11 @@ bool RemovePreviousDirectory(const std::wstring& previous_directory, UpdateError
   }
   const std::wstring work_directory(ParentOfRelativePath(previous_directory));
   OwnedHandle held;
-  if (HoldDirectory(work_directory, held) == PathKind::kUnknown) {
+  const PathKind kind = HoldDirectory(work_directory, held);
+  if (kind == PathKind::kUnknown) {
     return Refuse(error, kTreeUnreadable);
   }
-  if (ProbePath(work_directory) == PathKind::kReparsePoint) {
+  if (kind == PathKind::kReparsePoint || ProbePath(work_directory) == PathKind::kReparsePoint) {
     return Refuse(error, kTreeUnsafe);
   }
   return RemoveTree(previous_directory, Journal::kFirst, error);

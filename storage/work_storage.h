@@ -14,7 +14,7 @@ namespace talvex {
 // there. A failure leaves what was not yet removed. One failure sets no message: the listing finds nothing,
 // not even ".", and the directory cannot be removed. Messages:
 //   "An updater work directory is unsafe."                    the path is a file or a reparse point
-//   "Could not inspect an updater work directory."
+//   "Could not inspect an updater work directory."            nor is it known to be gone
 //   "An updater work directory contains a reparse point."     neither followed nor removed
 //   "Could not remove old updater work data."
 //   "Could not remove an old updater directory."
@@ -29,7 +29,7 @@ namespace talvex {
 // Removes every entry of `directory` except the one named `kept_name` (ASCII case ignored). Files directly in
 // it are deleted as they are: a read-only one makes this fail. A missing directory is a success. Messages:
 // those of RemoveWorkTree, and
-//   "Updater storage contains an unsafe reparse point."
+//   "Updater storage contains an unsafe reparse point."       or is one itself
 //   "Could not remove stale updater data."
 [[nodiscard]] bool ClearWorkDirectoryExcept(const std::wstring& directory, std::wstring_view kept_name,
                                             UpdateError& error);

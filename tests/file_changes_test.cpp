@@ -253,6 +253,19 @@ TEST_F(Restoration, TakesNoFileForThereThatItCannotLookAt) {
   EXPECT_EQ(Undo(true), L"An updater rollback target has unsafe file links.");
 }
 
+TEST_F(Restoration, WaitsForNobodyWhereNothingChanged) {
+  const OwnedHandle renaming(CreateFileW(root_.Path().c_str(), DELETE,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                         OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  DeleteFileW(copy_.c_str());
+  const ApplyOperation untouched[] = {Install(L"present", true), Install(L"added", false)};
+  RetryBudget budget(kAllSleepsMs);
+  UpdateError error;
+  EXPECT_TRUE(RestoreRollbackFiles(root_.Path(), untouched, budget, error));
+  EXPECT_EQ(slept_ms, 0u);
+  EXPECT_EQ(Undo(true), L"An updater rollback target has unsafe file links.");  // for the state file
+}
+
 TEST_F(Restoration, LeavesATargetInPlaceWhoseCopyIsBad) {
   GiveASecondName(copy_);
   EXPECT_EQ(Undo(true, staged_), L"An updater recovery source is not a regular file.");

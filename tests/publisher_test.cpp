@@ -317,13 +317,29 @@ TEST_F(Publisher, ComparesBeforeTheKeySigns) {
   old_release.sequence = 19;
   old_release.name = "1.9";
   Write(old_release, {}, scratch / L"old");
+  old_release.sequence = 18;
+  old_release.name = "1.8";
+  old_release.files["data/X.bin"] = "other";
+  old_release.files["old.txt"] = "retired";
+  Write(old_release, {}, scratch / L"older");
   Write(GoodRelease(), {}, out);
   DeleteFileW((out + L"\\manifest.sig").c_str());
-  Words words = {L"compare", out, scratch / L"old", L"--key", kKey};
+  Words words = {L"compare", out, scratch / L"old", scratch / L"older", L"--key", kKey};
   const std::string said = Publish(words, 1, {"Could not open file: "});
   EXPECT_EQ(said.find("Name the public half"), std::string::npos) << "the key is not what is wrong";
   words.push_back(L"--unsigned");
-  Publish(words, 0, {"OK release=2.0 sequence=20 files=3 (not signed yet)\r\nfrom release=1.9"});
+  Publish(
+      words, 0,
+      {"OK release=2.0 sequence=20 files=3 (not signed yet)\r\nfrom release=1.9", "\r\nfrom release=1.8"});
+  words.push_back(L"--json");
+  Publish(words, 0,
+          {R"({"command":"compare","release":"2.0","sequence":"20","manifestSha256":")" +
+               HexDigestOf(GoodRelease().ManifestText()) + R"(","files":3,"bytes":)",
+           R"(,"signed":false,"longestClientDirectory":)", R"(,"updates":[{"release":"1.9","sequence":"19",)",
+           R"(},{"release":"1.8","sequence":"18",)",
+           R"("new":0,"changed":1,"retired":1,"downloadBytes":1500000,"planBytes":)",
+           R"(}],"ok":true,"findings":[]})"});
+  words.pop_back();
   WriteTestFile(scratch / L"old\\manifest.sig", "no signature");
   Publish(words, 1, {"If it was signed with an earlier key, name"});
 }
@@ -345,6 +361,11 @@ TEST_F(Publisher, TellsTheStatusOfAClientDirectory) {
        "previous\\rollback.journal: The update rollback journal has an invalid encoding. The update cannot",
        ".talvex-update\\stage: is left of an update", ".talvex-update~damaged: says that files",
        "the release with manifest-sha256 " + HexDigestOf("failed")});
+  Publish(
+      {L"status", client, L"--key", kKey, L"--json"}, 1,
+      {R"({"command":"status","release":"2.0","sequence":"20",)",
+       R"(,"failedManifestSha256":")" + HexDigestOf("failed") + R"(","ok":false,"findings":[{"severity":")",
+       R"({"severity":"error","subject":"Talvex.exe","message":"is missing.)"});
   WriteTestFile(client + L"\\.talvex-update-cache\\manifest.sig", "no signature");
   Publish(words, 1,
           {".talvex-update-cache: The update key or signature does not use RSA-3072. No installed"});
