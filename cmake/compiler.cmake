@@ -19,9 +19,12 @@ option(TALVEX_COVERAGE "Count what the tests run (tools/coverage.sh); such a bui
 
 # A compiler that we have not seen may warn about something new, which must not stop the build of a game.
 set(warnings_are_errors $<BOOL:${PROJECT_IS_TOP_LEVEL}>)
+# What cmake/debug_symbols.cmake collects. The static library keeps it, for the debug symbols of the games it is in.
+set(has_symbols $<AND:$<BOOL:${PROJECT_IS_TOP_LEVEL}>,$<CONFIG:Release>>)
 
 if(MSVC)
-  target_compile_options(talvex_compiler INTERFACE /W4 $<${warnings_are_errors}:/WX> /permissive- /utf-8 /EHsc)
+  target_compile_options(talvex_compiler INTERFACE /W4 $<${warnings_are_errors}:/WX> /permissive- /utf-8 /EHsc
+    $<${has_symbols}:/Z7>)
   # Within a game's build, all of it has to use the game's runtime library.
   if(PROJECT_IS_TOP_LEVEL AND NOT DEFINED CMAKE_MSVC_RUNTIME_LIBRARY)
     set(CMAKE_MSVC_RUNTIME_LIBRARY "MultiThreaded$<$<CONFIG:Debug>:Debug>")
@@ -32,7 +35,7 @@ else()
   target_compile_options(talvex_compiler INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wcast-qual $<${warnings_are_errors}:-Werror>
     -ffunction-sections -fdata-sections -fno-ident
-    $<$<CONFIG:Release>:-Os> $<$<CONFIG:Debug>:-O1>)
+    $<$<CONFIG:Release>:-Os> $<$<CONFIG:Debug>:-O1> $<${has_symbols}:-g>)
   target_compile_definitions(talvex_compiler INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
   # Version 6.1: for Windows 7 or newer, as Visual Studio's linker sets by default. Under 4.0, ld's default,
   # windows get the frame sizes of older systems.

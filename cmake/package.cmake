@@ -1,11 +1,13 @@
-# What is installed and packed, in three components: the helper for players, the publisher's tool, and the update
-# library for those who build the client.
+# What is installed and packed, in four components: the helper for players, the publisher's tool, the update library
+# for those who build the client, and the debug symbols of all three, which stay with who has built them.
 if(TALVEX_HELPER)
   # Programs with a development key must not reach players, because anyone with that build folder could sign
   # updates for them. The installation of a game must not fail for it: it goes without the helper.
   if(TALVEX_DEVELOPMENT_KEY AND PROJECT_IS_TOP_LEVEL)
-    install(CODE [[message(FATAL_ERROR "This build trusts a development key: no release can be made from it. \
-Configure with TALVEX_UPDATE_PUBLIC_KEY set to the file of the publisher's public key.")]] COMPONENT helper)
+    foreach(component IN ITEMS helper symbols)
+      install(CODE [[message(FATAL_ERROR "This build trusts a development key: no release can be made from it. \
+Configure with TALVEX_UPDATE_PUBLIC_KEY set to the file of the publisher's public key.")]] COMPONENT ${component})
+    endforeach()
   endif()
   if(PROJECT_IS_TOP_LEVEL OR NOT TALVEX_DEVELOPMENT_KEY)
     install(TARGETS TalvexUpdateHelper RUNTIME DESTINATION . COMPONENT helper)
@@ -29,6 +31,11 @@ install(FILES "${talvex_package}" DESTINATION lib/cmake/TalvexUpdate COMPONENT l
 # The libraries need nothing that the consumer would have to find first: the list of targets is the package.
 install(EXPORT TalvexUpdate FILE TalvexUpdateConfig.cmake NAMESPACE TalvexUpdate::
   DESTINATION lib/cmake/TalvexUpdate COMPONENT library)
+
+get_property(talvex_symbol_files GLOBAL PROPERTY TALVEX_SYMBOL_FILES)
+if(talvex_symbol_files)
+  install(FILES ${talvex_symbol_files} DESTINATION . CONFIGURATIONS Release COMPONENT symbols)
+endif()
 
 # An archive for each component.
 if(PROJECT_IS_TOP_LEVEL)

@@ -27,9 +27,23 @@ publish_elsewhere() {
   configure_elsewhere "-DTALVEX_UPDATE_PUBLIC_KEY=$build/development-key/public.pem"
 }
 
+code_of() { (cd "$1" && x86_64-w64-mingw32-objdump -s -j .text "$2"); }  # of both architectures, with its addresses
+symbols_are_of_its_code() {  # FOLDER FILE
+  code_of "$1" "$2" > "$work/code" && code_of "$1/unstripped" "$2" | cmp - "$work/code"
+}
+symbols_name_last_export() {  # DLL
+  x86_64-w64-mingw32-objdump -p "$1" > "$work/headers"
+  base=$(awk '$1 == "ImageBase" { print $2 }' "$work/headers")
+  offset=$(awk '/Export RVA$/ { offset = $(NF - 2) } END { print offset }' "$work/headers")
+  x86_64-w64-mingw32-addr2line -f -e "$1.debug" "$(printf %x $((0x$base + 0x$offset)))" > "$work/place"
+  grep '^talvex_stage' "$work/place" && grep 'client/talvex_update\.cpp:[1-9]' "$work/place"
+}
+
 refusal='This build trusts a development key: no release can be made from it.'
-check "no release is installed from a build with a development key" \
-  refuses "$refusal" cmake --install "$build" --component helper --prefix "$work/refused"
+for component in helper symbols; do
+  check "the component $component is not installed from a build with a development key" \
+    refuses "$refusal" cmake --install "$build" --component $component --prefix "$work/refused"
+done
 check "no release is packed from a build with a development key" \
   refuses "$refusal" cpack --config "$build/CPackConfig.cmake" -B "$work/package"
 check "nothing was installed or packed meanwhile" \
@@ -43,4 +57,13 @@ check "it has no tests, which would need the private key" test ! -e "$elsewhere/
 check "a release is installed from it" \
   cmake --install "$elsewhere/out" --component helper --prefix "$work/release"
 check "it is the helper alone" test "$(ls "$work/release")" = TalvexUpdateHelper.exe
+if [ "$configuration" = Release ]; then
+  for file in TalvexUpdateHelper.exe TalvexPublish.exe TalvexUpdate.dll x64/TalvexUpdate.dll; do
+    folder=$(dirname "$build/$file")
+    check "the symbols of $file are those of its code" symbols_are_of_its_code "$folder" "${file##*/}"
+  done
+  for dll in TalvexUpdate.dll x64/TalvexUpdate.dll; do
+    check "the symbols of $dll name what it exports" symbols_name_last_export "$build/$dll"
+  done
+fi
 finish_checks
