@@ -9,6 +9,7 @@
 #include "client/helper_start.h"
 #include "client/install_attempts.h"
 #include "client/installed_release.h"
+#include "client/read_only_files.h"
 #include "client/work_directory.h"
 #include "core/memory_shortage.h"
 #include "core/regular_file.h"
@@ -130,6 +131,11 @@ std::int32_t Settlement::RollBack(const ClientLock& lock, bool is_whole, Failure
   if (!MayExist(FailedNotePath(client_root_))) {
     LeaveNote(InterruptedNotePath(client_root_));
   }
+  for (const RollbackEntry& row : LoadJournal(client_root_).entries) {
+    ClearReadOnly(client_root_, row.wide_path);
+    ClearReadOnly(client_root_, JoinPath(FilesDirectory(PreviousDirectory(L"")), row.wide_path));
+  }
+  ClearReadOnlyRecords(client_root_);
   Failure of_start;
   if (StartRollback(client_root_, keys_, lock, of_start) == TALVEX_OK) {
     // The helper waits for this process to end, so the note is in time. Whatever fails now, the helper runs.

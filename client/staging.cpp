@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "client/read_only_files.h"
 #include "client/work_directory.h"
 #include "core/regular_file.h"
 #include "core/sha256.h"
@@ -28,18 +29,6 @@ std::uint64_t SizeOf(const std::wstring& path) {
     return 0;
   }
   return (std::uint64_t{data.nFileSizeHigh} << 32) | data.nFileSizeLow;
-}
-
-// A read-only file can be moved away but not replaced, and its copy could not be restored for good.
-void ClearReadOnly(const std::wstring& client_root, std::wstring_view relative_path) {
-  std::wstring path;
-  UpdateError unreported;  // what cannot be changed here, the helper rejects
-  if (ResolveCheckedPath(client_root, relative_path, path, unreported)) {
-    const DWORD attributes = GetFileAttributesW(path.c_str());
-    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY) != 0) {
-      SetFileAttributesW(path.c_str(), attributes & ~DWORD{FILE_ATTRIBUTE_READONLY});
-    }
-  }
 }
 
 // Whether a file or a link stands where a directory of the relative path belongs.
@@ -100,7 +89,12 @@ talvex_result Staging::Stage(StagedRelease& staged, Failure& failure) {
   if (const talvex_result result = ProveFiles(failure); result != TALVEX_OK) {
     return result;
   }
-  MakeReplaceable();
+  for (const auto* const entries : {&changes_.installs, &changes_.retires}) {
+    for (const ManifestEntry* const entry : *entries) {
+      ClearReadOnly(client_root_, entry->normalised_path);
+    }
+  }
+  ClearReadOnlyRecords(client_root_);
   return WritePlan(staged, failure);
 }
 
@@ -250,18 +244,6 @@ talvex_result Staging::WritePlan(StagedRelease& staged, Failure& failure) {
       WriteNewFile(pair.signature, offer_.signature, failure.error) &&
       WriteNewFile(plan_path, AsBytes(plan), failure.error);
   return written ? TALVEX_OK : Fail(failure, TALVEX_E_SYSTEM);
-}
-
-void Staging::MakeReplaceable() const {
-  for (const auto* const entries : {&changes_.installs, &changes_.retires}) {
-    for (const ManifestEntry* const entry : *entries) {
-      ClearReadOnly(client_root_, entry->normalised_path);
-    }
-  }
-  const SignedPairPaths cache = SignedPairIn(CacheDirectory(L""));
-  for (const std::wstring& path : {InstalledStatePath(L""), cache.manifest, cache.signature}) {
-    ClearReadOnly(client_root_, path);
-  }
 }
 
 }  // namespace talvex::client

@@ -70,7 +70,6 @@ class Staging {
   [[nodiscard]] bool LocateInStage(const ManifestEntry& entry, std::wstring& path, UpdateError& error);
   [[nodiscard]] talvex_result ProveFiles(Failure& failure);
   [[nodiscard]] talvex_result WritePlan(StagedRelease& staged, Failure& failure);
-  void MakeReplaceable() const;
 
   const std::wstring& client_root_;
   const Callbacks& callbacks_;

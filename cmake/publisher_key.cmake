@@ -11,12 +11,6 @@ set(TALVEX_UPDATE_PUBLIC_KEY "" CACHE FILEPATH
 # Generates the development key pair once. private.blob is the same key in CryptImportKey's format: tests sign
 # with it.
 function(talvex_make_development_key folder)
-  find_program(TALVEX_OPENSSL NAMES openssl
-    HINTS "$ENV{ProgramFiles}/Git/usr/bin" "$ENV{ProgramFiles}/Git/mingw64/bin")
-  if(NOT TALVEX_OPENSSL)
-    message(FATAL_ERROR "A development key cannot be made without openssl: install it, or set "
-      "TALVEX_UPDATE_PUBLIC_KEY to the file of your public key.")
-  endif()
   file(MAKE_DIRECTORY "${folder}")
   # Under a temporary name until all three files exist, so that an interrupted run leaves no partial pair.
   set(making "${folder}/making")
@@ -77,6 +71,12 @@ if(TALVEX_UPDATE_PUBLIC_KEY)
   set(talvex_public_pem "${TALVEX_UPDATE_PUBLIC_KEY}")
 else()
   set(TALVEX_DEVELOPMENT_KEY TRUE)
+  find_program(TALVEX_OPENSSL NAMES openssl
+    HINTS "$ENV{ProgramFiles}/Git/usr/bin" "$ENV{ProgramFiles}/Git/mingw64/bin")
+  if(NOT TALVEX_OPENSSL)
+    message(FATAL_ERROR "A development key cannot be made without openssl: install it, or set "
+      "TALVEX_UPDATE_PUBLIC_KEY to the file of your public key.")
+  endif()
   set(talvex_key_folder "${PROJECT_BINARY_DIR}/development-key")
   set(talvex_public_pem "${talvex_key_folder}/public.pem")
   if(NOT EXISTS "${talvex_key_folder}/private.pem")
