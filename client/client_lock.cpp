@@ -1,10 +1,10 @@
 #include "client/client_lock.h"
 
-#include "client/client_layout.h"
 #include "client/work_directory.h"
 #include "core/child_process.h"
 #include "core/regular_file.h"
 #include "core/retry.h"
+#include "storage/client_notes.h"
 
 namespace talvex::client {
 namespace {

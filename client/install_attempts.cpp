@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <string_view>
 
-#include "client/client_layout.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/text_lines.h"
+#include "storage/client_notes.h"
 
 namespace talvex::client {
 namespace {

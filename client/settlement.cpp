@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "client/client_layout.h"
 #include "client/helper_place.h"
 #include "client/helper_start.h"
 #include "client/install_attempts.h"
@@ -17,6 +16,9 @@
 #include "core/whole_file.h"
 #include "formats/failure_marker.h"
 #include "formats/rollback_journal.h"
+#include "storage/client_notes.h"
+#include "storage/client_root.h"
+#include "storage/update_layout.h"
 
 namespace talvex::client {
 namespace {

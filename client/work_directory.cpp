@@ -4,10 +4,12 @@
 
 #include <vector>
 
-#include "client/client_layout.h"
 #include "core/ascii_case.h"
 #include "core/regular_file.h"
+#include "storage/client_notes.h"
+#include "storage/client_root.h"
 #include "storage/directory_listing.h"
+#include "storage/update_layout.h"
 #include "storage/work_storage.h"
 
 namespace talvex::client {
@@ -35,7 +37,7 @@ bool RemoveEntry(const std::wstring& path, UpdateError& error) {
 
 bool MoveAside(const std::wstring& client_root, const std::wstring& path) {
   for (ULONGLONG number = GetTickCount64();; ++number) {
-    const std::wstring aside = JoinPath(client_root, kAsidePrefix + std::to_wstring(number));
+    const std::wstring aside = AsidePathPrefix(client_root) + std::to_wstring(number);
     if (MoveFileExW(path.c_str(), aside.c_str(), 0)) {
       return true;
     }
@@ -74,7 +76,7 @@ bool ClearFileName(const std::wstring& client_root, const std::wstring& path, Up
 bool ClearOtherStages(const std::wstring& client_root, std::wstring_view kept_stage, UpdateError& error) {
   UpdateError unreported;
   for (const std::wstring& name : NamesIn(client_root)) {
-    if (name.starts_with(kAsidePrefix)) {
+    if (name.starts_with(AsidePathPrefix(L""))) {
       static_cast<void>(RemoveEntry(JoinPath(client_root, name), unreported));
     }
   }

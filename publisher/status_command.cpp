@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "client/client_layout.h"
 #include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "formats/failure_marker.h"
@@ -14,6 +13,7 @@
 #include "publisher/console.h"
 #include "publisher/progress.h"
 #include "publisher/release_check.h"
+#include "storage/client_notes.h"
 #include "storage/client_root.h"
 #include "storage/directory_listing.h"
 #include "storage/update_layout.h"
@@ -113,7 +113,7 @@ void LookForUnsettledWork(const std::wstring& root, Findings& findings) {
   const struct {
     std::wstring name;
     const wchar_t* meaning;
-  } notes[] = {{client::DamagedNotePath(L""), kUnfinishedRepair}, {client::LockPath(L""), kInUse}};
+  } notes[] = {{DamagedNotePath(L""), kUnfinishedRepair}, {LockPath(L""), kInUse}};
   for (const auto& note : notes) {
     if (MayExist(JoinPath(root, note.name))) {
       findings.AddWarning(note.name, note.meaning);

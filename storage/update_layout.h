@@ -1,6 +1,7 @@
 #pragma once
 
-// Every name that the updater gives to a file or directory, and every path below a client root or a stage.
+// Every name that the updater gives to a file or directory, and every path below a client root or a stage;
+// the names that the client alone gives are in client_notes.h.
 //
 //   <client root>
 //     Talvex.exe, TalvexUpdateHelper.exe, ...   the files of the installed release

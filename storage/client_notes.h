@@ -1,6 +1,7 @@
 #pragma once
 
-// The client's own names in the client root, besides those that it shares with the helper (update_layout.h).
+// The names in the client root that only the client gives to a file or directory. The helper knows none of
+// them; what both know is in update_layout.h.
 //
 //   <client root>
 //     .talvex-update~lock            held open by the running client or helper; exists only meanwhile
@@ -24,19 +25,23 @@
 #include "storage/client_root.h"
 #include "storage/update_layout.h"
 
-namespace talvex::client {
+namespace talvex {
 
-inline constexpr wchar_t kAsidePrefix[] = L".talvex-update~aside-";
-
+// Beside the work directory.
 [[nodiscard]] inline std::wstring LockPath(std::wstring_view root) {
-  return JoinPath(root, L".talvex-update~lock");
+  return WorkDirectory(root).append(L"~lock");
 }
 [[nodiscard]] inline std::wstring AttemptsPath(std::wstring_view root) {
-  return JoinPath(root, L".talvex-update~attempts");
+  return WorkDirectory(root).append(L"~attempts");
 }
 [[nodiscard]] inline std::wstring DamagedNotePath(std::wstring_view root) {
-  return JoinPath(root, L".talvex-update~damaged");
+  return WorkDirectory(root).append(L"~damaged");
 }
+[[nodiscard]] inline std::wstring AsidePathPrefix(std::wstring_view root) {  // a number follows
+  return WorkDirectory(root).append(L"~aside-");
+}
+
+// In the work directory.
 [[nodiscard]] inline std::wstring InterruptedNotePath(std::wstring_view root) {
   return JoinPath(WorkDirectory(root), L"interrupted");
 }
@@ -46,9 +51,8 @@ inline constexpr wchar_t kAsidePrefix[] = L".talvex-update~aside-";
 [[nodiscard]] inline std::wstring RestoringNotePath(std::wstring_view root) {
   return JoinPath(PreviousDirectory(root), L"restoring");
 }
-
 [[nodiscard]] inline std::wstring RestoringAgainNotePath(std::wstring_view root) {
   return JoinPath(PreviousDirectory(root), L"restoring-again");
 }
 
-}  // namespace talvex::client
+}  // namespace talvex
