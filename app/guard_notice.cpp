@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdint>
 #include <iterator>
 #include <string>
 #include <string_view>
@@ -48,13 +47,12 @@ int RunGuardNotice(int argument_count, const wchar_t* const* arguments) {
   if (argument_count != kArgumentCount) {
     return kExitUsage;
   }
-  std::uint64_t value = 0;
-  if (!ParseHandleValue(arguments[3], value) || value > kMaxHandleValue ||
-      !IsOpenHandle(HandleFromValue(value))) {
+  const HANDLE operand = ParseHandle(arguments[3]);
+  if (!IsOpenHandle(operand)) {
     return kExitFailed;
   }
   // Order: the notice after the client's exit, because it says that the client was closed.
-  OwnedHandle client(HandleFromValue(value));
+  OwnedHandle client(operand);
   if (!WaitForClientExit(client)) {
     return kExitFailed;
   }

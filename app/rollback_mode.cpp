@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <cstdint>
 #include <string>
 
 #include "app/reporting.h"
@@ -27,15 +26,6 @@ constexpr wchar_t kRestored[] =
     L"The last update could not start correctly, so Talvex restored the previous client files. A newer "
     L"update is required before this release will be tried again.";
 
-bool ParseUsableHandle(const wchar_t* text, HANDLE& handle) {
-  std::uint64_t value = 0;
-  if (!ParseHandleValue(text, value) || value == 0 || value > kMaxHandleValue) {
-    return false;
-  }
-  handle = HandleFromValue(value);
-  return true;
-}
-
 int FailWith(const wchar_t* message) {
   ShowUpdateFailure(message);
   return kExitFailed;
@@ -49,10 +39,9 @@ int RunRollbackMode(int argument_count, const wchar_t* const* arguments) {
   }
   UpdateError unreported;  // an unusable path is invalid data, whatever Windows says of it
   const std::wstring client_root = ResolveClientRoot(arguments[2], unreported);
-  HANDLE parent = nullptr;
-  HANDLE lock = nullptr;
-  if (client_root.empty() || !ParseUsableHandle(arguments[3], parent) ||
-      !ParseUsableHandle(arguments[4], lock)) {
+  const HANDLE parent = ParseHandle(arguments[3]);
+  const HANDLE lock = ParseHandle(arguments[4]);
+  if (client_root.empty() || parent == nullptr || lock == nullptr) {
     return FailWith(kInvalidData);
   }
   // The handles that are still open are closed after a failure's message box.

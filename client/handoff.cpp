@@ -2,11 +2,11 @@
 
 #include <windows.h>
 
-#include <cstdint>
 #include <utility>
 
 #include "core/handoff_variables.h"
 #include "core/text_encoding.h"
+#include "core/transaction_handles.h"
 
 namespace talvex::client {
 namespace {
@@ -38,12 +38,8 @@ Handoff TakeHandoff(bool has_journal) {
   const std::wstring digest_text = TakeVariable(kRelaunchedManifestVariable);
   const std::wstring lock_text = TakeVariable(kHealthLockVariable);
   std::wstring arguments = TakeVariable(kArgumentsVariable);
-  std::uint64_t lock_value = 0;
-  if (!has_journal || !ParseDecimalU64(lock_text, lock_value) || lock_value == 0 || lock_value > UINT32_MAX) {
-    return handoff;
-  }
-  auto* const lock = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(lock_value));
-  if (IsMutex(lock)) {
+  const HANDLE lock = has_journal ? ParseHandle(lock_text.c_str()) : nullptr;
+  if (lock != nullptr && IsMutex(lock)) {
     SetHandleInformation(lock, HANDLE_FLAG_INHERIT, 0);  // it was only meant for this process
     handoff.lock.Reset(lock);  // also without a digest: otherwise the handle would leak
     handoff.present = ParseHexDigest(WideToUtf8(digest_text), handoff.manifest_digest);

@@ -30,9 +30,7 @@ class InheritedHandleList {
   InheritedHandleList& operator=(const InheritedHandleList&) = delete;
   ~InheritedHandleList() {
     if (list_ != nullptr) {
-      const DWORD last_error = GetLastError();
       DeleteProcThreadAttributeList(list_);
-      SetLastError(last_error);
     }
   }
 

@@ -21,6 +21,11 @@ HANDLE HandleFromValue(std::uint64_t value) noexcept {
   return reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(value));
 }
 
+HANDLE ParseHandle(const wchar_t* text) {
+  std::uint64_t value = 0;
+  return ParseHandleValue(text, value) && value <= kMaxHandleValue ? HandleFromValue(value) : nullptr;
+}
+
 bool IsOpenHandle(HANDLE handle) noexcept {
   DWORD flags = 0;
   return handle != nullptr && GetHandleInformation(handle, &flags);

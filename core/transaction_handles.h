@@ -21,6 +21,9 @@ inline constexpr std::uint64_t kMaxHandleValue = 0xFFFFFFFF;
 // The handle of a parsed value that is at most kMaxHandleValue, those above 0x7FFFFFFF included.
 [[nodiscard]] HANDLE HandleFromValue(std::uint64_t value) noexcept;
 
+// Both in one, where 0 and values above kMaxHandleValue are refused like what is no number: null.
+[[nodiscard]] HANDLE ParseHandle(const wchar_t* text);
+
 // Whether Windows knows `handle` as one of this process.
 [[nodiscard]] bool IsOpenHandle(HANDLE handle) noexcept;
 
@@ -33,12 +36,14 @@ inline constexpr std::uint64_t kMaxHandleValue = 0xFFFFFFFF;
 // exits, and its next owner would find it abandoned.
 class TransactionHandles {
  public:
-  TransactionHandles(HANDLE parent, HANDLE lock) noexcept : parent_(parent), lock_(lock) {}
+  // Two equal handles are one, which must be closed once: the lock is then none, so AreOpen is false.
+  TransactionHandles(HANDLE parent, HANDLE lock) noexcept
+      : parent_(parent), lock_(lock == parent ? nullptr : lock) {}
   TransactionHandles(const TransactionHandles&) = delete;
   TransactionHandles& operator=(const TransactionHandles&) = delete;
   ~TransactionHandles() { ReleaseTransactionHandles(); }
 
-  // Whether both values are handles of this process; the lock is checked first.
+  // Whether both values are handles of this process, and not the same; the lock is checked first.
   [[nodiscard]] bool AreOpen() const noexcept;
 
   // WaitForClientExit on the parent handle.

@@ -200,12 +200,14 @@ TEST(Operands, AreRefusedBeforeAnythingIsRead) {
       {false, {{3, client.root}, {7, L"0"}}, kLost},
       {false, {{4, kUnknown}, {7, kHighest}}, kLost},
       {false, {{4, kHighest}, {7, kUnknown}}, kLost},
+      {false, {{4, kHighest}, {7, kHighest}}, kLost},
       {true, {{2, L""}}, kInvalidRollback},
       {true, {{3, L"0"}}, kInvalidRollback},
       {true, {{4, L"0"}}, kInvalidRollback},
       {true, {{4, kTooHigh}}, kInvalidRollback},
       {true, {{3, kUnknown}, {4, kHighest}}, kLostRollback},
       {true, {{3, kHighest}, {4, kUnknown}}, kLostRollback},
+      {true, {{3, kHighest}, {4, kHighest}}, kLostRollback},
   };
   for (const auto& c : cases) {
     client.wrong_arguments = c.wrong_arguments;
