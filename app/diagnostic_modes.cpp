@@ -24,7 +24,7 @@ int RunVerifyManifest(int argument_count, const wchar_t* const* arguments) {
   SignedManifest release;
   UpdateError error;
   if (!LoadSignedManifest({arguments[2], arguments[3]}, PublisherKeyBlob(), release, error)) {
-    WriteConsoleLine(L"ERROR: " + error.Message());
+    WriteConsoleLine(kErrorPrefix + error.Message());
     return kExitFailed;
   }
   const Manifest& manifest = release.manifest;

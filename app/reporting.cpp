@@ -9,7 +9,6 @@
 namespace talvex {
 namespace {
 
-constexpr wchar_t kErrorPrefix[] = L"ERROR: ";
 constexpr wchar_t kUnexplainedFailure[] = L"The update failed. Your existing files were restored.";
 
 }  // namespace

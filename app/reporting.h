@@ -10,8 +10,11 @@ namespace talvex {
 // false, and nothing in the program sets it.
 extern bool console_reporting;
 
-// The caption of every message box about an update.
+// The caption of every message box about an update, and of the status window.
 inline constexpr wchar_t kUpdateCaption[] = L"Talvex Update";
+
+// What the console line of a failure begins with.
+inline constexpr wchar_t kErrorPrefix[] = L"ERROR: ";
 
 // Writes `text` and a line end, as UTF-8, to the starting process's console or to wherever standard output is
 // redirected. Without either, does nothing. A text with a lone surrogate has no UTF-8 form: nothing is

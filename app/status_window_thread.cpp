@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "app/reporting.h"
 #include "app/tray_icon.h"
 #include "core/system_library.h"
 
@@ -16,7 +17,6 @@ namespace talvex {
 namespace {
 
 constexpr wchar_t kWindowClass[] = L"TalvexUpdateStatusWindowV1";
-constexpr wchar_t kWindowTitle[] = L"Talvex Update";
 constexpr DWORD kWindowStyle = WS_CAPTION | WS_SYSMENU | WS_MINIMIZEBOX;
 constexpr int kWindowWidth = 440;
 constexpr int kWindowHeight = 180;
@@ -138,8 +138,9 @@ bool WindowThread::CreateStatusWindow() noexcept {
   taskbar_created_ = RegisterWindowMessageW(L"TaskbarCreated");
 
   const POINT position = WindowPosition();
-  window_ = CreateWindowExW(WS_EX_APPWINDOW, kWindowClass, kWindowTitle, kWindowStyle, position.x, position.y,
-                            kWindowWidth, kWindowHeight, nullptr, nullptr, window_class.hInstance, this);
+  window_ =
+      CreateWindowExW(WS_EX_APPWINDOW, kWindowClass, kUpdateCaption, kWindowStyle, position.x, position.y,
+                      kWindowWidth, kWindowHeight, nullptr, nullptr, window_class.hInstance, this);
   if (window_ == nullptr) {
     return false;
   }

@@ -35,8 +35,6 @@ constexpr wchar_t kWrongHelper[] = L"The update helper is not the one of its rel
 struct CoTaskMemFreeDeleter {
   void operator()(void* memory) const noexcept { CoTaskMemFree(memory); }
 };
-template <typename T>
-using LocalMemory = std::unique_ptr<T, LocalFreeDeleter>;
 
 std::wstring LocalApplicationData() {
   PWSTR path = nullptr;
@@ -125,10 +123,9 @@ std::wstring MakePlace(const std::wstring& client_root, DWORD& code) {
 
 // The path of an open file without any link in it, in the form that `flags` say; empty on failure.
 std::wstring FinalPath(HANDLE file, DWORD flags) {
-  constexpr DWORD kCapacity = 32'768;  // characters
-  std::wstring path(kCapacity, L'\0');
-  const DWORD length = GetFinalPathNameByHandleW(file, path.data(), kCapacity, flags);
-  path.resize(length < kCapacity ? length : 0);
+  std::wstring path(kPathCapacity, L'\0');
+  const DWORD length = GetFinalPathNameByHandleW(file, path.data(), kPathCapacity, flags);
+  path.resize(length < kPathCapacity ? length : 0);
   return path;
 }
 

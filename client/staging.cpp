@@ -11,6 +11,7 @@
 #include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "formats/apply_plan.h"
+#include "formats/managed_file.h"
 #include "formats/text_lines.h"
 #include "storage/client_root.h"
 #include "storage/update_layout.h"
@@ -20,7 +21,6 @@ namespace {
 
 // For what is not a client file: the helper and its copy, manifests, plan and journal.
 constexpr std::uint64_t kSpareBytes = 16'777'216;
-constexpr std::uint64_t kBytesPerMiB = 1'048'576;
 
 // The size of the file at `path` in bytes; 0 when there is none.
 std::uint64_t SizeOf(const std::wstring& path) {

@@ -20,9 +20,6 @@
 namespace talvex::client {
 namespace {
 
-constexpr DWORD kPathCapacity = 32'768;  // characters
-constexpr std::size_t kDriveRootLength = 3;
-
 constexpr DWORD kClosingWaitMs = 2'000;      // for a client or helper that is just exiting
 constexpr DWORD kHelperExitWaitMs = 10'000;  // for the helper that has started this process
 

@@ -12,7 +12,10 @@ struct LocalFreeDeleter {
   void operator()(void* memory) const noexcept { LocalFree(memory); }
 };
 
+template <typename T>
+using LocalMemory = std::unique_ptr<T, LocalFreeDeleter>;
+
 // The words of a command line, as CommandLineToArgvW returns them.
-using ArgumentVector = std::unique_ptr<wchar_t*[], LocalFreeDeleter>;
+using ArgumentVector = LocalMemory<wchar_t*[]>;
 
 }  // namespace talvex

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <string_view>
 
 #include "core/cng.h"
 #include "core/sha256.h"
@@ -13,9 +12,6 @@ namespace {
 constexpr wchar_t kKeyInvalid[] = L"The embedded update public key is invalid.";
 constexpr wchar_t kNotRsa3072[] = L"The update key or signature does not use RSA-3072.";
 constexpr wchar_t kSignatureInvalid[] = L"The update manifest signature is invalid.";
-
-constexpr ULONG kKeyBits = 3072;
-constexpr ULONG kModulusLength = kKeyBits / 8;
 
 static_assert(sizeof(BCRYPT_RSAKEY_BLOB) == 24, "the blob's header is six 32-bit fields");
 

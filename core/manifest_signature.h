@@ -3,11 +3,15 @@
 // The publisher's RSA-3072 signature over a manifest.
 
 #include <cstddef>
+#include <cstdint>
 #include <span>
 
 #include "core/update_error.h"
 
 namespace talvex {
+
+inline constexpr std::uint32_t kKeyBits = 3072;
+inline constexpr std::uint32_t kModulusLength = kKeyBits / 8;  // bytes
 
 // Verifies that `signature` is the RSASSA-PKCS1-v1_5 signature with SHA-256 over exactly `manifest_bytes`,
 // made with the private half of `key_blob` (a CNG RSA public key blob). The manifest must not be parsed

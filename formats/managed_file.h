@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "core/owned_handle.h"
 #include "core/sha256.h"
@@ -12,6 +11,9 @@
 #include "formats/manifest.h"
 
 namespace talvex {
+
+// The unit in which people are told the sizes of files.
+inline constexpr std::uint64_t kBytesPerMiB = 1'048'576;
 
 // Verifies the file at `path` by the size and the digest of `entry`. A file above `size_limit` bytes or of
 // another size is rejected before a byte of it is read: a wrong file of a terabyte costs nothing. Messages:

@@ -8,6 +8,7 @@
 #include <functional>
 #include <string_view>
 
+#include "core/manifest_signature.h"
 #include "formats/text_lines.h"
 
 namespace talvex {

@@ -2,13 +2,13 @@
 
 #include <string>
 
+#include "formats/managed_file.h"
 #include "publisher/console.h"
 
 namespace talvex {
 namespace {
 
 constexpr ULONGLONG kIntervalMs = 2'000;
-constexpr std::uint64_t kMebibyte = 1'048'576;  // bytes
 
 }  // namespace
 
@@ -23,8 +23,8 @@ void Progress::Report(std::uint64_t bytes_of_file, void* context) {
   }
   self.last_line_ms_ = now;
   WriteLine(Stream::kError, std::wstring(self.verb_) + L" " +
-                                std::to_wstring((self.finished_ + bytes_of_file) / kMebibyte) + L" of " +
-                                std::to_wstring(self.total_ / kMebibyte) + L" MiB");
+                                std::to_wstring((self.finished_ + bytes_of_file) / kBytesPerMiB) + L" of " +
+                                std::to_wstring(self.total_ / kBytesPerMiB) + L" MiB");
 }
 
 }  // namespace talvex

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "core/manifest_signature.h"
 #include "core/public_key_pem.h"
 #include "formats/text_lines.h"
 
@@ -17,7 +18,6 @@ namespace {
 constexpr std::uint32_t kPemSizeLimit = 16'384;  // bytes
 constexpr std::string_view kPrivateKeyMark = "PRIVATE KEY-----";
 
-constexpr ULONG kKeyBits = 3072;
 // 65537, big-endian; the helper's build embeds no other.
 constexpr unsigned char kExponent[] = {0x01, 0x00, 0x01};
 

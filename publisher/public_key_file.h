@@ -11,8 +11,7 @@
 
 namespace talvex {
 
-inline constexpr std::size_t kModulusLength = 384;  // bytes, of an RSA-3072 key
-inline constexpr std::size_t kPemLineLength = 64;   // characters of base64
+inline constexpr std::size_t kPemLineLength = 64;  // characters of base64
 
 // One key in its two forms.
 struct PublicKey {

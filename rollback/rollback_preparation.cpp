@@ -17,9 +17,6 @@
 namespace talvex {
 namespace {
 
-// The longest path in Windows, terminating zero included.
-constexpr DWORD kModulePathLength = 32'768;
-
 constexpr wchar_t kTargetNotRegular[] = L"An update target is not a regular file.";
 constexpr wchar_t kTargetLinks[] = L"An update target has unsafe file links.";
 constexpr wchar_t kRetiredChanged[] = L"A retired managed file changed locally and was not deleted.";
@@ -81,9 +78,9 @@ bool SaveStateAndCache(const std::wstring& client_root, const std::wstring& prev
 
 // The path of the running program; empty when it does not fit the buffer.
 std::wstring RunningProgramPath() {
-  std::vector<wchar_t> buffer(kModulePathLength);
-  const DWORD length = GetModuleFileNameW(nullptr, buffer.data(), kModulePathLength);
-  return length < kModulePathLength ? std::wstring(buffer.data(), length) : std::wstring();
+  std::vector<wchar_t> buffer(kPathCapacity);
+  const DWORD length = GetModuleFileNameW(nullptr, buffer.data(), kPathCapacity);
+  return length < kPathCapacity ? std::wstring(buffer.data(), length) : std::wstring();
 }
 
 // The helper that will roll back must be the one in the new manifest: a copy of anything else would be an

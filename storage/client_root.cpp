@@ -11,13 +11,9 @@
 namespace talvex {
 namespace {
 
-// The longest path that GetFullPathNameW can return, terminating zero included.
-constexpr DWORD kResolveBufferLength = 32'768;
 // A full path below the root must be shorter: the classic Windows limit, so that the client and every other
 // program can open what the helper installs.
 constexpr std::size_t kFullPathLimit = 260;
-// "C:\" is the longest root whose separator belongs to it.
-constexpr std::size_t kDriveRootLength = 3;
 
 constexpr wchar_t kRootEmpty[] = L"The client directory is empty.";
 constexpr wchar_t kRootUnresolved[] = L"Could not resolve the client directory";
@@ -34,9 +30,9 @@ bool IsSeparator(wchar_t unit) {
 
 // The absolute form of `path`; empty, with `error` set, when there is none that fits the buffer.
 std::wstring AbsolutePath(const std::wstring& path, const wchar_t* message, UpdateError& error) {
-  const auto buffer = std::make_unique_for_overwrite<wchar_t[]>(kResolveBufferLength);
-  const DWORD length = GetFullPathNameW(path.c_str(), kResolveBufferLength, buffer.get(), nullptr);
-  if (length == 0 || length >= kResolveBufferLength) {
+  const auto buffer = std::make_unique_for_overwrite<wchar_t[]>(kPathCapacity);
+  const DWORD length = GetFullPathNameW(path.c_str(), kPathCapacity, buffer.get(), nullptr);
+  if (length == 0 || length >= kPathCapacity) {
     SetWindowsError(error, message, GetLastError());
     return {};
   }
@@ -51,7 +47,7 @@ bool LiesInside(std::wstring_view full_path, std::wstring_view root) {
 }
 
 // Cuts the next component off the front of `rest`.
-std::wstring_view TakeComponent(std::wstring_view& rest) {
+std::wstring_view ConsumeComponent(std::wstring_view& rest) {
   const std::size_t end = rest.find(L'\\');
   const std::wstring_view component = rest.substr(0, end);
   rest.remove_prefix(end == std::wstring_view::npos ? rest.size() : end + 1);
@@ -110,7 +106,7 @@ bool RejectReparsePoints(std::wstring_view client_directory, std::wstring_view r
   }
   // The components as written, not those of the normalised path: a link must be found where it is.
   while (!relative_path.empty()) {
-    current = JoinPath(current, TakeComponent(relative_path));
+    current = JoinPath(current, ConsumeComponent(relative_path));
     if (relative_path.empty() && last == LastComponent::kUnchecked) {
       return true;
     }
@@ -143,7 +139,7 @@ bool CreateUpdateDirectory(std::wstring_view client_directory, std::wstring_view
     return false;
   }
   while (!relative_path.empty()) {
-    const std::wstring_view component = TakeComponent(relative_path);
+    const std::wstring_view component = ConsumeComponent(relative_path);
     if (component.empty()) {
       continue;
     }

@@ -7,12 +7,20 @@
 // drive root keeps its own). Relative paths have "\" as their only separator. Despite the name, any directory
 // may serve as the client directory.
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 #include "core/update_error.h"
 
 namespace talvex {
+
+// The longest path in Windows, in characters, terminating zero included.
+inline constexpr std::uint32_t kPathCapacity = 32'768;
+
+// "C:\" is the longest root whose separator belongs to it.
+inline constexpr std::size_t kDriveRootLength = 3;
 
 // Makes `client_directory` absolute. A failure returns an empty text and one of:
 //   "The client directory is empty."
