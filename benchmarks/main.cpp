@@ -25,8 +25,10 @@
 #include "core/owned_handle.h"
 #include "core/sha256.h"
 #include "formats/apply_plan.h"
+#include "formats/managed_file.h"
 #include "formats/text_lines.h"
 #include "storage/client_root.h"
+#include "storage/update_layout.h"
 #include "tests/support/helper_run.h"
 #include "tests/support/test_release.h"
 
@@ -34,7 +36,6 @@ namespace talvex::bench {
 namespace {
 
 constexpr double kCompletedTextSeconds = 1.2;  // the fixed wait at the end of an update
-constexpr std::uint64_t kMiB = 1'048'576;
 
 std::ofstream csv;
 bool all_within = true;
@@ -116,7 +117,7 @@ void BenchHash() {
   constexpr double kSize = 64;  // MiB
   test::ScratchDirectory scratch;
   const std::wstring path = scratch / L"file";
-  test::WriteTestFile(path, std::string(static_cast<std::size_t>(kSize) * kMiB, 'x'));
+  test::WriteTestFile(path, std::string(static_cast<std::size_t>(kSize) * kBytesPerMiB, 'x'));
   std::vector<double> bare_rates;
   std::vector<double> ratios;
   for (int round = 0; round < 31; ++round) {
@@ -138,7 +139,7 @@ void BenchApply() {
     WorkloadSize size;
     int rounds;
   } cases[] = {{"one byte", {1, 1}, 5},
-               {"512 MiB in 8 files", {8, 64 * kMiB}, 5},
+               {"512 MiB in 8 files", {8, 64 * kBytesPerMiB}, 5},
                {"1,000 files of 64 KiB", {1'000, 65'536}, 3}};
   for (const auto& c : cases) {
     std::vector<double> apply;
@@ -171,7 +172,7 @@ void BenchGrowth() {
   };
   const double fixed = median({1, 1}, 5);
   const auto per_byte = [&](std::uint64_t mib) {
-    return (median({8, mib * kMiB / 8}, 3) - fixed) / static_cast<double>(mib);
+    return (median({8, mib * kBytesPerMiB / 8}, 3) - fixed) / static_cast<double>(mib);
   };
   const double small = per_byte(64);
   Report("cost per byte: 256 MiB against 64 MiB", per_byte(256) / small, "x", 0, 1.10);
@@ -224,7 +225,8 @@ double PeakMemory(const std::wstring& program, const std::vector<std::wstring>& 
     const OwnedHandle process(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, process_id));
     PROCESS_MEMORY_COUNTERS counters{};
     if (process.IsValid() && GetProcessMemoryInfo(process.Get(), &counters, sizeof(counters))) {
-      peak = std::max(peak, static_cast<double>(counters.PeakWorkingSetSize) / static_cast<double>(kMiB));
+      peak = std::max(peak,
+                      static_cast<double>(counters.PeakWorkingSetSize) / static_cast<double>(kBytesPerMiB));
     }
   });
   Require(result.exit_code == 0 && peak != 0, "measuring memory");
@@ -235,12 +237,12 @@ void BenchMemory() {
   const double empty = PeakMemory(EmptyProgram(), {}, {});
   // A copy, because a helper that has installed an update is deleted at the next start of Windows.
   test::ScratchDirectory place;
-  const std::wstring helper = place / L"TalvexUpdateHelper.exe";
-  Require(CopyFileW(test::BuiltProgram(L"TalvexUpdateHelper.exe").c_str(), helper.c_str(), TRUE),
-          "copying the helper");
+  const std::wstring helper = place / kHelperFileName;
+  Require(CopyFileW(test::BuiltProgram(kHelperFileName).c_str(), helper.c_str(), TRUE), "copying the helper");
   Report("peak memory of an empty windowed program", empty, "MiB", 0, 0);
-  for (const auto& [what, size] : {std::pair<const char*, WorkloadSize>{"1 GiB in 8 files", {8, 128 * kMiB}},
-                                   std::pair<const char*, WorkloadSize>{"1,022 files", {1'022, 1'024}}}) {
+  for (const auto& [what, size] :
+       {std::pair<const char*, WorkloadSize>{"1 GiB in 8 files", {8, 128 * kBytesPerMiB}},
+        std::pair<const char*, WorkloadSize>{"1,022 files", {1'022, 1'024}}}) {
     const Workload workload(size, helper, EmptyProgram());
     const OwnedHandle parent = test::MakeInheritableEvent(true);
     const OwnedHandle lock = test::MakeInheritableMutex();
@@ -271,7 +273,7 @@ double TimeProgram(const std::wstring& program, std::wstring command_line) {
 }
 
 void BenchStart() {
-  const std::wstring helper = test::BuiltProgram(L"TalvexUpdateHelper.exe");
+  const std::wstring helper = test::BuiltProgram(kHelperFileName);
   std::vector<double> verdict;
   std::vector<double> empty;
   for (int round = 0; round < 40; ++round) {
@@ -320,13 +322,13 @@ void BenchPublish() {
   constexpr int kRounds = 3;
   test::ScratchDirectory scratch;
   const std::wstring client = scratch / L"client";
-  std::vector<std::wstring> names = {L"Talvex.exe", L"TalvexUpdateHelper.exe"};
+  std::vector<std::wstring> names = {kClientFileName, kHelperFileName};
   for (const std::wstring& name : names) {
     test::WriteTestFile(client + L"\\" + name, test::ReadTestFile(test::BuiltProgram(name)));
   }
   for (std::size_t i = names.size(); i < kManifestFileLimit; ++i) {
     names.push_back(std::to_wstring(i % 16) + L"\\" + std::to_wstring(i));
-    test::WriteTestFile(client + L"\\" + names.back(), std::string(kMiB, static_cast<char>(i)));
+    test::WriteTestFile(client + L"\\" + names.back(), std::string(kBytesPerMiB, static_cast<char>(i)));
   }
   const std::wstring program = test::BuiltProgram(L"TalvexPublish.exe");
   const std::wstring key =
@@ -358,9 +360,9 @@ void BenchPublish() {
       TimeProgram(program,
                   L"publish release " + client + L" --out " + release + L" --name 1 --sequence 1" + key);
     });
-    test::WriteTestFile(release + L"\\manifest.sig",
-                        test::SignWithKey(test::ReadTestFile(release + L"\\manifest.txt")));
-    measure(best.hashing, [&] { hash_all(release + L"\\files"); });
+    const SignedPairPaths pair = SignedPairIn(release);
+    test::WriteTestFile(pair.signature, test::SignWithKey(test::ReadTestFile(pair.manifest)));
+    measure(best.hashing, [&] { hash_all(FilesDirectory(release)); });
     measure(best.verifying, [&] { TimeProgram(program, L"publish verify " + release + key); });
     test::RemoveTestTree(release);
   }
@@ -372,8 +374,7 @@ void BenchPublish() {
 
 void BenchSize() {
   WIN32_FILE_ATTRIBUTE_DATA data{};
-  Require(GetFileAttributesExW(test::BuiltProgram(L"TalvexUpdateHelper.exe").c_str(), GetFileExInfoStandard,
-                               &data),
+  Require(GetFileAttributesExW(test::BuiltProgram(kHelperFileName).c_str(), GetFileExInfoStandard, &data),
           "looking for the program");
   Report("size of TalvexUpdateHelper.exe", data.nFileSizeLow / 1024.0, "KiB", 0, 400);
 }

@@ -1,12 +1,12 @@
 #include "benchmarks/workload.h"
 
-#include <bcrypt.h>
-
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdio>
 
+#include "core/cng.h"
+#include "core/owned_handle.h"
 #include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
@@ -86,7 +86,7 @@ void MakeCheckCalls(const std::wstring& folder, const std::wstring& path) {
 }  // namespace
 
 Workload::Workload(const WorkloadSize& size, const std::wstring& helper, const std::wstring& client) {
-  const std::wstring staging = scratch_ / L"client\\.talvex-update\\staging";
+  const std::wstring staging = JoinPath(WorkDirectory(root_), L"staging");
   manifest_.release = "bench";
   manifest_.sequence = 1;
   test::WriteTestFile(JoinPath(root_, kHelperFileName), test::ReadTestFile(helper));
@@ -173,21 +173,22 @@ bool BareHash(const std::wstring& path) {
   static std::vector<UCHAR> buffer(kFilePieceSize);
   const OwnedHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                      FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-  BCRYPT_ALG_HANDLE provider = nullptr;
-  BCRYPT_HASH_HANDLE hash = nullptr;
-  UCHAR digest[32] = {};
-  BCryptOpenAlgorithmProvider(&provider, BCRYPT_SHA256_ALGORITHM, nullptr, 0);
-  BCryptCreateHash(provider, &hash, nullptr, 0, nullptr, 0, 0);
+  const OwnedAlgorithmProvider provider = OpenAlgorithmProvider(BCRYPT_SHA256_ALGORITHM);
+  BCRYPT_HASH_HANDLE created = nullptr;
+  if (provider == nullptr ||
+      !BCRYPT_SUCCESS(Cng()->BCryptCreateHash(provider.get(), &created, nullptr, 0, nullptr, 0, 0))) {
+    return false;
+  }
+  const OwnedHash hash(created);
+  Sha256Digest digest;
   DWORD read = 0;
   bool hashed = false;
   do {
     hashed = ReadFile(file.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr) != 0 &&
-             BCRYPT_SUCCESS(BCryptHashData(hash, buffer.data(), read, 0));
+             BCRYPT_SUCCESS(Cng()->BCryptHashData(hash.get(), buffer.data(), read, 0));
   } while (hashed && read != 0);
-  hashed = hashed && BCRYPT_SUCCESS(BCryptFinishHash(hash, digest, sizeof(digest), 0));
-  BCryptDestroyHash(hash);
-  BCryptCloseAlgorithmProvider(provider, 0);
-  return hashed;
+  return hashed && BCRYPT_SUCCESS(Cng()->BCryptFinishHash(hash.get(), digest.bytes.data(),
+                                                          static_cast<ULONG>(digest.bytes.size()), 0));
 }
 
 double Seconds() {

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "formats/manifest.h"
+#include "storage/client_root.h"
+#include "storage/update_layout.h"
 #include "tests/support/scratch_directory.h"
 
 namespace talvex::bench {
@@ -41,7 +43,7 @@ class Workload {
   test::ScratchDirectory scratch_;
   std::wstring root_ = scratch_ / L"client";
   std::wstring stage_;
-  std::wstring copies_ = scratch_ / L"client\\.talvex-update\\baseline";
+  std::wstring copies_ = JoinPath(WorkDirectory(root_), L"baseline");
   Manifest manifest_;
   std::string plan_;
   std::vector<const ManifestEntry*> install_;
