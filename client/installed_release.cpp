@@ -61,10 +61,10 @@ bool MayFollow(const InstalledRelease& installed, std::uint64_t lowest_sequence,
   lower_bound.present = installed.manifest.sequence != 0;
   lower_bound.sequence = installed.manifest.sequence;
   lower_bound.manifest_digest = installed.manifest.digest;
-  InstalledState floor;
-  floor.present = offered.sequence < lowest_sequence;
-  floor.sequence = lowest_sequence;
-  return CheckReleaseOrder(lower_bound, offered, error) && CheckReleaseOrder(floor, offered, error);
+  InstalledState minimum;
+  minimum.present = offered.sequence < lowest_sequence;
+  minimum.sequence = lowest_sequence;
+  return CheckReleaseOrder(lower_bound, offered, error) && CheckReleaseOrder(minimum, offered, error);
 }
 
 std::uint64_t TotalSize(const Manifest& manifest) {
@@ -99,8 +99,7 @@ bool VerifyInstalledRelease(const std::wstring& client_root, const TrustedKeys& 
           error = {};  // only the last attempt's message counts
           return IsFileOfRelease(client_root, entry, progress, error);
         })) {
-      SetError(error, entry.normalised_path + L": " + error.Message());
-      return false;
+      return Refuse(error, entry.normalised_path + L": " + error.Message());
     }
     progress.FinishFile(entry.size);
   }

@@ -84,13 +84,13 @@ class RetrySchedule {
   RetryBudget* budget_ = nullptr;
 };
 
-// Returns the result of `look` (a PathKind, a FileState), retried while it is kUnknown.
-template <typename Look>
-[[nodiscard]] auto LookWithRetry(RetrySchedule& schedule, Look look) {
-  auto result = decltype(look())::kUnknown;
+// Returns the result of `probe` (a PathKind, a FileState), retried while it is kUnknown.
+template <typename Probe>
+[[nodiscard]] auto LookWithRetry(RetrySchedule& schedule, Probe probe) {
+  auto result = decltype(probe())::kUnknown;
   static_cast<void>(schedule.Try([&] {
-    result = look();
-    return result != decltype(look())::kUnknown;
+    result = probe();
+    return result != decltype(probe())::kUnknown;
   }));
   return result;
 }

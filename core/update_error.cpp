@@ -38,6 +38,11 @@ bool Refuse(UpdateError& error, const wchar_t* message) {
   return false;
 }
 
+bool Refuse(UpdateError& error, const std::wstring& message) {
+  SetError(error, message);
+  return false;
+}
+
 bool RefuseWithWindowsError(UpdateError& error, const wchar_t* prefix, DWORD code) {
   SetWindowsError(error, prefix, code);
   return false;

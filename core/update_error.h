@@ -37,6 +37,7 @@ void SetWindowsError(UpdateError& error, const wchar_t* prefix, DWORD code);
 
 // SetError in one expression with the failure: `return Refuse(error, kWhy);`.
 [[nodiscard]] bool Refuse(UpdateError& error, const wchar_t* message);
+[[nodiscard]] bool Refuse(UpdateError& error, const std::wstring& message);
 
 // SetWindowsError in one expression with the failure.
 [[nodiscard]] bool RefuseWithWindowsError(UpdateError& error, const wchar_t* prefix, DWORD code);

@@ -29,8 +29,8 @@ constexpr wchar_t kNoWayToKey[] =
     L"for a forgery. First publish a release that is signed with the old key and whose client holds both, "
     L"and compare with that.";
 constexpr wchar_t kClientUnreadable[] =
-    L"is signed with another key, so its client has to be looked at, and that is not the one of its "
-    L"manifest: ";
+    L"is signed with another key, so its client has to be looked at, "
+    L"and that is not the one of its manifest: ";
 
 // What is known about one older release.
 struct OldRelease {

@@ -51,8 +51,8 @@ constexpr wchar_t kTrustsTwoKeys[] =
     L"holds more than one key, so it cannot be told which one it trusts. Build it from clean sources.";
 constexpr wchar_t kClientLacksKey[] =
     L"does not hold the key that this release is signed with, so it could verify no later release and start "
-    L"no rollback. Build it with this key, or declare with --client-key-elsewhere that it reads the key "
-    L"from another file.";
+    L"no rollback. Build it with this key, or declare with --client-key-elsewhere "
+    L"that it reads the key from another file.";
 
 constexpr wchar_t kClientLacksOtherKey[] =
     L"could follow no release that is signed with the other key, because it does not hold ";

@@ -141,8 +141,7 @@ bool CopyReleaseFiles(const ReleaseTree& tree, const std::wstring& directory, Ma
   for (const ReleaseFile& file : tree.files) {
     UpdateError reason;
     if (!copy.Copy(file, programs, draft.entries.emplace_back(), reason)) {
-      SetError(error, file.full_path + L": " + reason.Message());
-      return false;
+      return Refuse(error, file.full_path + L": " + reason.Message());
     }
   }
   return true;

@@ -21,8 +21,8 @@ namespace talvex {
 namespace {
 
 constexpr wchar_t kLink[] =
-    L"is a link or another kind of reparse point, which a release cannot hold. Put the file itself in its "
-    L"place.";
+    L"is a link or another kind of reparse point, which a release cannot hold. "
+    L"Put the file itself in its place.";
 constexpr wchar_t kHardLinks[] = L"has more than one hard link. Copy it, so that it has one.";
 constexpr wchar_t kEmptyFile[] =
     L"is empty, and the updater cannot manage empty files. Leave it out, or write something into it.";

@@ -30,16 +30,16 @@ constexpr wchar_t kDoNotAgree[] = L"names another release than the manifest in t
 constexpr wchar_t kDiffers[] = L"is not the file of the installed release. The next update replaces it.";
 constexpr wchar_t kMissing[] = L"is missing. The next update installs it.";
 constexpr wchar_t kUnsettled[] =
-    L"is the journal of an update that was not confirmed. Start the client: it confirms the update or rolls "
-    L"it back.";
+    L"is the journal of an update that was not confirmed. "
+    L"Start the client: it confirms the update or rolls it back.";
 constexpr wchar_t kJournalDamaged[] = L" The update cannot be rolled back; install the release again.";
 constexpr wchar_t kStage[] = L"is left of an update that was not finished. The next update removes it.";
 constexpr wchar_t kUnfinishedRepair[] =
     L"says that files were found damaged, and have not been found whole since. Start the client: it looks "
     L"again, and an update repairs them.";
 constexpr wchar_t kInUse[] =
-    L"is held by a client or helper that is running, and may be changing what was looked at. Close the game "
-    L"first.";
+    L"is held by a client or helper that is running, and may be changing what was looked at. "
+    L"Close the game first.";
 constexpr wchar_t kListingFailed[] = L"Could not list the directory";
 constexpr wchar_t kFailedRelease[] =
     L"Rolled back earlier, and not installed again: the release with manifest-sha256 ";
@@ -79,7 +79,7 @@ void CompareFiles(const std::wstring& root, const Manifest& manifest, Findings& 
   }
 }
 
-void LookForStages(const std::wstring& root, Findings& findings) {
+void CheckForStages(const std::wstring& root, Findings& findings) {
   const std::wstring directory = WorkDirectory(root);
   if (!MayExist(directory)) {
     return;
@@ -91,13 +91,14 @@ void LookForStages(const std::wstring& root, Findings& findings) {
     }
   }
   const DWORD code = listing.OpenError() != ERROR_SUCCESS ? listing.OpenError() : listing.EndError();
-  UpdateError error;
-  if (code != ERROR_SUCCESS && !RefuseWithWindowsError(error, kListingFailed, code)) {
+  if (code != ERROR_SUCCESS) {
+    UpdateError error;
+    SetWindowsError(error, kListingFailed, code);
     findings.AddError(WorkDirectory(L""), error.Message());
   }
 }
 
-void LookForUnsettledWork(const std::wstring& root, Findings& findings) {
+void CheckForUnsettledWork(const std::wstring& root, Findings& findings) {
   const std::wstring journal_path = RollbackJournalPath(PreviousDirectory(root));
   if (MayExist(journal_path)) {
     RollbackJournal journal;
@@ -109,7 +110,7 @@ void LookForUnsettledWork(const std::wstring& root, Findings& findings) {
       findings.AddError(name, error.Message() + kJournalDamaged);
     }
   }
-  LookForStages(root, findings);
+  CheckForStages(root, findings);
   const struct {
     std::wstring name;
     const wchar_t* meaning;
@@ -145,7 +146,7 @@ int ShowStatus(const StatusOptions& options) {
   } else {
     ExplainMistrust(root, key, findings);
   }
-  LookForUnsettledWork(root, findings);
+  CheckForUnsettledWork(root, findings);
   // No finding: the marker stays for good, also when a newer release is installed.
   Sha256Digest failed;
   const bool has_failed = LoadFailureMarker(root, failed);

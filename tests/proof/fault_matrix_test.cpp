@@ -212,7 +212,8 @@ std::string CheckReport(const Scenario& scenario, const FaultPoint& fault, const
   return "";
 }
 
-// Whether a call that fails in passing is tried again; nothing, where the same call is made in several places.
+// Whether a call that fails with a transient code is tried again; nothing, where the same call is made in
+// several places.
 std::optional<bool> IsRetried(const Scenario& scenario, const ApiCall& call) {
   const std::wstring path = call.Path() + L"\\";
   const bool is_cleared = path.find(L"\\.talvex-update\\") != path.npos && path.find(L".new") == path.npos;
@@ -240,9 +241,9 @@ std::optional<bool> IsRetried(const Scenario& scenario, const ApiCall& call) {
   return changes || (opens && !proves);
 }
 
-// What is wrong with a run in which a call has failed in passing.
-std::string CheckPassing(const Scenario& scenario, const FaultPoint& fault, const RunRecord& record,
-                         const Tree& tree) {
+// What is wrong with a run in which a call has failed with a transient code.
+std::string CheckTransient(const Scenario& scenario, const FaultPoint& fault, const RunRecord& record,
+                           const Tree& tree) {
   const std::optional<bool> is_retried = IsRetried(scenario, scenario.clean.calls[fault.index]);
   const DWORD schedule_ms = fault.times == 1 ? 50 : 1'950;
   if (is_retried && record.waited_ms != (*is_retried ? schedule_ms : 0)) {
@@ -261,7 +262,7 @@ struct Mode {
   const char* name;
   Fault fault;
   std::string_view only = {};  // the calls it is for; empty: every call
-  int passes_after = 0;        // failures with a code that may pass
+  int transient_failures = 0;  // before the call succeeds
   DWORD code = 0;
 };
 const Mode kModes[] = {
@@ -279,8 +280,8 @@ const Mode kModes[] = {
     {"MoveReplacementFailsHalfWay", Fault::kFail, "ReplaceFileW", 0, ERROR_UNABLE_TO_MOVE_REPLACEMENT_2},
 };
 
-constexpr DWORD kPassingCodes[] = {ERROR_ACCESS_DENIED, ERROR_SHARING_VIOLATION, ERROR_LOCK_VIOLATION,
-                                   ERROR_BUSY, ERROR_USER_MAPPED_FILE};
+constexpr DWORD kTransientCodes[] = {ERROR_ACCESS_DENIED, ERROR_SHARING_VIOLATION, ERROR_LOCK_VIOLATION,
+                                     ERROR_BUSY, ERROR_USER_MAPPED_FILE};
 
 // Every call of an update in the ways in which a call fails or the helper dies, an even sample of the rest.
 // (A step that 2 or 5 divided would always meet the same code.)
@@ -288,15 +289,16 @@ std::vector<FaultPoint> PointsOf(std::size_t scenario_index, const Mode& mode) {
   const Scenario& scenario = ScenarioAt(scenario_index);
   const std::vector<ApiCall>& calls = scenario.clean.calls;
   const bool is_memory = mode.fault == Fault::kOutOfMemory;
-  const bool is_complete = (scenario_index == 0 && mode.passes_after == 0) || !mode.only.empty();
+  const bool is_complete = (scenario_index == 0 && mode.transient_failures == 0) || !mode.only.empty();
   const std::size_t step = is_complete ? 1 : scenario_index < 4 ? 3 : 11;
   const std::size_t end = is_memory ? scenario.clean.allocations : calls.size();
   std::vector<FaultPoint> points;
   for (std::size_t k = is_memory ? calls[scenario.first_call].allocations_before : scenario.first_call;
        k < end; k += step) {
     if (mode.only.empty() || calls[k].name == mode.only) {
-      const DWORD code = mode.passes_after != 0 ? kPassingCodes[k % std::size(kPassingCodes)] : mode.code;
-      points.push_back({mode.fault, k, code, std::max(mode.passes_after, 1)});
+      const DWORD code =
+          mode.transient_failures != 0 ? kTransientCodes[k % std::size(kTransientCodes)] : mode.code;
+      points.push_back({mode.fault, k, code, std::max(mode.transient_failures, 1)});
     }
   }
   return points;
@@ -326,9 +328,10 @@ TEST_P(FaultAt, EveryCallLosesNothing) {
     if (is_new) {
       recovery->second = Recover(scenario, tree);
     }
-    const std::string wrong = recovery->second + record.violations +
-                              (record.died ? "" : CheckReport(scenario, point, record, tree)) +
-                              (mode.passes_after == 0 ? "" : CheckPassing(scenario, point, record, tree));
+    const std::string wrong =
+        recovery->second + record.violations +
+        (record.died ? "" : CheckReport(scenario, point, record, tree)) +
+        (mode.transient_failures == 0 ? "" : CheckTransient(scenario, point, record, tree));
     if (!wrong.empty()) {
       ++lost;
       ADD_FAILURE() << mode.name << " " << Describe(scenario, point) << "\n"
