@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "core/owned_handle.h"
 #include "core/update_error.h"

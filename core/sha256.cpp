@@ -1,7 +1,5 @@
 #include "core/sha256.h"
 
-#include <string_view>
-
 #include "core/page_buffer.h"
 #include "core/regular_file.h"
 #include "core/whole_file.h"

@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "core/sha256_digest.h"

@@ -1,6 +1,6 @@
 #!/bin/sh
 # At most a third of the code tests the rest: test_share_check.sh SOURCE_FOLDER. What grows faster than the
-# product is cut (docs/contributing.md).
+# product is cut (CONTRIBUTING.md).
 . "$(dirname "$0")/support/checks.sh"
 cd "$1" || exit 1
 
