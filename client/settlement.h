@@ -27,13 +27,12 @@ class Settlement {
       : client_root_(client_root), keys_(keys), callbacks_(callbacks) {}
 
   // Settles what is there, with the lock held. Returns one of TALVEX_START_...; after TALVEX_START_REPAIR
-  // `failure` says why:
-  //   TALVEX_E_DAMAGED  those of VerifyInstalledRelease, and
-  //     "An earlier rollback did not come to its end."
+  // `failure` says why, with a message of VerifyInstalledRelease or
+  //   TALVEX_E_DAMAGED "An earlier rollback did not come to its end."
   // Logged are also:
-  //     "The last start of this release did not come to its end."
-  //     "This release cannot start."
-  //     "A file of an unfinished update was left behind."
+  //   "The last start of this release did not come to its end."
+  //   "This release cannot start."
+  //   "A file of an unfinished update was left behind."
   [[nodiscard]] std::int32_t Run(const Handoff& handoff, const ClientLock& lock, Failure& failure);
 
   // The release runs: removes the copies of the previous one. Messages: those of ClearPrevious.

@@ -18,7 +18,24 @@
 
 namespace talvex::client {
 
-// The operations are those of talvex_update.h; each fills in `failure` when its result is a failure.
+// The operations are those of talvex_update.h; each fills in `failure` when its result is a failure, with a
+// message of one of its steps or
+//   "No trusted key was given."
+//   "Talvex cannot be updated on a network drive."
+//   "Talvex cannot be updated at the top of a drive."
+//   "talvex_settle has to succeed first."
+//   "talvex_settle has succeeded already."
+//   "talvex_check has to accept a release first."
+//   "talvex_stage has to succeed first."
+//   "A helper was started: the client has to exit."
+//   "The helper did not hand over its ownership lock."
+//   "The last update has to be confirmed first."
+//   "An update has to be finished first, by a user who may write to the directory of Talvex."
+//   "The manifest or its signature is larger than it may be."
+//   "The release has no update helper of its own."
+//   "This release could not start here before. A newer release is needed."
+//   "This release could not be installed several times. It will be tried again later."
+//   "The arguments for the restart could not be kept: " + Windows text
 class UpdateClient {
  public:
   [[nodiscard]] talvex_result Open(const talvex_options& options, Failure& failure);

@@ -28,7 +28,8 @@ void MakeWorkDirectoryUsable(const std::wstring& client_root);
 
 // Removes or moves aside every entry of the work directory except the previous directory and the stage named
 // `kept_stage`, and what was moved aside earlier as far as that is possible by now. Messages: those of
-// RemoveWorkTree.
+// RemoveWorkTree, and
+//   "Could not remove a file of an earlier update."
 [[nodiscard]] bool ClearOtherStages(const std::wstring& client_root, std::wstring_view kept_stage,
                                     UpdateError& error);
 

@@ -29,10 +29,11 @@ class UpdateError {
 // Replaces the message.
 void SetError(UpdateError& error, std::wstring_view message);
 
-// Replaces the message with `prefix`, ": " and the system's text for `code`, without trailing CR and LF; a
-// code that the system does not know gives "Windows error " and the code in decimal. `prefix` is a short
-// phrase without a full stop. Pass the code that GetLastError returned in the statement after the failing
-// call; a later call may have replaced it.
+// Replaces the message with `prefix`, ": " and the system's text for `code`, without trailing CR and LF, or
+// for a code that the system does not know
+//   "Windows error " + the code in decimal
+// `prefix` is a short phrase without a full stop. Pass the code that GetLastError returned in the statement
+// after the failing call; a later call may have replaced it.
 void SetWindowsError(UpdateError& error, const wchar_t* prefix, DWORD code);
 
 // SetError in one expression with the failure: `return Refuse(error, kWhy);`.

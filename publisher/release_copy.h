@@ -16,12 +16,18 @@ namespace talvex {
 
 // Copies the files of `tree` to their relative paths below FilesDirectory(`directory`), which must not have
 // them yet, and appends an entry for each to `draft`. `programs` receives the bytes of the two programs. A
-// failure leaves what was copied so far, and a message that names the file.
+// failure leaves what was copied so far. Messages, after the file's path and ": ": those of
+// CreateUpdateDirectory, OpenFileForHashing and WriteReleaseFile, and
+//   "Could not read the file: " + Windows text
+//   "Windows could not calculate a SHA-256 digest."
+//   "The file changed while it was being published."
 [[nodiscard]] bool CopyReleaseFiles(const ReleaseTree& tree, const std::wstring& directory, Manifest& draft,
                                     ReleasePrograms& programs, UpdateError& error);
 
-// Creates `path` with `text`. Unlike WriteNewFile it does not wait for the disk, which would write out all the
-// copies first: what a power cut damages here, the command finish finds.
+// Creates `path` with `text`. Unlike WriteNewFile it does not wait for the disk, which would write out all
+// the copies first: what a power cut damages here, the command finish finds. Messages:
+//   "Could not create a file of the release: " + Windows text
+//   "Could not write a file of the release: " + Windows text
 [[nodiscard]] bool WriteReleaseFile(const std::wstring& path, std::string_view text, UpdateError& error);
 
 }  // namespace talvex

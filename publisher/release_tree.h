@@ -32,7 +32,8 @@ enum class FileCheck {
 // Lists `directory` (absolute) recursively. Directories are not listed: a release consists of files. Each
 // file or directory that a release cannot contain is an error among `findings`: names outside the path rules,
 // paths that are too long to be staged, on case-sensitive file systems paths that differ only in case, links,
-// and what `check` says. False when a directory cannot be read, with a message that names it.
+// and what `check` says. False when a directory cannot be read:
+//   "Could not list " + path + ": " + Windows text
 [[nodiscard]] bool ListReleaseFiles(const std::wstring& directory, FileCheck check, ReleaseTree& tree,
                                     Findings& findings, UpdateError& error);
 

@@ -12,8 +12,8 @@ grep -vE '^([A-Z]|talvex_)' "$work/cells" > "$work/documented_lines"
 tools/list_messages.sh > "$work/written"
 grep -h 'Log(' client/*.cpp | grep -oE 'L"[a-z][^"]*' | sed 's/^L"//; s/ *$//' | LC_ALL=C sort -u > "$work/lines"
 
-# A header that lists messages in its comments lists those of its source: all of them, and no other. (A text
-# that ends in "..." tells of progress.)
+# A header of operations that report failures, and any other that lists messages in its comments, lists those
+# of its source: all of them, and no other. (A text that ends in "..." tells of progress.)
 headers_list_their_messages() {
   compared=0
   # No file name of the project contains a blank.
@@ -22,7 +22,8 @@ headers_list_their_messages() {
     code=${header%.h}.cpp
     grep -oE '^ *//   (TALVEX_E_[A-Z_]* *)?"([^"\\]|\\.)*"' "$header" | sed 's|^[^"]*"||; s|:* *"$||' |
       LC_ALL=C sort -u > "$work/announced"
-    [ -s "$work/announced" ] && [ -f "$code" ] || continue
+    [ -f "$code" ] || continue
+    [ -s "$work/announced" ] || grep -qE '(UpdateError|Failure)& ' "$header" || continue
     compared=$((compared + 1))
     tools/list_messages.sh "$code" | sed '/\.\.\.$/d; s/:$//' > "$work/set"
     diff "$work/set" "$work/announced" > "$work/difference" || { echo "$header"; cat "$work/difference"; return 1; }
