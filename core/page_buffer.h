@@ -14,8 +14,8 @@ struct ReleasePages {
 };
 using PageBuffer = std::unique_ptr<std::byte, ReleasePages>;
 
-// `size` bytes, or null. Windows zeroes pages when they are first used, so a small file costs no more than its
-// own size; and copies from and to whole pages are the fastest.
+// `size` bytes, or null. Windows zeroes pages when they are first used, so a small file costs no more than
+// its own size; and copies from and to whole pages are the fastest.
 [[nodiscard]] inline PageBuffer AllocatePages(std::size_t size) noexcept {
   return PageBuffer(
       static_cast<std::byte*>(VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)));

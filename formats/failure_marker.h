@@ -1,8 +1,8 @@
 #pragma once
 
 // The failure marker in the client root: the manifest digest of a release that was installed, could not start
-// and was rolled back. The helper only writes it; the client reads it and does not install that release again.
-// 64 lowercase hexadecimal characters and an LF, nothing else.
+// and was rolled back. The helper only writes it; the client reads it and does not install that release
+// again. 64 lowercase hexadecimal characters and an LF, nothing else.
 
 #include <string_view>
 

@@ -22,8 +22,8 @@ namespace talvex {
 [[nodiscard]] bool ValidateRelativePath(std::string_view path, std::wstring& normalised_path,
                                         UpdateError& error);
 
-// Whether a path below the client root, with "\" between segments, is the updater's own: its records, and what
-// is in its directories.
+// Whether a path below the client root, with "\" between segments, is the updater's own: its records, and
+// what is in its directories.
 [[nodiscard]] bool TargetsUpdaterState(std::wstring_view normalised_path);
 
 // Whether Windows would open a device instead of a file for this segment: CON, PRN, AUX, NUL, COM1 to COM9 or

@@ -10,10 +10,10 @@ namespace talvex {
 // Standard output is for results, standard error for progress and errors.
 enum class Stream { kOutput, kError };
 
-// Writes `line` and a line end. What cannot be written (a closed pipe, a full disk) is lost, which HasLostOutput
-// tells; without anybody who listens nothing is. File names reach the terminal
-// through here, so whatever could steer it is written as \uXXXX: control characters, line ends included,
-// marks that change the direction of writing, lone surrogates.
+// Writes `line` and a line end. What cannot be written (a closed pipe, a full disk) is lost, which
+// HasLostOutput tells; without anybody who listens nothing is. File names reach the terminal through here, so
+// whatever could steer it is written as \uXXXX: control characters, line ends included, marks that change the
+// direction of writing, lone surrogates.
 void WriteLine(Stream stream, std::wstring_view line);
 
 // WriteLine for every line of `text`, which LF separates: for texts of our own.

@@ -27,8 +27,8 @@ struct ReleasePrograms {
 [[nodiscard]] ByteBuffer* BufferFor(const ManifestEntry& entry, ReleasePrograms& programs);
 
 // Checks what the manifest alone tells: the two programs are there, spelled right, with no manifest file
-// beside them; the sequence leaves room for later releases; no path is that of a file and of a directory; there is room for the client directory's
-// path.
+// beside them; the sequence leaves room for later releases; no path is that of a file and of a directory;
+// there is room for the client directory's path.
 void CheckManifest(const Manifest& manifest, Findings& findings);
 
 // Checks the two programs (program_check.h); `manifest` tells a missing one from one that is too large.

@@ -26,7 +26,7 @@ void ExpectInstalled(const ClientDirectory& client, const TestRelease& release) 
   EXPECT_EQ(TreeDifference(found, expected), "");
 }
 
-// What undoes the update, and nothing else, is left in the work directory. (The rollback proves the contents.)
+// What undoes the update, and nothing else, is left in the work directory. (The rollback proves contents.)
 void ExpectRollbackData(const ClientDirectory& client) {
   std::wstring files;
   for (const auto& [path, contents] : ReadTree(client.At(L".talvex-update"))) {

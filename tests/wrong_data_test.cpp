@@ -274,12 +274,12 @@ TEST(TransactionDisplay, FollowsTheStepsToTheirEnd) {
   EXPECT_EQ(shown(),
             L"start Verifying update...\nstop\nfailure A staged update file failed verification.\nstop\n");
   client.Stage();
-  EXPECT_EQ(
-      shown(),
-      L"start Verifying update...\n5 of 6\n6 of 6\n"
-      L"text Applying update...\n0 of 3\n1 of 3\n2 of 3\n3 of 3\n"
-      L"text Verifying installed files...\n0 of 16\n5 of 16\n5 of 16\n15 of 16\n15 of 16\n16 of 16\n16 of 16\n"
-      L"text Update completed. Starting Talvex...\n1 of 1\nstop\nstop\n");
+  EXPECT_EQ(shown(),
+            L"start Verifying update...\n5 of 6\n6 of 6\n"
+            L"text Applying update...\n0 of 3\n1 of 3\n2 of 3\n3 of 3\n"
+            L"text Verifying installed files...\n"
+            L"0 of 16\n5 of 16\n5 of 16\n15 of 16\n15 of 16\n16 of 16\n16 of 16\n"
+            L"text Update completed. Starting Talvex...\n1 of 1\nstop\nstop\n");
 }
 
 }  // namespace
