@@ -1,7 +1,6 @@
 #!/bin/sh
 # Format and static checks, to be run by hand before a commit: tools/lint.sh [FILE...] (default: all sources).
-# Needs
-# clang-format, clang-tidy, cppcheck and shellcheck, and a configured build/mingw-release.
+# Needs clang-format, clang-tidy, cppcheck and shellcheck, and a configured build/mingw-release.
 set -eu
 cd "$(dirname "$0")/.."
 preset=mingw-release
@@ -16,7 +15,7 @@ if [ $# = 0 ]; then
   # No file name of the project contains a blank. The fuzzer's own files are not Windows sources:
   # tools/fuzz.sh compiles them for the host.
   # shellcheck disable=SC2046
-  set -- $(git ls-files --cached --others --exclude-standard -- '*.cpp' '*.h' '*.sh' .ci/run ':!fuzz')
+  set -- $(git ls-files --cached --others --exclude-standard -- '*.cpp' '*.h' '*.c' '*.sh' .ci/run ':!fuzz')
 fi
 scripts=
 headers=

@@ -17,7 +17,6 @@ int wmain(int count, wchar_t** arguments) {
   talvex_release release = {0};
   talvex_client* client = NULL;
   int32_t start = 0;
-  wchar_t sentence[512] = L"";
 
   options.struct_size = sizeof(options);
   options.keys = &key;
@@ -27,6 +26,7 @@ int wmain(int count, wchar_t** arguments) {
   release.struct_size = sizeof(release);
 
   if (talvex_open(&options, &client) != TALVEX_OK || talvex_settle(client, &start) != TALVEX_OK) {
+    wchar_t sentence[512] = L"";
     const talvex_result code = talvex_last_error(client, sentence, 512);
     printf("error %d: %ls\n", (int)code, sentence);
     return 1;
