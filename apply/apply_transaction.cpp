@@ -244,8 +244,8 @@ class ApplyTransaction {
     return true;
   }
 
-  // The journal on disk determines what to restore, as it would for a later run. It is so new that a scanner may
-  // hold it: whoever does is waited for, because without the journal nothing at all would be restored.
+  // The journal on disk determines what to restore, as it would for a later run. It is so new that a scanner
+  // may hold it: whoever does is waited for, because without the journal nothing at all would be restored.
   [[nodiscard]] bool Restore(UpdateError& restore_error) {
     const std::wstring path = RollbackJournalPath(previous_directory_);
     RetryBudget budget(kMaxRecoveryWaitMs);

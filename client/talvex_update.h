@@ -187,7 +187,8 @@ TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_arguments(talvex_client* clie
                                                              size_t capacity);
 
 /* The failure of the last call with this handle, or of the last talvex_open when `client` is null: returns
- * its code, and writes its sentence, shortened if it has to be, into `buffer` of `capacity` characters. */
+ * its code, and writes its sentence, shortened if it has to be, into `buffer` of `capacity` characters.
+ * TALVEX_E_HANDLE and TALVEX_E_IN_CALL are its own: then there is no such failure to be had. */
 TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_last_error(talvex_client* client, wchar_t* buffer,
                                                               size_t capacity);
 

@@ -53,6 +53,11 @@ std::wstring ProgramDirectory() {
   return path.substr(0, path.rfind(L'\\') + 1);
 }
 
+// The path without the prefix \\?\ in front of a drive, with which a program may have been started.
+std::wstring WithoutPrefix(const std::wstring& path) {
+  return path.size() > 5 && path.starts_with(L"\\\\?\\") && path[5] == L':' ? path.substr(4) : path;
+}
+
 bool IsOnNetwork(const std::wstring& root) {
   return root.starts_with(L"\\\\") || GetDriveTypeW(root.substr(0, kDriveRootLength).c_str()) == DRIVE_REMOTE;
 }
@@ -82,7 +87,7 @@ talvex_result UpdateClient::Open(const talvex_options& options, Failure& failure
   }
   const std::wstring directory =
       options.client_directory != nullptr ? options.client_directory : ProgramDirectory();
-  client_root_ = ResolveClientRoot(directory, failure.error);
+  client_root_ = ResolveClientRoot(WithoutPrefix(directory), failure.error);
   if (client_root_.empty()) {
     return Fail(failure, TALVEX_E_DIRECTORY);
   }

@@ -86,7 +86,7 @@ class RetrySchedule {
 
 // Returns the result of `probe` (a PathKind, a FileState), retried while it is kUnknown.
 template <typename Probe>
-[[nodiscard]] auto LookWithRetry(RetrySchedule& schedule, Probe probe) {
+[[nodiscard]] auto ProbeWithRetry(RetrySchedule& schedule, Probe probe) {
   auto result = decltype(probe())::kUnknown;
   static_cast<void>(schedule.Try([&] {
     result = probe();

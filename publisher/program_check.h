@@ -32,9 +32,9 @@ void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> by
                         const ProgramAllowances& allowances, Findings& findings);
 
 // Checks that of the client: Windows can start it, without elevation and without redirecting what it writes
-// (a warning); it is no development build. It must hold all of `keys`, unless they are declared to be elsewhere:
-// without the signing key it could neither verify the next release nor start a rollback, without another one it
-// could not follow the change to that.
+// (a warning); it is no development build. It must hold all of `keys`, unless they are declared to be
+// elsewhere: without the signing key it could neither verify the next release nor start a rollback, without
+// another one it could not follow the change to that.
 void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> bytes, const ReleaseKeys& keys,
                         const ProgramAllowances& allowances, Findings& findings);
 

@@ -54,7 +54,7 @@ bool CopyRecoverySource(const std::wstring& source, const std::wstring& destinat
 
 PathKind ProbePathWithRetry(const std::wstring& path, RetryBudget& budget) {
   RetrySchedule schedule(budget);
-  return LookWithRetry(schedule, [&] { return ProbePath(path); });
+  return ProbeWithRetry(schedule, [&] { return ProbePath(path); });
 }
 
 }  // namespace talvex

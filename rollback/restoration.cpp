@@ -38,7 +38,7 @@ bool IsSafeToChangeBelow(PathKind directory, UpdateError& error) {
 // Whether `target` may be removed, if it exists.
 bool InspectTarget(const std::wstring& target, RetryBudget& budget, bool& is_there, UpdateError& error) {
   RetrySchedule schedule(budget);
-  const FileState state = LookWithRetry(schedule, [&] { return InspectFile(target); });
+  const FileState state = ProbeWithRetry(schedule, [&] { return InspectFile(target); });
   is_there = state == FileState::kRegular;
   switch (state) {
     case FileState::kAbsent:
@@ -91,9 +91,9 @@ bool RejectLinkedPaths(const std::wstring& client_root, const ApplyOperation& op
          RejectReparsePoints(client_root, JoinPath(copies, relative_path), LastComponent::kUnchecked, error);
 }
 
-// Whether the update did not come to this operation, or its undoing is complete: then nothing is changed, and
-// it does not matter who holds what. Without a copy, a file that is still there was never moved away. One that
-// cannot be inspected may be gone in a moment.
+// Whether the update did not come to this operation, or its undoing is complete: then nothing is changed,
+// and it does not matter who holds what. Without a copy, a file that is still there was never moved away. One
+// that cannot be inspected may be gone in a moment.
 bool IsUndone(const ApplyOperation& operation, RetryBudget& budget) {
   if (ProbePathWithRetry(operation.rollback_copy_path, budget) != PathKind::kAbsent) {
     return false;

@@ -29,7 +29,7 @@ PathKind HoldDirectory(const std::wstring& path, OwnedHandle& held) {
 
 PathKind HoldParentOf(const std::wstring& path, RetrySchedule& schedule, OwnedHandle& held) {
   const std::wstring parent(ParentOfRelativePath(path));
-  return LookWithRetry(schedule, [&] { return HoldDirectory(parent, held); });
+  return ProbeWithRetry(schedule, [&] { return HoldDirectory(parent, held); });
 }
 
 }  // namespace talvex

@@ -134,6 +134,8 @@ TEST(ClientLibrary, AnswersWrongOptionsWithACodeAndASentence) {
        [](Library& l) { l.options.client_directory = L""; }},
       {TALVEX_E_DIRECTORY, "Talvex cannot be updated at the top",
        [](Library& l) { l.options.client_directory = L"C:\\"; }},
+      {TALVEX_E_DIRECTORY, "Talvex cannot be updated at the top",
+       [](Library& l) { l.options.client_directory = L"\\\\?\\C:\\"; }},
       {TALVEX_E_DIRECTORY, "Talvex cannot be updated on a network",
        [](Library& l) { l.options.client_directory = L"\\\\server\\share\\game"; }},
       {TALVEX_E_DIRECTORY, "The client directory is missing or is a reparse",
