@@ -23,6 +23,9 @@ namespace {
 constexpr wchar_t kOtherKey[] = L" Name the public half of the key that signed it with --key.";
 constexpr wchar_t kOtherOldKey[] =
     L" If it was signed with an earlier key, name the public half of that one with --old-key.";
+constexpr wchar_t kFilesOfRelease[] =
+    L" A release has manifest.txt and, once it is finished, manifest.sig. "
+    L"With --unsigned, the new one needs no manifest.sig.";
 constexpr wchar_t kUnsigned[] = L" (not signed yet)";
 constexpr wchar_t kNoWayToKey[] =
     L"is signed with another key, and its client does not hold the new one: it would take the new release "
@@ -55,7 +58,8 @@ bool LoadOldRelease(const std::wstring& directory, const PublicKey& key,
     }
     reason = error.Message();
     if (!IsSignatureRefused(loaded, *tried)) {
-      findings.AddError(directory, reason);  // no other key would help
+      // No other key would help.
+      findings.AddError(directory, reason + (loaded.manifest_bytes.empty() ? kFilesOfRelease : L""));
       return false;
     }
   }
@@ -74,8 +78,13 @@ bool LoadNewRelease(const CompareOptions& options, const PublicKey& key, Manifes
                                 ParseManifest(release.manifest_bytes, release.manifest, error)
                           : LoadSignedManifest(pair, key.blob, release, error);
   if (!loaded) {
-    const bool is_refused = !options.unsigned_release && IsSignatureRefused(release, key);
-    findings.AddError(options.new_release, error.Message() + (is_refused ? kOtherKey : L""));
+    const wchar_t* remedy = L"";
+    if (release.manifest_bytes.empty()) {
+      remedy = kFilesOfRelease;
+    } else if (!options.unsigned_release && IsSignatureRefused(release, key)) {
+      remedy = kOtherKey;
+    }
+    findings.AddError(options.new_release, error.Message() + remedy);
     return false;
   }
   manifest = std::move(release.manifest);
