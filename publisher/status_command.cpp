@@ -13,6 +13,7 @@
 #include "publisher/console.h"
 #include "publisher/progress.h"
 #include "publisher/release_check.h"
+#include "publisher/release_verification.h"
 #include "storage/client_notes.h"
 #include "storage/client_root.h"
 #include "storage/directory_listing.h"
@@ -26,6 +27,8 @@ constexpr wchar_t kNothingInstalled[] =
     L"is missing: no update was ever finished here. The client can install any release.";
 constexpr wchar_t kNotProven[] =
     L" No installed release can be proven, so the client will accept any release.";
+constexpr wchar_t kOtherKey[] =
+    L" If the installed release is signed with another key, name the public half of that one with --key.";
 constexpr wchar_t kDoNotAgree[] = L"names another release than the manifest in the cache.";
 constexpr wchar_t kDiffers[] = L"is not the file of the installed release. The next update replaces it.";
 constexpr wchar_t kMissing[] = L"is missing. The next update installs it.";
@@ -57,7 +60,8 @@ void ExplainMistrust(const std::wstring& root, const PublicKey& key, Findings& f
   } else if (!LoadVerifiedCache(root, cached.manifest_bytes, cached.signature, error) ||
              !VerifySignedManifest(cached.manifest_bytes, cached.signature, key.blob, cached.manifest,
                                    error)) {
-    findings.AddError(CacheDirectory(L""), error.Message() + kNotProven);
+    findings.AddError(CacheDirectory(L""),
+                      error.Message() + kNotProven + (IsSignatureRefused(cached, key) ? kOtherKey : L""));
   } else {
     findings.AddError(state, std::wstring(kDoNotAgree) + kNotProven);
   }
