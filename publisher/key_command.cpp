@@ -17,6 +17,7 @@ constexpr wchar_t kPemName[] = L"publisher_key.pem";
 constexpr wchar_t kHeaderName[] = L"publisher_key.h";
 constexpr std::size_t kBytesPerLine = 12;
 
+constexpr wchar_t kNoDirectory[] = L"does not exist. Make this directory first.";
 constexpr wchar_t kExists[] = L"exists already. Name another directory, or delete it first.";
 
 // A header for C and C++.
@@ -63,6 +64,9 @@ int ExportKey(const KeyOptions& options) {
       findings.AddError(options.out, error.Message());
     }
     return Conclude(common, findings, {});
+  }
+  if (!MayExist(out)) {
+    findings.AddError(options.out, kNoDirectory);
   }
   const std::wstring pem = JoinPath(out, kPemName);
   const std::wstring header = JoinPath(out, kHeaderName);
