@@ -325,7 +325,7 @@ TEST_F(Publisher, ComparesBeforeTheKeySigns) {
   Write(GoodRelease(), {}, out);
   DeleteFileW((out + L"\\manifest.sig").c_str());
   Words words = {L"compare", out, scratch / L"old", scratch / L"older", L"--key", kKey};
-  const std::string said = Publish(words, 1, {"Could not open file: "});
+  const std::string said = Publish(words, 1, {"Could not open file: ", "With --unsigned, the new"});
   EXPECT_EQ(said.find("Name the public half"), std::string::npos) << "the key is not what is wrong";
   words.push_back(L"--unsigned");
   Publish(
@@ -368,7 +368,8 @@ TEST_F(Publisher, TellsTheStatusOfAClientDirectory) {
        R"({"severity":"error","subject":"Talvex.exe","message":"is missing.)"});
   WriteTestFile(client + L"\\.talvex-update-cache\\manifest.sig", "no signature");
   Publish(words, 1,
-          {".talvex-update-cache: The update key or signature does not use RSA-3072. No installed"});
+          {".talvex-update-cache: The update key or signature does not use RSA-3072. No installed",
+           "name the public half of that one with --key."});
   DeleteFileW((client + L"\\TalvexUpdateState.dat").c_str());
   Publish(words, 1, {"TalvexUpdateState.dat: is missing: no update was ever finished here."});
   const std::wstring other = scratch / L"other";
@@ -378,6 +379,7 @@ TEST_F(Publisher, TellsTheStatusOfAClientDirectory) {
 }
 
 TEST_F(Publisher, ExportsThePublicKeyAndNoOther) {
+  Publish({L"key", kKey, L"--out", out}, 1, {"does not exist. Make this directory first."});
   MakeTestDirectory(out);
   Publish({L"key", kKey, L"--out", out}, 0, {"blob-sha256 "});
   EXPECT_EQ(ReadTestFile(out + L"\\publisher_key.pem"), ReadTestFile(kKey));
