@@ -33,7 +33,7 @@ constexpr wchar_t kNoWayToKey[] =
     L"and compare with that.";
 constexpr wchar_t kClientUnreadable[] =
     L"is signed with another key, so its client has to be looked at, "
-    L"and that is not the one of its manifest: ";
+    L"and the one that its manifest describes is not there. Put it back as ";
 
 // What is known about one older release.
 struct OldRelease {
@@ -102,8 +102,9 @@ void CheckClientHoldsKey(const std::wstring& directory, const Manifest& manifest
       !ReadWholeFile(JoinPath(FilesDirectory(directory), kClientFileName), kMaxCheckedProgramSize, client,
                      error) ||
       !Sha256OfBuffer(client, digest, error) || !DigestsEqual(digest, entry->digest)) {
-    findings.AddError(directory, kClientUnreadable + ClientProgramPath(FilesDirectory(directory)) + L". " +
-                                     error.Message());
+    const std::wstring reason = error.IsEmpty() ? std::wstring() : L" " + error.Message();
+    findings.AddError(directory,
+                      kClientUnreadable + ClientProgramPath(FilesDirectory(directory)) + L"." + reason);
   } else if (!HoldsKey(client, key)) {
     findings.AddError(directory, kNoWayToKey);
   }
