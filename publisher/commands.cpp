@@ -9,6 +9,9 @@ namespace {
 
 constexpr wchar_t kNotDirectory[] = L"is not a directory, or is a link to one.";
 
+constexpr wchar_t kSigningKeyAgain[] =
+    L"is the key that signs the release. Name the other one that the client has to hold.";
+
 }  // namespace
 
 bool LoadKey(const std::wstring& path, PublicKey& key, Findings& findings) {
@@ -23,7 +26,12 @@ bool LoadKey(const std::wstring& path, PublicKey& key, Findings& findings) {
 bool LoadKeys(const CommonOptions& options, ReleaseKeys& keys, Findings& findings) {
   bool loaded = LoadKey(options.key, keys.signing, findings);
   for (const std::wstring& path : options.client_keys) {
-    loaded = LoadKey(path, keys.for_client.emplace_back(), findings) && loaded;
+    PublicKey& key = keys.for_client.emplace_back();
+    loaded = LoadKey(path, key, findings) && loaded;
+    if (loaded && key.blob == keys.signing.blob) {
+      findings.AddError(path, kSigningKeyAgain);
+      loaded = false;
+    }
   }
   return loaded;
 }
