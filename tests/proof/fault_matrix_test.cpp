@@ -228,9 +228,10 @@ std::optional<bool> IsRetried(const Scenario& scenario, const ApiCall& call) {
     return scenario.is_rollback || is_restoration ? std::optional(true) : std::nullopt;
   }
   if (call.name == "GetFileAttributesW") {
-    // The restoration alone looks at files only in order to change them.
+    // The restoration alone looks at files only in order to change them, and at the journal to clear it.
     const bool is_file = path.find(L'.', path.rfind(L'\\', path.size() - 2) + 2) != path.npos;
-    return is_restoration && is_file ? std::optional(true) : std::nullopt;
+    const bool is_journal = path.ends_with(L"\\rollback.journal\\");
+    return is_restoration && is_file && !is_journal ? std::optional(true) : std::nullopt;
   }
   if (call.name.starts_with("GetFileInformation")) {
     return std::nullopt;
