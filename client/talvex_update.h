@@ -42,17 +42,19 @@ extern "C" {
 
 typedef struct talvex_client talvex_client;
 
-/* Results. The numbers never change; talvex_last_error has a sentence for each failure. */
+/* Results. The numbers never change; talvex_last_error has a sentence for each failure. Most calls may
+ * fail with TALVEX_E_ARGUMENT, TALVEX_E_HANDLE, TALVEX_E_IN_CALL, TALVEX_E_ORDER, TALVEX_E_MEMORY and
+ * TALVEX_E_SYSTEM; what else to expect stands at each. */
 typedef int32_t talvex_result;
 enum {
   TALVEX_OK = 0,
   TALVEX_DONE = 1, /* nothing (more) to do; see the function */
 
   /* The call was wrong; it has changed nothing. */
-  TALVEX_E_ARGUMENT = 100, /* a null pointer, or a struct of an unknown size */
+  TALVEX_E_ARGUMENT = 100, /* a null pointer, no keys, a struct of an unknown size, a buffer too small */
   TALVEX_E_HANDLE = 101,   /* not a handle, or one that was closed */
   TALVEX_E_IN_CALL = 102,  /* another call with this handle has not returned yet */
-  TALVEX_E_ORDER = 103,    /* something else has to be called first */
+  TALVEX_E_ORDER = 103,    /* something else has to be called first, or the client has to exit */
   TALVEX_E_KEY = 104,      /* a trusted key is not an RSA-3072 public key, as PEM or as CNG blob */
 
   /* The client directory. */
@@ -136,16 +138,20 @@ typedef struct talvex_file {
 
 /* Opens the client directory. Touches nothing in it, and takes what the helper has left for this process out
  * of its environment: open once, early. On success `*client` is a handle for talvex_close; on failure it is
- * null, and talvex_last_error(NULL, ...) has the sentence. */
+ * null, and talvex_last_error(NULL, ...) has the sentence. TALVEX_E_KEY: a key cannot be used.
+ * TALVEX_E_DIRECTORY: the game may run, without updates. */
 TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_open(const talvex_options* options,
                                                         talvex_client** client);
 
 /* Takes the client directory for this process, and settles an update that was installed before this start:
  * verifies its files (once, and only then), or has it rolled back. Call it first thing in every start,
  * before the game's files are used. On success `*start` is one of TALVEX_START_..., and after
- * TALVEX_START_REPAIR talvex_last_error has the reason; the directory stays taken, by one process only,
- * until talvex_close or the end of the process. After a failure every other call but talvex_close returns
- * TALVEX_E_ORDER. */
+ * TALVEX_START_REPAIR talvex_last_error has the reason (TALVEX_E_DAMAGED); the directory stays taken, by one
+ * process only, until talvex_close or the end of the process. TALVEX_E_ALREADY_RUNNING: another process has
+ * it. TALVEX_E_NOT_WRITABLE: the game may run, without updates. TALVEX_E_UNSETTLED: an update was cut off,
+ * and this user may not write there to finish it. TALVEX_E_CANCELLED: the files are not verified. After a
+ * failure the call may be repeated; until it succeeds, nothing works besides but talvex_arguments,
+ * talvex_last_error and talvex_close: every other call returns TALVEX_E_ORDER. */
 TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_settle(talvex_client* client, int32_t* start);
 
 /* The game runs. The copies of the previous release go; from now on the update cannot be undone. A release
@@ -159,7 +165,8 @@ TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_installed(talvex_client* clie
 
 /* Offers the release of a downloaded manifest.txt and manifest.sig. TALVEX_OK: it may be
  * installed. TALVEX_DONE: it is installed already (go on with talvex_next_file to repair damaged files).
- * `release` may be null. */
+ * TALVEX_E_UNSIGNED, TALVEX_E_OLDER, TALVEX_E_FAILED_BEFORE, TALVEX_E_POSTPONED, TALVEX_E_NO_HELPER: not
+ * this release, or not yet. `release` may be null. */
 TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_check(talvex_client* client, const void* manifest,
                                                          size_t manifest_size, const void* signature,
                                                          size_t signature_size, talvex_release* release);
@@ -167,17 +174,19 @@ TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_check(talvex_client* client, 
 /* The next file of the offered release that has to be downloaded. The first call compares the client
  * directory with the release, looks at the free space, and keeps what an earlier, cut-off download of the
  * same release has left. TALVEX_DONE: that was all. After talvex_stage the list starts over, and so it does
- * after TALVEX_DONE with what is still missing. */
+ * after TALVEX_DONE with what is still missing. TALVEX_E_SPACE: nothing was downloaded yet; make room and
+ * repeat it. TALVEX_E_CANCELLED: it may be repeated. */
 TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_next_file(talvex_client* client, talvex_file* file);
 
 /* Proves every downloaded file and writes the plan. A wrong file is removed, one that is too short is kept
- * to go on with; talvex_next_file lists both again. TALVEX_DONE: there is nothing to install, all files are
- * as they should be. */
+ * to go on with: TALVEX_E_FILE, and talvex_next_file lists both again. TALVEX_DONE: there is nothing to
+ * install, all files are as they should be. TALVEX_E_SPACE and TALVEX_E_CANCELLED are as with
+ * talvex_next_file. */
 TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_stage(talvex_client* client);
 
 /* Starts the helper. On success exit at once: the helper waits for that, installs the release and starts
  * Talvex.exe again. `arguments` is the command line that the restarted client gets from talvex_arguments;
- * null: none. */
+ * null: none. TALVEX_E_UNSETTLED: the last update has to be confirmed first. */
 TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_install(talvex_client* client, const wchar_t* arguments);
 
 /* In a client that the helper has started: writes what was given to talvex_install, at most 32,767
@@ -192,8 +201,9 @@ TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_arguments(talvex_client* clie
 TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_last_error(talvex_client* client, wchar_t* buffer,
                                                               size_t capacity);
 
-/* Gives the client directory free. Call it at the end of an orderly run; a release that was not confirmed
- * gets another try. */
+/* Gives the client directory free, and the handle with it. Call it at the end of an orderly run; a release
+ * that was not confirmed gets another try. Fails with TALVEX_E_HANDLE and TALVEX_E_IN_CALL alone, and then
+ * does nothing. */
 TALVEX_UPDATE_API talvex_result TALVEX_CALL talvex_close(talvex_client* client);
 
 #ifdef __cplusplus
