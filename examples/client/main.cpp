@@ -1,5 +1,4 @@
-// Talvex.exe: a game client without the game, on top of the update library. A folder stands for the server.
-// Usage: Talvex.exe [LOG_FILE [RELEASE_DIR]]
+// Talvex.exe [LOG_FILE [RELEASE_DIR]]: a game client without the game. The folder stands for the server.
 #include <windows.h>
 
 #include <filesystem>
@@ -14,6 +13,9 @@ std::filesystem::path g_log;
 void TALVEX_CALL Log(void*, const wchar_t* line) {
   std::wofstream(g_log, std::ios::app | std::ios::binary) << line << L"\n";
 }
+std::string ReadFile(const std::filesystem::path& path) {
+  return {std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {}};
+}
 // A window with the progress as its title.
 int32_t TALVEX_CALL ShowProgress(void*, int32_t phase, uint64_t done, uint64_t total) {
   static const HWND window = CreateWindowExW(0, L"STATIC", L"", WS_OVERLAPPEDWINDOW | WS_VISIBLE, 0, 0, 320,
@@ -24,12 +26,11 @@ int32_t TALVEX_CALL ShowProgress(void*, int32_t phase, uint64_t done, uint64_t t
 }
 // Can this release start? Here start.cfg decides, in a game it loads its engine and draws a frame.
 int32_t TALVEX_CALL TryToStart(void*) {
-  std::string script;
-  std::getline(std::ifstream("start.cfg"), script);
-  if (script == "start=die") {
+  const std::string script = ReadFile("start.cfg");
+  if (script.starts_with("start=die")) {
     TerminateProcess(GetCurrentProcess(), 99);
   }
-  return script != "start=crash";
+  return !script.starts_with("start=crash");
 }
 int Fail(talvex_client* client) {
   wchar_t sentence[512];
@@ -37,20 +38,14 @@ int Fail(talvex_client* client) {
   Log(nullptr, (std::wstring(L"ERROR: ") + sentence).c_str());
   return 1;
 }
-std::string ReadFile(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 // Exit codes: 0 done, 1 failed, 3 a helper was started to install a release, 4 to restore the previous one.
 int Update(talvex_client* client, const std::filesystem::path& server) {
-  const std::string manifest = ReadFile(server / "manifest.txt");
-  const std::string signature = ReadFile(server / "manifest.sig");
+  const std::string text = ReadFile(server / "manifest.txt");
+  const std::string sig = ReadFile(server / "manifest.sig");
   talvex_file file = {sizeof(file), 0, 0, {}, {}, {}};
-  talvex_result result =
-      talvex_check(client, manifest.data(), manifest.size(), signature.data(), signature.size(), nullptr);
+  talvex_result result = talvex_check(client, text.data(), text.size(), sig.data(), sig.size(), nullptr);
   while (result <= TALVEX_DONE && (result = talvex_next_file(client, &file)) == TALVEX_OK) {
-    std::filesystem::copy_file(server / "files" / file.path, file.destination,      // a download goes on
-                               std::filesystem::copy_options::overwrite_existing);  // after file.present
+    CopyFileW((server / "files" / file.path).c_str(), file.destination, FALSE);  // or on from file.present
   }
   result = result == TALVEX_DONE ? talvex_stage(client) : result;
   result = result == TALVEX_OK ? talvex_install(client, g_log.c_str()) : result;
