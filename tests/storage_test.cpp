@@ -86,6 +86,9 @@ TEST(UpdateDirectories, AreMadeInTheClientDirectoryAndNeverThroughALink) {
   EXPECT_TRUE(IsRealDirectory(scratch / L"root\\a\\b\\c"));
   EXPECT_TRUE(ReadTree(scratch / L"elsewhere").empty());
   EXPECT_TRUE(RejectReparsePoints(scratch / L"root", L"real\\link", LastComponent::kUnchecked, error));
+  std::wstring path = L"earlier";
+  EXPECT_FALSE(ResolveCheckedPath(scratch / L"root", L"real\\link", path, error));
+  EXPECT_EQ(path, L"");
 }
 
 // What deleting a file says that stays all the same, because somebody has it open; none: it is deleted.
