@@ -13,13 +13,17 @@
 #include <string_view>
 #include <utility>
 
+#include "client/final_path.h"
 #include "core/ascii_case.h"
 #include "core/local_memory.h"
+#include "core/owned_handle.h"
+#include "core/regular_file.h"
 #include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "formats/managed_file.h"
 #include "storage/client_root.h"
 #include "storage/directory_listing.h"
+#include "storage/held_directory.h"
 #include "storage/update_layout.h"
 
 namespace talvex::client {
@@ -79,7 +83,7 @@ std::wstring TokenSid(HANDLE token, TOKEN_INFORMATION_CLASS attribute_class,
 
 // Only this user and the system may use the directory, whatever it would inherit, and no process of a lower
 // integrity level than this one may write to it: the user's other programs must not be able to exchange what
-// an elevated client is about to start. Null on failure.
+// an elevated client is about to start. Null on failure, and then the last error is the reason.
 LocalMemory<void> PrivateSecurity() {
   HANDLE opened = nullptr;
   if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &opened)) {
@@ -87,8 +91,11 @@ LocalMemory<void> PrivateSecurity() {
   }
   const OwnedHandle token(opened);
   const std::wstring user = TokenSid(token.Get(), TokenUser, &TOKEN_USER::User);
+  if (user.empty()) {
+    return nullptr;
+  }
   const std::wstring level = TokenSid(token.Get(), TokenIntegrityLevel, &TOKEN_MANDATORY_LABEL::Label);
-  if (user.empty() || level.empty()) {
+  if (level.empty()) {
     return nullptr;
   }
   const std::wstring text = L"D:P(A;OICI;FA;;;" + user + L")(A;OICI;FA;;;SY)S:(ML;OICI;NW;;;" + level + L")";
@@ -100,48 +107,60 @@ LocalMemory<void> PrivateSecurity() {
   return LocalMemory<void>(descriptor);
 }
 
-// Makes a new directory for a helper; empty on failure, with the reason in `code`.
-std::wstring MakePlace(const std::wstring& client_root, DWORD& code) {
+// Whether access lists and sharing protect what is in the open directory. FAT has no access lists, and a
+// server may ignore them, and return other bytes than those that were proven.
+bool IsProtected(HANDLE directory) {
+  DWORD flags = 0;
+  return !IsOnShare(directory) &&
+         GetVolumeInformationByHandleW(directory, nullptr, 0, nullptr, nullptr, &flags, nullptr, 0) &&
+         (flags & FILE_PERSISTENT_ACLS) != 0;
+}
+
+// A new directory that cannot be exchanged as long as it is held.
+struct Place {
+  std::wstring path;
+  OwnedHandle held;
+};
+
+// Makes the directory for a helper below `base`, which nobody vouches for: without any elevation a user can
+// redirect both bases, to a stick or to a share too. On failure the last error is the reason.
+bool MakePlaceIn(const std::wstring& base, const std::wstring& name, SECURITY_ATTRIBUTES& security,
+                 Place& place) {
+  place.path = JoinPath(base, name);
+  // The directory must be new: one that is there already may be anybody's.
+  if (!CreateDirectoryW(place.path.c_str(), &security)) {
+    return false;
+  }
+  if (HoldDirectory(place.path, place.held) == PathKind::kDirectory && IsProtected(place.held.Get())) {
+    return true;
+  }
+  place.held.Reset();
+  RemoveDirectoryW(place.path.c_str());
+  SetLastError(ERROR_NOT_SUPPORTED);
+  return false;
+}
+
+// Makes a new directory for a helper. False with the reason in `code`.
+bool MakePlace(const std::wstring& client_root, Place& place, DWORD& code) {
   const LocalMemory<void> security = PrivateSecurity();
-  code = ERROR_ACCESS_DENIED;  // without a description of who may use it, or a base
   if (security == nullptr) {
-    return {};
+    code = GetLastError();
+    return false;
   }
   SECURITY_ATTRIBUTES attributes{sizeof(attributes), security.get(), FALSE};
   // A number that no earlier helper has: the one that restarted this client may still be about to exit.
   const std::wstring name = PlacePrefix(client_root) + std::to_wstring(GetTickCount64());
+  code = ERROR_PATH_NOT_FOUND;  // without a base
   for (const std::wstring& base : {LocalApplicationData(), TemporaryFolder()}) {
-    std::wstring place = JoinPath(base, name);
-    // The directory must be new: one that is there already may be anybody's.
-    if (!base.empty() && CreateDirectoryW(place.c_str(), &attributes)) {
-      return place;
+    if (base.empty()) {
+      continue;
     }
-    code = base.empty() ? code : GetLastError();
+    if (MakePlaceIn(base, name, attributes, place)) {
+      return true;
+    }
+    code = GetLastError();
   }
-  return {};
-}
-
-// The path of an open file without any link in it, in the form that `flags` say; empty on failure.
-std::wstring FinalPath(HANDLE file, DWORD flags) {
-  std::wstring path(kPathCapacity, L'\0');
-  const DWORD length = GetFinalPathNameByHandleW(file, path.data(), kPathCapacity, flags);
-  path.resize(length < kPathCapacity ? length : 0);
-  return path;
-}
-
-// The path of an open file that no rename and no link can redirect while the file is open; empty on volumes
-// that cannot tell. Programs are not started by the long form if the short one will do.
-std::wstring TruePath(HANDLE file) {
-  constexpr std::wstring_view kLocal = L"\\\\?\\";
-  constexpr std::wstring_view kServer = L"\\\\?\\UNC\\";
-  std::wstring path = FinalPath(file, VOLUME_NAME_DOS);
-  if (path.size() >= kLocal.size() + MAX_PATH) {
-    return path;
-  }
-  if (path.starts_with(kServer)) {
-    return L"\\\\" + path.substr(kServer.size());
-  }
-  return path.starts_with(kLocal) ? path.substr(kLocal.size()) : path;
+  return false;
 }
 
 // Deletes the helper in `place` and then `place`. Others may have put a link there, which an elevated client
@@ -165,26 +184,34 @@ void RemovePlace(const std::wstring& place) {
 
 talvex_result PlaceHelper(const std::wstring& client_root, const std::wstring& source,
                           const Manifest& release, PlacedHelper& placed, Failure& failure) {
+  // The helper rejects a release that it does not belong to, but only after the client has exited.
+  const ManifestEntry* const entry = FindManifestEntry(release, kHelperFileName);
+  if (entry == nullptr) {
+    return Fail(failure, TALVEX_E_SYSTEM, kWrongHelper);
+  }
+  // Open until it is copied, because a copy follows links, and one of a wrong file could fill the disk.
+  const OwnedHandle original =
+      OpenVerifiedManagedFile(source, *entry, entry->size, kWrongHelper, failure.error);
+  if (!original.IsValid()) {
+    return Fail(failure, TALVEX_E_SYSTEM);
+  }
   DWORD code = ERROR_SUCCESS;
-  const std::wstring place = MakePlace(client_root, code);
-  if (place.empty()) {
+  Place place;
+  if (!MakePlace(client_root, place, code)) {
     return FailWithWindowsError(failure, TALVEX_E_SYSTEM, kNoPlace, code);
   }
-  placed.program = JoinPath(place, kHelperFileName);
+  placed.program = JoinPath(place.path, kHelperFileName);
   if (!CopyFileW(source.c_str(), placed.program.c_str(), TRUE)) {
     code = GetLastError();
-    RemovePlace(place);
+    place.held.Reset();
+    RemovePlace(place.path);
     return FailWithWindowsError(failure, TALVEX_E_SYSTEM, kCopyFailed, code);
   }
   SetFileAttributesW(placed.program.c_str(), FILE_ATTRIBUTE_NORMAL);  // a read-only copy could not be deleted
-  // The helper rejects a release that it does not belong to, but only after the client has exited.
-  const ManifestEntry* const entry = FindManifestEntry(release, kHelperFileName);
-  if (entry != nullptr) {
-    placed.proof = OpenVerifiedManagedFile(placed.program, *entry, entry->size, kWrongHelper, failure.error);
-  }
+  placed.proof = OpenVerifiedManagedFile(placed.program, *entry, entry->size, kWrongHelper, failure.error);
+  place.held.Reset();  // an open file keeps the directories above it in their place
   if (!placed.proof.IsValid()) {
-    RemovePlace(place);
-    static_cast<void>(RefuseUnlessExplained(failure.error, kWrongHelper));
+    RemovePlace(place.path);
     return Fail(failure, TALVEX_E_SYSTEM);
   }
   // What is proven is started, even if a directory above it becomes a link meanwhile.

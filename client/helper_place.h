@@ -22,8 +22,9 @@ struct PlacedHelper {
   OwnedHandle proof;
 };
 
-// Copies the helper at `source` to a new directory that only this user, at this integrity level, can write
-// to, and proves that the copy is the helper of `release`. Failures, all TALVEX_E_SYSTEM:
+// Proves that the file at `source` is the helper of `release`, copies it to a new directory that only this
+// user, at this integrity level, can write to, and proves the copy. A base on a share, or on a volume without
+// access lists, is passed over. Failures, all TALVEX_E_SYSTEM:
 //   "There is no place for the update helper: " + Windows text
 //   "The update helper could not be copied: " + Windows text
 //   "The update helper is not the one of its release."

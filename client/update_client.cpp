@@ -6,15 +6,18 @@
 #include <string_view>
 #include <utility>
 
+#include "client/final_path.h"
 #include "client/helper_place.h"
 #include "client/install_attempts.h"
 #include "client/work_directory.h"
 #include "core/memory_shortage.h"
+#include "core/owned_handle.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/failure_marker.h"
 #include "formats/text_lines.h"
 #include "storage/client_root.h"
+#include "storage/held_directory.h"
 #include "storage/update_layout.h"
 
 namespace talvex::client {
@@ -53,13 +56,27 @@ std::wstring ProgramDirectory() {
   return path.substr(0, path.rfind(L'\\') + 1);
 }
 
-// The path without the prefix \\?\ in front of a drive, with which a program may have been started.
+// The path by its drive, without the prefix \\?\ in front of a drive or a volume, with which a program may
+// have been started.
 std::wstring WithoutPrefix(const std::wstring& path) {
-  return path.size() > 5 && path.starts_with(L"\\\\?\\") && path[5] == L':' ? path.substr(4) : path;
+  if (!path.starts_with(L"\\\\?\\")) {
+    return path;
+  }
+  if (path.size() > 5 && path[5] == L':') {
+    return path.substr(4);
+  }
+  OwnedHandle directory;
+  const std::wstring true_path =
+      HoldDirectory(path, directory) == PathKind::kDirectory ? TruePath(directory.Get()) : std::wstring();
+  return true_path.empty() ? path : true_path;
 }
 
 bool IsOnNetwork(const std::wstring& root) {
-  return root.starts_with(L"\\\\") || GetDriveTypeW(root.substr(0, kDriveRootLength).c_str()) == DRIVE_REMOTE;
+  if (root.starts_with(L"\\\\") || GetDriveTypeW(root.substr(0, kDriveRootLength).c_str()) == DRIVE_REMOTE) {
+    return true;
+  }
+  OwnedHandle directory;  // a link above it may lead to a share
+  return HoldDirectory(root, directory) == PathKind::kDirectory && IsOnShare(directory.Get());
 }
 
 void Describe(const Manifest& manifest, talvex_release& release) {
