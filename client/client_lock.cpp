@@ -23,11 +23,9 @@ OwnedHandle OpenLockFile(const std::wstring& path) {
 }
 
 // "Access denied" for a name that exists: the file is just being deleted, or a power cut has left it and it
-// is read-only now, or it is no file at all. What is held stays where it is.
+// is read-only now, or its access list denies, or it is no file at all. What is held stays where it is.
 void FreeName(const std::wstring& client_root, const std::wstring& path) {
-  if (ProbePath(path) == PathKind::kFile) {
-    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
-  } else {
+  if (ProbePath(path) != PathKind::kFile || !SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL)) {
     static_cast<void>(MoveAside(client_root, path));
   }
 }
@@ -57,7 +55,10 @@ talvex_result ClientLock::Take(const std::wstring& client_root, DWORD wait_ms, c
       return TALVEX_OK;
     }
     const DWORD code = GetLastError();
-    const bool is_denied = code == ERROR_ACCESS_DENIED || code == ERROR_WRITE_PROTECT;
+    if (code == ERROR_WRITE_PROTECT) {
+      return Fail(failure, TALVEX_E_NOT_WRITABLE, kNotWritable);
+    }
+    const bool is_denied = code == ERROR_ACCESS_DENIED;
     // Twice, because a name that is just being deleted may be gone the moment after.
     const bool is_absent = is_denied && ProbePath(path) == PathKind::kAbsent;
     if (is_absent && was_absent) {
