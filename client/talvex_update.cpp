@@ -115,9 +115,11 @@ talvex_result CallGuarded(Failure& failure, Operation operation) noexcept {
   }
 }
 
+enum class Handle { kStays, kIsClosed };
+
 // One call with a handle: `operation` gets the client and the failure to fill in.
 template <typename Operation>
-talvex_result Call(talvex_client* handle, Operation operation) noexcept {
+talvex_result Call(talvex_client* handle, Operation operation, Handle after = Handle::kStays) noexcept {
   bool busy = false;
   const std::shared_ptr<Session> session = g_sessions.BeginCall(handle, busy);
   if (session == nullptr) {
@@ -128,7 +130,11 @@ talvex_result Call(talvex_client* handle, Operation operation) noexcept {
   }
   const talvex_result result =
       CallGuarded(session->last, [&] { return operation(session->client, session->last); });
-  g_sessions.EndCall(*session);
+  if (after == Handle::kIsClosed) {
+    g_sessions.Remove(handle);  // still in its call, so that no other thread can begin one
+  } else {
+    g_sessions.EndCall(*session);
+  }
   return result;
 }
 
@@ -258,12 +264,11 @@ talvex_result TALVEX_CALL talvex_last_error(talvex_client* client, wchar_t* buff
 }
 
 talvex_result TALVEX_CALL talvex_close(talvex_client* client) {
-  const talvex_result result = Call(client, [](UpdateClient& update, Failure&) {
-    update.Close();
-    return talvex_result{TALVEX_OK};
-  });
-  if (result != TALVEX_E_HANDLE && result != TALVEX_E_IN_CALL) {
-    g_sessions.Remove(client);
-  }
-  return result;
+  return Call(
+      client,
+      [](UpdateClient& update, Failure&) {
+        update.Close();
+        return talvex_result{TALVEX_OK};
+      },
+      Handle::kIsClosed);
 }
