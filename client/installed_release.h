@@ -39,8 +39,9 @@ struct InstalledRelease {
                                    PhaseProgress& progress, UpdateError& error);
 
 // Verifies every file of the installed release. `expected` is the digest of the manifest that must be
-// installed, or null for whichever is recorded. Failures are retried for a second and a half, because another
-// program may hold a file. The message names the first file that failed. Messages:
+// installed, or null for whichever is recorded or, should the state be damaged, for that of the cache: one
+// changed byte must not keep whole files from being played. Failures are retried for a second and a half,
+// because another program may hold a file. The message names the first file that failed. Messages:
 //   "No installed release can be proved."
 //   "Another release than the one just installed is recorded."
 //   path + ": " + a message of IsFileOfRelease
