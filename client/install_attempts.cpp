@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "client/work_directory.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/text_lines.h"
@@ -96,10 +97,11 @@ void RecordAttempt(const std::wstring& client_root, const Sha256Digest& manifest
   text.append("\n").append(kCountKey).append("\t").append(std::to_string(count));
   text.append("\n").append(kLastKey).append("\t").append(std::to_string(Now())).append("\n");
   const std::wstring path = AttemptsPath(client_root);
-  SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);  // a read-only file could not be replaced
+  const std::wstring temporary = TemporaryPath(path);
   UpdateError unreported;
-  static_cast<void>(ReplaceWholeFile(path, TemporaryPath(path), AsBytes(text), L"",
-                                     MoveFailureText::kSentence, unreported));
+  static_cast<void>(
+      ClearFileName(client_root, path, unreported) && ClearFileName(client_root, temporary, unreported) &&
+      ReplaceWholeFile(path, temporary, AsBytes(text), L"", MoveFailureText::kSentence, unreported));
 }
 
 void ForgetAttempts(const std::wstring& client_root) {

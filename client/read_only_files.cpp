@@ -4,7 +4,6 @@
 
 #include "core/update_error.h"
 #include "storage/client_root.h"
-#include "storage/update_layout.h"
 
 namespace talvex::client {
 
@@ -16,13 +15,6 @@ void ClearReadOnly(const std::wstring& client_root, std::wstring_view relative_p
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY) != 0) {
       SetFileAttributesW(path.c_str(), attributes & ~DWORD{FILE_ATTRIBUTE_READONLY});
     }
-  }
-}
-
-void ClearReadOnlyRecords(const std::wstring& client_root) {
-  const SignedPairPaths cache = SignedPairIn(CacheDirectory(L""));
-  for (const std::wstring& path : {InstalledStatePath(L""), cache.manifest, cache.signature}) {
-    ClearReadOnly(client_root, path);
   }
 }
 

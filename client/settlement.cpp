@@ -34,11 +34,12 @@ void LeaveNote(const std::wstring& path) {
   static_cast<void>(WriteNewFile(path, {}, unreported));
 }
 
-// Removes a note, and whatever else somebody has put in its place.
-void DropNote(const std::wstring& client_root, const std::wstring& path) {
+// Removes a note or the failure marker, and whatever else somebody has put in its place. Retried: a scanner
+// may hold the file.
+void DropFile(const std::wstring& client_root, const std::wstring& path) {
   UpdateError unreported;
   static_cast<void>(ClearFileName(client_root, path, unreported));
-  DeleteFileW(path.c_str());
+  DeleteTemporaryFile(path);
 }
 
 // The journal of the update that is not settled; without rows if it cannot be read.
@@ -76,7 +77,7 @@ std::int32_t Settlement::Run(const Handoff& handoff, const ClientLock& lock, Fai
 std::int32_t Settlement::SettleUpdate(const Handoff& handoff, const ClientLock& lock, Failure& failure) {
   callbacks_.Log(handoff.present ? L"restarted after an update" : L"found an unfinished update");
   RemoveOldHelpers(client_root_);
-  DropNote(client_root_, InterruptedNotePath(client_root_));  // left by a rollback that did not finish
+  DropFile(client_root_, InterruptedNotePath(client_root_));  // left by a rollback that did not finish
   const Sha256Digest* const expected = handoff.present ? &handoff.manifest_digest : nullptr;
   Manifest installed;
   const bool is_whole =
@@ -106,7 +107,7 @@ bool Settlement::IsHealthy(const Manifest& installed, UpdateError& error) const 
   if (!journal.entries.empty() && !DigestsEqual(journal.manifest_digest, installed.digest)) {
     // The update was cut off before it had changed anything, or its rollback before its journal was gone.
     if (IsMarkedAsFailed(client_root_, journal.manifest_digest)) {
-      DeleteFileW(FailureMarkerPath(client_root_).c_str());
+      DropFile(client_root_, FailureMarkerPath(client_root_));
     }
     return RemovePrevious(error);
   }
@@ -124,7 +125,7 @@ std::int32_t Settlement::RollBack(const ClientLock& lock, bool is_whole, Failure
   if (MayExist(second_note)) {
     // In vain so far, the release itself may be what makes the files whole again.
     for (const std::wstring& path : {second_note, note, FailedNotePath(client_root_)}) {
-      DropNote(client_root_, path);
+      DropFile(client_root_, path);
     }
     SetError(failure.error, kRestoredInVain);
     callbacks_.Log(L"no rollback: " + failure.error.Message());
@@ -137,7 +138,7 @@ std::int32_t Settlement::RollBack(const ClientLock& lock, bool is_whole, Failure
     ClearReadOnly(client_root_, row.wide_path);
     ClearReadOnly(client_root_, JoinPath(FilesDirectory(PreviousDirectory(L"")), row.wide_path));
   }
-  ClearReadOnlyRecords(client_root_);
+  ClearRecordNames(client_root_);
   Failure of_start;
   if (StartRollback(client_root_, keys_, lock, of_start) == TALVEX_OK) {
     // The helper waits for this process to end, so the note is in time. Whatever fails now, the helper runs.
@@ -149,7 +150,7 @@ std::int32_t Settlement::RollBack(const ClientLock& lock, bool is_whole, Failure
     return TALVEX_START_EXIT;
   }
   callbacks_.Log(L"no rollback: " + of_start.error.Message());
-  DropNote(client_root_, InterruptedNotePath(client_root_));
+  DropFile(client_root_, InterruptedNotePath(client_root_));
   // What cannot be rolled back but is whole is played: otherwise two small files that anybody can write would
   // keep the game from ever starting. The copies stay until the release is confirmed: the reason may pass.
   return is_whole ? TALVEX_START_GAME : TALVEX_START_REPAIR;
@@ -179,10 +180,14 @@ std::int32_t Settlement::StartWithoutJournal(Failure& failure) const {
 // no fault: after the rollback it may be installed again.
 void Settlement::LiftMarkerOfInterrupted() const {
   const std::wstring note = InterruptedNotePath(client_root_);
-  if (MayExist(note) && !HasJournal()) {
+  if (!MayExist(note) || HasJournal()) {
+    return;
+  }
+  const std::wstring marker = FailureMarkerPath(client_root_);
+  DropFile(client_root_, marker);
+  if (!MayExist(marker)) {  // otherwise the next start tries again
     callbacks_.Log(L"may be installed again");
-    DeleteFileW(FailureMarkerPath(client_root_).c_str());
-    DropNote(client_root_, note);
+    DropFile(client_root_, note);
   }
 }
 
@@ -195,7 +200,7 @@ bool Settlement::Confirm(UpdateError& error) const {
 }
 
 void Settlement::WithdrawNote() const {
-  DeleteFileW(FailedNotePath(client_root_).c_str());
+  DropFile(client_root_, FailedNotePath(client_root_));
 }
 
 bool Settlement::HasFailed(const Sha256Digest& manifest_digest) const {
@@ -224,7 +229,7 @@ bool Settlement::RemovePrevious(UpdateError& error) const {
   if (!ClearPrevious(client_root_, error)) {
     return false;
   }
-  DropNote(client_root_, DamagedNotePath(client_root_));  // whoever comes here has found the files whole
+  DropFile(client_root_, DamagedNotePath(client_root_));  // whoever comes here has found the files whole
   return true;
 }
 

@@ -7,6 +7,7 @@
 
 #include "client/read_only_files.h"
 #include "client/work_directory.h"
+#include "core/owned_handle.h"
 #include "core/regular_file.h"
 #include "core/sha256.h"
 #include "core/text_encoding.h"
@@ -31,12 +32,22 @@ std::uint64_t SizeOf(const std::wstring& path) {
   return (std::uint64_t{data.nFileSizeHigh} << 32) | data.nFileSizeLow;
 }
 
-// Whether a file or a link stands where a directory of the relative path belongs.
+// Whether this user may make nothing in the directory at `path`.
+bool IsDenied(const std::wstring& path) {
+  const OwnedHandle directory(
+      CreateFileW(path.c_str(), FILE_ADD_FILE | FILE_ADD_SUBDIRECTORY,
+                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                  FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  return !directory.IsValid() && GetLastError() == ERROR_ACCESS_DENIED;
+}
+
+// Whether a file, a link or a directory that denies stands where a directory of the relative path belongs.
 bool HasObstacle(const std::wstring& client_root, std::wstring_view relative_path) {
   for (std::size_t end = 0; end != std::wstring_view::npos;) {
     end = relative_path.find(L'\\', end + 1);
-    const PathKind kind = ProbePath(JoinPath(client_root, relative_path.substr(0, end)));
-    if (kind == PathKind::kFile || kind == PathKind::kReparsePoint) {
+    const std::wstring path = JoinPath(client_root, relative_path.substr(0, end));
+    const PathKind kind = ProbePath(path);
+    if (kind == PathKind::kFile || kind == PathKind::kReparsePoint || IsDenied(path)) {
       return true;
     }
   }
@@ -94,7 +105,7 @@ talvex_result Staging::Stage(StagedRelease& staged, Failure& failure) {
       ClearReadOnly(client_root_, entry->normalised_path);
     }
   }
-  ClearReadOnlyRecords(client_root_);
+  ClearRecordNames(client_root_);
   return WritePlan(staged, failure);
 }
 
@@ -153,21 +164,26 @@ bool Staging::MayRetire(const ManifestEntry& entry, PhaseProgress& progress) con
 
 talvex_result Staging::Prepare(Failure& failure) {
   const bool prepared = ClearOtherStages(client_root_, DigestToHex(offer_.manifest.digest), failure.error) &&
-                        MakeStageDirectory(L"", failure.error);
+                        MakeStageDirectory(FilesDirectory(L""), failure.error);
   return prepared ? CheckFreeSpace(failure) : Fail(failure, TALVEX_E_SYSTEM);
 }
 
-// Makes the directory `relative_path` of the stage. A stage with a file or a link in the place of a directory
-// is moved out of the way: what was downloaded is lost, but the update is not.
+// Makes the directory `relative_path` of the stage. A stage with an obstacle in it is moved out of the way,
+// or the work directory: what was downloaded is lost, but the update is not.
 bool Staging::MakeStageDirectory(const std::wstring& relative_path, UpdateError& error) {
-  const std::wstring stage = StageRoot(L"", offer_.manifest.digest);
+  stage_root_ = StageRoot(client_root_, offer_.manifest.digest);
+  const std::wstring path = JoinPath(StageRoot(L"", offer_.manifest.digest), relative_path);
   std::wstring directory;
-  stage_root_ = JoinPath(client_root_, stage);
-  if (CreateUpdateDirectory(client_root_, JoinPath(stage, relative_path), directory, error)) {
+  const auto make = [&] {
+    return CreateUpdateDirectory(client_root_, path, directory, error) && !IsDenied(directory);
+  };
+  if (make()) {
     return true;
   }
-  return HasObstacle(client_root_, JoinPath(stage, relative_path)) && MoveAside(client_root_, stage_root_) &&
-         CreateUpdateDirectory(client_root_, JoinPath(stage, relative_path), directory, error);
+  return HasObstacle(client_root_, path) &&
+         ((MoveAside(client_root_, stage_root_) && make()) ||
+          (HasObstacle(client_root_, path) && MoveUnneededWorkAside(client_root_) && make()) ||
+          CreateUpdateDirectory(client_root_, path, directory, error));
 }
 
 // The downloads come to the disk now, and what they replace is copied once more if it has to be restored.

@@ -17,6 +17,12 @@ namespace {
 
 constexpr wchar_t kFileStays[] = L"Could not remove a file of an earlier update.";
 
+// The path of an entry, of which Windows changes nothing: without the prefix, "previous." would be the
+// directory named "previous".
+std::wstring ExactPath(const std::wstring& path) {
+  return L"\\\\?\\" + path;
+}
+
 std::vector<std::wstring> NamesIn(const std::wstring& directory) {
   std::vector<std::wstring> names;
   for (DirectoryListing listing(directory); listing.AtEntry(); listing.Advance()) {
@@ -36,9 +42,10 @@ bool RemoveEntry(const std::wstring& path, UpdateError& error) {
 }  // namespace
 
 bool MoveAside(const std::wstring& client_root, const std::wstring& path) {
+  const std::wstring exact = ExactPath(path);
   for (ULONGLONG number = GetTickCount64();; ++number) {
     const std::wstring aside = AsidePathPrefix(client_root) + std::to_wstring(number);
-    if (MoveFileExW(path.c_str(), aside.c_str(), 0)) {
+    if (MoveFileExW(exact.c_str(), aside.c_str(), 0)) {
       return true;
     }
     if (GetLastError() != ERROR_ALREADY_EXISTS) {
@@ -56,9 +63,15 @@ void MakeWorkDirectoryUsable(const std::wstring& client_root) {
   }
 }
 
+bool MoveUnneededWorkAside(const std::wstring& client_root) {
+  return !MayExist(RollbackJournalPath(PreviousDirectory(client_root))) &&
+         MoveAside(client_root, WorkDirectory(client_root));
+}
+
 bool ClearPrevious(const std::wstring& client_root, UpdateError& error) {
   const std::wstring previous = PreviousDirectory(client_root);
-  return RemovePreviousDirectory(previous, error) || MoveAside(client_root, previous);
+  return RemovePreviousDirectory(previous, error) || MoveAside(client_root, previous) ||
+         MoveAside(client_root, WorkDirectory(client_root));
 }
 
 bool ClearFileName(const std::wstring& client_root, const std::wstring& path, UpdateError& error) {
@@ -66,6 +79,9 @@ bool ClearFileName(const std::wstring& client_root, const std::wstring& path, Up
     case PathKind::kAbsent:
       return true;
     case PathKind::kFile:
+      if (InspectFile(path) == FileState::kUnsafeLinks) {  // whoever writes to it writes to a stranger's file
+        return DeleteFileW(path.c_str()) || MoveAside(client_root, path) || Refuse(error, kFileStays);
+      }
       SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
       return true;
     default:
@@ -73,11 +89,29 @@ bool ClearFileName(const std::wstring& client_root, const std::wstring& path, Up
   }
 }
 
+void ClearRecordNames(const std::wstring& client_root) {
+  const std::wstring marker = FailureMarkerPath(client_root);
+  std::vector<std::wstring> paths = {InstalledStatePath(client_root), marker, TemporaryPath(marker)};
+  const std::wstring cache = CacheDirectory(client_root);
+  const PathKind kind = ProbePath(cache);
+  if (kind == PathKind::kFile || kind == PathKind::kReparsePoint) {
+    static_cast<void>(MoveAside(client_root, cache));
+  } else if (kind == PathKind::kDirectory) {
+    const SignedPairPaths pair = SignedPairIn(cache);
+    paths.insert(paths.end(), {pair.manifest, pair.signature, TemporaryPath(pair.manifest),
+                               TemporaryPath(pair.signature)});
+  }
+  UpdateError unreported;
+  for (const std::wstring& path : paths) {
+    static_cast<void>(ClearFileName(client_root, path, unreported));
+  }
+}
+
 bool ClearOtherStages(const std::wstring& client_root, std::wstring_view kept_stage, UpdateError& error) {
   UpdateError unreported;
   for (const std::wstring& name : NamesIn(client_root)) {
     if (name.starts_with(AsidePathPrefix(L""))) {
-      static_cast<void>(RemoveEntry(JoinPath(client_root, name), unreported));
+      static_cast<void>(RemoveEntry(ExactPath(JoinPath(client_root, name)), unreported));
     }
   }
   const std::wstring work_directory = WorkDirectory(client_root);
@@ -86,8 +120,8 @@ bool ClearOtherStages(const std::wstring& client_root, std::wstring_view kept_st
       continue;
     }
     const std::wstring path = JoinPath(work_directory, name);
-    if (!RemoveEntry(path, error) && !MoveAside(client_root, path)) {
-      return false;
+    if (!RemoveEntry(ExactPath(path), error) && !MoveAside(client_root, path)) {
+      return MoveUnneededWorkAside(client_root);
     }
   }
   return true;

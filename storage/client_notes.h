@@ -7,7 +7,7 @@
 //     .talvex-update~lock            held open by the running client or helper; exists only meanwhile
 //     .talvex-update~attempts        how often a release was installed without success
 //     .talvex-update~damaged         files were found damaged, and have not been found whole since
-//     .talvex-update~aside-NUMBER    a work directory that could not be cleared
+//     .talvex-update~aside-NUMBER    what was in the way and could not be removed
 //     .talvex-update
 //       interrupted                  the release being rolled back was never started
 //       previous
