@@ -19,8 +19,8 @@
 namespace talvex::client {
 
 // Seconds until the release with `manifest_digest` may be tried again; 0: now. The first three attempts
-// follow each other freely; the fourth comes an hour after the third, the fifth four hours later, and each
-// further one a day later.
+// follow each other freely; the fourth comes an hour after the third, the fifth four hours later, the sixth
+// sixteen hours later, and each further one a day later.
 [[nodiscard]] std::uint64_t SecondsUntilNextAttempt(const std::wstring& client_root,
                                                     const Sha256Digest& manifest_digest);
 
