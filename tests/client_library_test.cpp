@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "client/helper_place.h"
 #include "client/talvex_update.h"
 #include "core/owned_handle.h"
 #include "core/publisher_key.h"
@@ -226,6 +227,8 @@ TEST(ClientLibrary, AcceptsOnlyWhatMayFollow) {
   same_number.sequence = 1;
   TestRelease foreign = kNew;
   foreign.key_folder = kOtherKey;
+  TestRelease without_helper = kNew;
+  without_helper.files.erase("TalvexUpdateHelper.exe");
   Library l;
   l.options.lowest_sequence = 2;
   ASSERT_EQ(l.Start(), TALVEX_START_GAME);
@@ -235,6 +238,7 @@ TEST(ClientLibrary, AcceptsOnlyWhatMayFollow) {
   ASSERT_EQ(l.Start(), TALVEX_START_GAME);
   EXPECT_EQ(l.Check(kOld), TALVEX_DONE);
   EXPECT_EQ(l.Check(same_number), TALVEX_E_OLDER);
+  EXPECT_EQ(l.Check(without_helper), TALVEX_E_NO_HELPER);
   EXPECT_EQ(l.Check(kNew), TALVEX_OK);
   WriteTestFile(l.At(L"TalvexUpdateFailure.dat"), HexDigestOf(kNew.ManifestText()) + "\n");
   EXPECT_EQ(l.Check(kNew), TALVEX_E_FAILED_BEFORE);
@@ -258,6 +262,8 @@ TEST(ClientLibrary, AcceptsOnlyWhatMayFollow) {
   EXPECT_EQ(attempts("3", 3'500), TALVEX_E_POSTPONED);
   EXPECT_EQ(attempts("3", 3'700), TALVEX_OK);
   EXPECT_EQ(attempts("4", 14'300), TALVEX_E_POSTPONED);
+  EXPECT_EQ(attempts("5", 57'500), TALVEX_E_POSTPONED);
+  EXPECT_EQ(attempts("5", 57'700), TALVEX_OK);
   EXPECT_EQ(attempts("99", 86'300), TALVEX_E_POSTPONED);
   EXPECT_EQ(attempts("99", 86'500), TALVEX_OK);
   EXPECT_EQ(attempts("99", -100), TALVEX_OK);  // by a clock that was wrong
@@ -340,10 +346,58 @@ TEST(ClientLibrary, LeavesRetiredFilesWhereTheyCannotBeProvenOrHaveNoRoom) {
   }
 }
 
+// Replacements for functions of Windows, and what they lead to otherwise.
+decltype(&CreateFileW) g_create_file = nullptr;
+decltype(&GetVolumeInformationByHandleW) g_volume_information = nullptr;
+DWORD g_lock_error = ERROR_SUCCESS;
+int g_volumes_without_lists = 0;
+
+// As the access list of a directory with a file "denied" in it would. (Nothing is denied to Wine's user.)
+HANDLE WINAPI DenyAdding(const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                         DWORD disposition, DWORD flags, HANDLE model) {
+  if (access == (FILE_ADD_FILE | FILE_ADD_SUBDIRECTORY) && MayExist(std::wstring(path) + L"\\denied")) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return INVALID_HANDLE_VALUE;
+  }
+  return g_create_file(path, access, share, security, disposition, flags, model);
+}
+HANDLE WINAPI FailToLock(const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                         DWORD disposition, DWORD flags, HANDLE model) {
+  if (std::wstring_view(path).ends_with(L"~lock")) {
+    SetLastError(g_lock_error);
+    return INVALID_HANDLE_VALUE;
+  }
+  return g_create_file(path, access, share, security, disposition, flags, model);
+}
+HANDLE WINAPI FailToLockWhatExists(const wchar_t* path, DWORD access, DWORD share,
+                                   SECURITY_ATTRIBUTES* security, DWORD disposition, DWORD flags,
+                                   HANDLE model) {
+  g_lock_error = ERROR_ACCESS_DENIED;
+  return (MayExist(path) ? FailToLock : g_create_file)(path, access, share, security, disposition, flags,
+                                                       model);
+}
+BOOL WINAPI HideAccessLists(HANDLE file, wchar_t* name, DWORD name_size, DWORD* serial, DWORD* longest,
+                            DWORD* flags, wchar_t* system, DWORD system_size) {
+  const BOOL ok = g_volume_information(file, name, name_size, serial, longest, flags, system, system_size);
+  *flags &= g_volumes_without_lists-- > 0 ? ~DWORD{FILE_PERSISTENT_ACLS} : ~DWORD{0};
+  return ok;
+}
+BOOL WINAPI ReportFull(const wchar_t*, ULARGE_INTEGER* available, ULARGE_INTEGER*, ULARGE_INTEGER*) {
+  *available = {};
+  return TRUE;
+}
+
 // (Not shown here: a work directory that is a link. Windows renames the link, Wine what it leads to.)
 TEST(ClientLibrary, StartsTheGameAndStagesWhateverOthersHavePutThere) {
   const std::wstring work = L".talvex-update";
   const std::wstring stage = work + L"\\" + Utf8ToWide(HexDigestOf(kNew.ManifestText()));
+  const std::wstring state = L"TalvexUpdateState.dat";
+  const std::wstring marker = L"TalvexUpdateFailure.dat";
+  const std::wstring cache = L".talvex-update-cache";
+  const auto change_state = [&](Library& l, const std::wstring& left) {
+    WriteTestFile(l.At(state), ReadTestFile(l.At(state)).replace(0, 1, "X"));
+    WriteTestFile(l.At(left), "broken");
+  };
   const std::function<void(Library&)> surroundings[] = {
       [&](Library& l) { WriteTestFile(l.At(work), "a file"); },
       [&](Library& l) {
@@ -386,38 +440,153 @@ TEST(ClientLibrary, StartsTheGameAndStagesWhateverOthersHavePutThere) {
         MakeTestDirectory(l.At(stage));
         MakeJunction(l.At(stage + L"\\files"), l.scratch / L"others");
       },
+      [&](Library& l) {
+        MakeTestDirectory(l.At(stage + L"\\files\\Data"));
+        CreateHardLinkW(l.At(stage + L"\\files\\Data\\a.bin").c_str(),
+                        (l.scratch / L"others\\precious").c_str(), nullptr);
+      },
+      [&](Library& l) { WriteTestFile(l.At(stage + L"\\files\\denied"), ""); },
+      [&](Library& l) { WriteTestFile(l.At(work + L"\\denied"), ""); },
+      [&](Library& l) { change_state(l, work + L"\\previous\\file"); },
+      [&](Library& l) { change_state(l, work + L"\\previous\\rollback.journal"); },
+      [&](Library& l) { change_state(l, L".talvex-update~damaged"); },
+      [&](Library& l) {
+        DeleteFileW(l.At(state).c_str());
+        MakeTestDirectory(l.At(state + L"\\folder"));
+        MakeTestDirectory(l.At(marker));
+        DeleteFileW(l.At(cache + L"\\manifest.txt").c_str());
+        MakeTestDirectory(l.At(cache + L"\\manifest.txt"));
+      },
+      [&](Library& l) {
+        RemoveTestTree(l.At(cache));
+        WriteTestFile(l.At(cache), "a file");
+        MakeTestDirectory(l.At(marker + L".new"));
+      },
   };
+  g_create_file = ImportedFunction<decltype(CreateFileW)>("CreateFileW");
+  const ImportPatch patch("CreateFileW", &DenyAdding);
   for (const auto& prepare : surroundings) {
     SCOPED_TRACE(&prepare - surroundings);
     Library l;
-    WriteTestFile(l.scratch / L"others\\precious", "not ours");
+    WriteTestFile(l.scratch / L"others\\precious", "mine");
     prepare(l);
     EXPECT_EQ(l.Start(), TALVEX_START_GAME) << l.LastSentence() << l.log;
     EXPECT_EQ(talvex_confirm(l.client), TALVEX_OK);
     EXPECT_EQ(l.StageUpdate(kNew), TALVEX_OK) << l.LastSentence() << l.log;
     EXPECT_FALSE(MayExist(l.At(work + L"\\previous\\rollback.journal")));
-    EXPECT_EQ(ReadTestFile(l.scratch / L"others\\precious"), "not ours");
+    EXPECT_EQ(ReadTestFile(l.scratch / L"others\\precious"), "mine");
+    for (const std::wstring& file : {state, marker, marker + L".new", cache + L"\\manifest.txt"}) {
+      EXPECT_FALSE(IsRealDirectory(l.At(file)));
+    }
+    EXPECT_NE(ProbePath(l.At(cache)), PathKind::kFile);
   }
 }
 
+// Without the prefix, Windows takes the name "previous." for "previous".
+TEST(ClientLibrary, KeepsTheOnlyCopiesUntilTheReleaseIsConfirmed) {
+  Library l;
+  const std::wstring journal = l.At(L".talvex-update\\previous\\rollback.journal");
+  const std::wstring twin = L"\\\\?\\" + l.At(L".talvex-update\\previous.");
+  WriteTestFile(journal, "broken");
+  MakeTestDirectory(twin);
+  WriteTestFile(l.At(L".talvex-update\\denied"), "");
+  g_create_file = ImportedFunction<decltype(CreateFileW)>("CreateFileW");
+  const ImportPatch patch("CreateFileW", &DenyAdding);
+  EXPECT_EQ(l.Start(), TALVEX_START_GAME);
+  EXPECT_EQ(l.StageUpdate(kNew), TALVEX_OK) << l.LastSentence();
+  EXPECT_EQ(ReadTestFile(journal), "broken");
+  EXPECT_FALSE(MayExist(twin));
+  EXPECT_EQ(talvex_install(l.client, nullptr), TALVEX_E_UNSETTLED);
+  EXPECT_EQ(talvex_confirm(l.client), TALVEX_OK);
+  EXPECT_EQ(talvex_install(l.client, nullptr), TALVEX_E_SYSTEM);  // the helper is no program here
+}
+
+TEST(ClientLibrary, SaysHowMuchRoomIsMissing) {
+  Library l;
+  ASSERT_EQ(l.Start(), TALVEX_START_GAME);
+  ASSERT_EQ(l.Check(kNew), TALVEX_OK);
+  const ImportPatch patch("GetDiskFreeSpaceExW", &ReportFull);
+  talvex_file file = {};
+  file.struct_size = sizeof(file);
+  EXPECT_EQ(talvex_next_file(l.client, &file), TALVEX_E_SPACE);
+  EXPECT_EQ(l.LastSentence(), "There is not enough room on the disk: 17 MiB more are needed.");
+}
+
+TEST(ClientLibrary, TellsWhyTheLockFileCannotBeOpened) {
+  const struct {
+    DWORD code;
+    std::int32_t result;
+  } cases[] = {{ERROR_WRITE_PROTECT, TALVEX_E_NOT_WRITABLE},
+               {ERROR_SHARING_VIOLATION, TALVEX_E_ALREADY_RUNNING},
+               {ERROR_ACCESS_DENIED, TALVEX_E_NOT_WRITABLE},
+               {ERROR_DISK_FULL, TALVEX_E_SYSTEM}};
+  g_create_file = ImportedFunction<decltype(CreateFileW)>("CreateFileW");
+  for (const auto& c : cases) {
+    Library l;
+    const ImportPatch patch("CreateFileW", &FailToLock);
+    g_lock_error = c.code;
+    EXPECT_EQ(l.Start(), c.result);
+  }
+  // A file that is there and denies everything is moved out of the way.
+  Library l;
+  WriteTestFile(l.At(L".talvex-update~lock"), "denies");
+  const ImportPatch open_patch("CreateFileW", &FailToLockWhatExists);
+  const ImportPatch attributes_patch("SetFileAttributesW", Failing(&SetFileAttributesW));
+  EXPECT_EQ(l.Start(), TALVEX_START_GAME);
+}
+
+// The copy of the helper, in the second place where the first has no access lists.
+TEST(ClientLibrary, PlacesTheHelperWhereNobodyCanExchangeIt) {
+  Library l;
+  const Manifest release = kOld.Parsed();
+  const std::wstring helper = l.At(L"TalvexUpdateHelper.exe");
+  std::wstring directories[2];
+  for (std::wstring& directory : directories) {
+    client::PlacedHelper placed;
+    client::Failure failure;
+    const bool is_second = &directory != directories;
+    g_volume_information =
+        ImportedFunction<decltype(GetVolumeInformationByHandleW)>("GetVolumeInformationByHandleW");
+    g_volumes_without_lists = is_second ? 1 : 0;
+    const ImportPatch patch("GetVolumeInformationByHandleW", &HideAccessLists);
+    ASSERT_EQ(client::PlaceHelper(l.root, helper, release, placed, failure), TALVEX_OK)
+        << WideToUtf8(failure.error.Message());
+    EXPECT_FALSE(OwnedHandle(CreateFileW(placed.program.c_str(), GENERIC_WRITE,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                         OPEN_EXISTING, 0, nullptr))
+                     .IsValid());
+    EXPECT_FALSE(DeleteFileW(placed.program.c_str()));
+    directory = placed.directory.substr(0, placed.directory.rfind(L'\\'));
+    placed.proof.Reset();
+    client::RemoveOldHelpers(l.root);
+    EXPECT_FALSE(MayExist(placed.directory));
+  }
+  EXPECT_NE(directories[0], directories[1]);
+  // What is not the helper is not even copied.
+  MakeSparseFile(helper, std::uint64_t{1} << 40);
+  client::PlacedHelper placed;
+  client::Failure failure;
+  EXPECT_EQ(client::PlaceHelper(l.root, helper, release, placed, failure), TALVEX_E_SYSTEM);
+  EXPECT_EQ(placed.program, L"");
+}
+
 int g_opened = 0;
-decltype(&CreateFileW) g_create_file = nullptr;
 HANDLE WINAPI CountOpen(const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
                         DWORD disposition, DWORD flags, HANDLE model) {
   ++g_opened;
   return g_create_file(path, access, share, security, disposition, flags, model);
 }
 
-TEST(ClientLibrary, OpensOnlyItsLockWhenThereIsNothingToSettle) {
+TEST(ClientLibrary, OpensOnlyItsDirectoryAndItsLockWhenThereIsNothingToSettle) {
   Library l;
   g_create_file = ImportedFunction<decltype(CreateFileW)>("CreateFileW");
   const ImportPatch patch("CreateFileW", &CountOpen);
   g_opened = 0;
   EXPECT_EQ(l.Start(), TALVEX_START_GAME);
   EXPECT_EQ(talvex_confirm(l.client), TALVEX_OK);
-  EXPECT_EQ(g_opened, 1);
+  EXPECT_EQ(g_opened, 2);
   talvex_close(l.client);
-  EXPECT_EQ(g_opened, 1);
+  EXPECT_EQ(g_opened, 2);
   EXPECT_FALSE(MayExist(l.At(L".talvex-update~lock")));
 }
 

@@ -102,12 +102,12 @@ class ClientLife : public ClientDirectory {
     const Tree before = ClientFiles();
     const OwnedHandle holder(CreateFileW(At(Utf8ToWide(held)).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                          OPEN_EXISTING, 0, nullptr));
-    Update(release, [&](DWORD process_id) {
+    const HelperResult result = Update(release, [&](DWORD process_id) {
       if (ReadTestFile(At(Utf8ToWide(changed))) == release.files.at(changed)) {
         TerminateProcess(OwnedHandle(OpenProcess(PROCESS_TERMINATE, FALSE, process_id)).Get(), 1);
       }
     });
-    EXPECT_NE(TreeDifference(ClientFiles(), before), "");
+    EXPECT_NE(TreeDifference(ClientFiles(), before), "") << result.console << WideToUtf8(result.message);
   }
 
   std::wstring log = scratch / L"client.log";
