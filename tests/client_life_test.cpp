@@ -147,7 +147,8 @@ TEST_P(EachClient, GoesFromTheFirstInstallationThroughABrokenReleaseToARepairedO
   const TestRelease dying = Successor(repaired, "4.0", "die");
   const HelperResult death = life.Update(dying);
   EXPECT_TRUE(death.console.ends_with("\nintact " + Described(dying))) << death.console;
-  for (const wchar_t* const path : {L"start.cfg", L".talvex-update\\previous\\files\\start.cfg"}) {
+  for (const wchar_t* const path :
+       {L"start.cfg", L"TalvexUpdateFailure.dat", L".talvex-update\\previous\\files\\start.cfg"}) {
     EXPECT_TRUE(SetFileAttributesW(life.At(path).c_str(), FILE_ATTRIBUTE_READONLY)) << path;
   }
   life.ExpectRollsBack(life.Start(), 4, "The last start of this release did not come to its end.", repaired,
