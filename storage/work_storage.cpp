@@ -144,6 +144,10 @@ bool ClearWorkDirectoryExcept(const std::wstring& directory, std::wstring_view k
     if (EqualIgnoringAsciiCase(listing.Name(), kept_name)) {
       continue;
     }
+    // By a path, Windows takes such a name for the one without its end, which may be the one that is kept.
+    if (listing.Name().ends_with(L'.') || listing.Name().ends_with(L' ')) {
+      return Refuse(error, kStorageFileStays);
+    }
     const std::wstring child = JoinPath(directory, listing.Name());
     if (listing.IsReparsePoint()) {
       return Refuse(error, kStorageHasReparsePoint);

@@ -30,7 +30,7 @@ namespace talvex {
 // it are deleted as they are: a read-only one makes this fail. A missing directory is a success. Messages:
 // those of RemoveWorkTree, and
 //   "Updater storage contains an unsafe reparse point."       or is one itself
-//   "Could not remove stale updater data."
+//   "Could not remove stale updater data."                    or its name ends in a dot or a blank
 [[nodiscard]] bool ClearWorkDirectoryExcept(const std::wstring& directory, std::wstring_view kept_name,
                                             UpdateError& error);
 

@@ -182,6 +182,12 @@ TEST_F(WorkTrees, AreClearedExceptForOneName) {
   EXPECT_EQ(Message(ClearExceptPrevious, tree_), L"");
   EXPECT_EQ(ReadTree(tree_), (Tree{{L"PREVIOUS\\", ""}, {L"PREVIOUS\\files\\", ""}}));
   EXPECT_EQ(Message(ClearExceptPrevious, scratch_ / L"absent"), L"");
+  // By a plain path, this one is the directory that is kept.
+  const std::wstring twin = L"\\\\?\\" + tree_ + L"\\previous.";
+  ASSERT_TRUE(CreateDirectoryW(twin.c_str(), nullptr));
+  EXPECT_EQ(Message(ClearExceptPrevious, tree_), L"Could not remove stale updater data.");
+  EXPECT_TRUE(MayExist(tree_ + L"\\PREVIOUS\\files"));
+  RemoveDirectoryW(twin.c_str());
   MakeJunction(tree_ + L"\\link", elsewhere_);
   EXPECT_EQ(Message(ClearExceptPrevious, tree_), L"Updater storage contains an unsafe reparse point.");
 }

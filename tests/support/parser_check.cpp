@@ -38,7 +38,7 @@ Reading ReadJournal(std::string_view text) {
   RollbackJournal journal = {{}, true, true, true, {{}}};
   UpdateError error;
   const bool accepted = ParseRollbackJournalText(text, journal, error);
-  std::string written;
+  std::string written = "left over";
   UpdateError write_error;  // the writer compares the two forms of a path by itself
   const bool rewritten = accepted && FormatRollbackJournal(journal, written, write_error);
   return Verdict(accepted, error, true, rewritten ? written : "not written");
