@@ -37,7 +37,10 @@ namespace {
 
 constexpr double kCompletedTextSeconds = 1.2;  // the fixed wait at the end of an update
 
-std::ofstream csv;
+std::ofstream& Csv() {
+  static std::ofstream csv;
+  return csv;
+}
 bool all_within = true;
 
 // `min` or `max` of 0: printed without a bound.
@@ -51,8 +54,8 @@ void Report(const char* what, double value, const char* unit, double min, double
     std::snprintf(bound, sizeof(bound), "at most %.2f", max);
   }
   std::printf("%-58s %10.3f %-6s %-16s %s\n", what, value, unit, bound, within ? "" : "MISSED");
-  csv << '"' << what << "\"," << value << ',' << unit << ",\"" << bound << "\"," << (within ? "yes" : "no")
-      << '\n';
+  Csv() << '"' << what << "\"," << value << ',' << unit << ",\"" << bound << "\"," << (within ? "yes" : "no")
+        << '\n';
 }
 
 // Work that was not done would give a good figure.
@@ -395,22 +398,22 @@ int main(int count, char** arguments) {
                        [&](const auto& bench) { return std::strcmp(name, bench.name) == 0; });
   };
   if (count > 1 && std::all_of(arguments + 2, arguments + count, is_known)) {
-    csv.open(arguments[1]);
+    Csv().open(arguments[1]);
   }
-  if (!csv.is_open()) {
+  if (!Csv().is_open()) {
     std::fprintf(stderr, "Usage: bench.exe CSV [NAME...]\n");
     return 2;
   }
   talvex::console_reporting = true;
   std::setvbuf(stdout, nullptr, _IONBF, 0);
-  csv << "figure,value,unit,bound,within\n";
+  Csv() << "figure,value,unit,bound,within\n";
   for (const auto& bench : benches) {
     if (count == 2 || std::any_of(arguments + 2, arguments + count,
                                   [&](const char* name) { return std::strcmp(name, bench.name) == 0; })) {
       bench.run();
     }
   }
-  csv.close();
+  Csv().close();
   std::printf("%s\n", all_within ? "Every figure keeps its bound." : "Bounds were missed.");
   return all_within ? 0 : 1;
 }
