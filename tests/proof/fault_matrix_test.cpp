@@ -178,7 +178,7 @@ bool IsToldWell(const std::wstring& message, const ApiCall* failed_call) {
   const bool is_whole =
       !message.empty() && std::iswupper(message.front()) != 0 && std::iswspace(message.back()) == 0;
   return is_whole && (!lacks_reason || failed_call == nullptr || failed_call->name == "FindFirstFileW") &&
-         std::ranges::none_of(kBlame, [&](auto blame) { return message.find(blame) != message.npos; });
+         std::ranges::none_of(kBlame, [&](auto blame) { return message.find(blame) != std::wstring::npos; });
 }
 
 // What a run that came to its end says has to agree with what it has done.
@@ -206,7 +206,8 @@ std::string CheckReport(const Scenario& scenario, const FaultPoint& fault, const
     return from_new;
   }
   // Without a second part nothing was changed.
-  if (message.find(L"\n\n") == message.npos || message.ends_with(L"\n\nYour existing files were restored.")) {
+  if (message.find(L"\n\n") == std::wstring::npos ||
+      message.ends_with(L"\n\nYour existing files were restored.")) {
     return (own_journal ? "the old release with a journal\n" : "") + from_restored;
   }
   return "";
@@ -216,7 +217,8 @@ std::string CheckReport(const Scenario& scenario, const FaultPoint& fault, const
 // several places.
 std::optional<bool> IsRetried(const Scenario& scenario, const ApiCall& call) {
   const std::wstring path = call.Path() + L"\\";
-  const bool is_cleared = path.find(L"\\.talvex-update\\") != path.npos && path.find(L".new") == path.npos;
+  const bool is_cleared =
+      path.find(L"\\.talvex-update\\") != std::wstring::npos && path.find(L".new") == std::wstring::npos;
   const bool is_restoration = scenario.first_call != 0;
   const bool opens = call.name == "CreateFileW";
   const DWORD access = opens ? call.numbers[0] & (GENERIC_READ | GENERIC_WRITE) : 0;
@@ -229,7 +231,7 @@ std::optional<bool> IsRetried(const Scenario& scenario, const ApiCall& call) {
   }
   if (call.name == "GetFileAttributesW") {
     // The restoration alone looks at files only in order to change them, and at the journal to clear it.
-    const bool is_file = path.find(L'.', path.rfind(L'\\', path.size() - 2) + 2) != path.npos;
+    const bool is_file = path.find(L'.', path.rfind(L'\\', path.size() - 2) + 2) != std::wstring::npos;
     const bool is_journal = path.ends_with(L"\\rollback.journal\\");
     return is_restoration && is_file && !is_journal ? std::optional(true) : std::nullopt;
   }

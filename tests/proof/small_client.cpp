@@ -32,7 +32,7 @@ bool IsUpdatersOwn(std::wstring_view path) {
 
 // What a run that died while it wrote one of the updater's own files leaves of it. Nothing ever reads it.
 bool IsLeftOver(std::wstring_view path) {
-  return IsUpdatersOwn(path) && (path.ends_with(L".new") || path.find(L".new-") != path.npos);
+  return IsUpdatersOwn(path) && (path.ends_with(L".new") || path.find(L".new-") != std::wstring::npos);
 }
 
 // Where the previous version of a client file is kept from the moment on at which it leaves its place.
@@ -119,14 +119,15 @@ std::string SmallClient::WhatIsWrong(const RunRecord& record) const {
     }
     const std::wstring path = text.substr(root.size() + 1);
     // (An update takes a file back to its stage that it could not flush.)
-    if (call.name == "MoveFileExW" && path.find(L".new") != path.npos && record.unflushed.contains(text)) {
+    if (call.name == "MoveFileExW" && path.find(L".new") != std::wstring::npos &&
+        record.unflushed.contains(text)) {
       return "put in place before it was flushed: " + WideToUtf8(path) + "\n";
     }
     if (!path.starts_with(kWork) && call.name != "CreateDirectoryW" && call.name != "RemoveDirectoryW") {
       const std::string journal = ReadTestFile(JoinPath(root, kJournal));
       std::string row = "\t" + WideToUtf8(path) + "\n";
       std::ranges::replace(row, '\\', '/');
-      const bool is_named = IsUpdatersOwn(path) || journal.find(row) != journal.npos;
+      const bool is_named = IsUpdatersOwn(path) || journal.find(row) != std::string::npos;
       if (!journal.starts_with(journal_head_) || !is_named) {
         return "changed before a journal named it: " + WideToUtf8(path) + "\n";
       }
