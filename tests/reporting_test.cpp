@@ -35,8 +35,12 @@ class ReportingTest : public testing::Test {
     boxes.emplace_back(owner, text, caption, flags);
     return IDOK;
   }
-  static BOOL WINAPI Attach(DWORD process_id) { return attached = process_id == ATTACH_PARENT_PROCESS; }
+  static BOOL WINAPI Attach(DWORD process_id) {
+    attached = process_id == ATTACH_PARENT_PROCESS;
+    return attached;
+  }
   static HANDLE WINAPI FindOutput(DWORD which) {
+    // cppcheck-suppress knownConditionTrueFalse ; Attach sets it
     return attached && which == STD_OUTPUT_HANDLE ? standard_output : nullptr;
   }
   static BOOL WINAPI KeepTheBytes(HANDLE file, const void* bytes, DWORD size, DWORD* written, OVERLAPPED*) {

@@ -138,7 +138,7 @@ class StatusWindowTest : public testing::Test {
   static HWND WINAPI CreateUnlessRefused(DWORD extended, LPCWSTR name, LPCWSTR text, DWORD style, int x,
                                          int y, int width, int height, HWND parent, HMENU menu,
                                          HINSTANCE instance, void* parameter) {
-    EXPECT_EQ(parent, style & WS_CHILD ? windows[kTop] : nullptr);
+    EXPECT_EQ(parent, (style & WS_CHILD) != 0 ? windows[kTop] : nullptr);
     designs[name] = {text, extended, style, x, y, width, height, reinterpret_cast<UINT_PTR>(menu)};
     const HWND window = real_create_window(extended, name, text, style, x, y, width, height, parent, menu,
                                            instance, parameter);

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <iterator>
-#include <ranges>
 #include <string_view>
 #include <utility>
 
@@ -58,11 +56,17 @@ void SmallClient::Offer(TestRelease old, TestRelease next) {
   old_release = std::move(old);
   new_release = std::move(next);
   plan_ = {};
-  std::map<std::string, std::string> changed;
-  std::ranges::set_difference(new_release.files, old_release.files, std::inserter(changed, changed.end()));
-  std::ranges::copy(changed | std::views::keys, std::back_inserter(plan_.install));
-  std::ranges::set_difference(old_release.files | std::views::keys, new_release.files | std::views::keys,
-                              std::back_inserter(plan_.retire));
+  for (const auto& [path, contents] : new_release.files) {
+    const auto before = old_release.files.find(path);
+    if (before == old_release.files.end() || before->second != contents) {
+      plan_.install.push_back(path);
+    }
+  }
+  for (const auto& [path, contents] : old_release.files) {
+    if (!new_release.files.contains(path)) {
+      plan_.retire.push_back(path);
+    }
+  }
   old_files = old_release.Installed();
   new_files = new_release.Installed();
   journal_head_ = "TALVEX-ROLLBACK-V1\nmanifest-sha256\t" + HexDigestOf(new_release.ManifestText()) + "\n";
