@@ -235,6 +235,19 @@ TEST_F(Restoration, IsPreparedWithoutReadingAFileOfAnotherSize) {
   EXPECT_EQ(error.Message(), L"A retired managed file changed locally and was not deleted.");
 }
 
+// Nothing may be saved, and nothing be installed, where one of them is missing.
+TEST_F(Restoration, IsNotPreparedWithoutAllOfItsDirectories) {
+  const wchar_t* const names[] = {L"files", L"old-install", L"old-install\\.talvex-update-cache",
+                                  L"recovery"};
+  for (const wchar_t* const name : names) {
+    const std::wstring previous = root_ / std::wstring(name) + L"-taken";
+    WriteTestFile(JoinPath(previous, name), "in its place");
+    UpdateError error;
+    EXPECT_FALSE(PrepareRollback(root_.Path(), previous, previous + L"\\files", {}, {}, {}, {}, error));
+    EXPECT_EQ(error.Message(), L"An update directory is unsafe.") << name;
+  }
+}
+
 TEST_F(Restoration, WaitsForHalfAMinuteInAll) {
   const ImportPatch patch("DeleteFileW", Failing(&DeleteFileW));
   EXPECT_EQ(Undo(false, {}, 40), L"Could not remove a file during updater rollback.");

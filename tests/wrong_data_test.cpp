@@ -109,6 +109,7 @@ const Case kUpdateCases[] = {
      L"The update target is too large or is not a regular file."},
     {"StagedFolderIsAJunction", [](Client& c) { c.LinkAway(c.InStage(L"files\\new")); }, kReparsePoint},
     {"TargetFolderIsAJunction", [](Client& c) { c.LinkAway(c.At(L"Data")); }, kReparsePoint},
+    {"RetiredFolderIsAJunction", [](Client& c) { c.LinkAway(c.At(L"old")); }, kReparsePoint},
     {"TargetIsADirectory", [](Client& c) { MakeTestDirectory(c.At(L"new\\folder\\c.bin")); },
      L"An update target is not a regular file."},
     {"TargetHasASecondName", [](Client& c) { c.GiveASecondName(c.At(L"Data\\a.bin")); },
