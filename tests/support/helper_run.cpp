@@ -21,14 +21,31 @@ std::wstring TextOf(HWND window) {
   return text.data();
 }
 
-HWND VisibleWindow(DWORD process_id, const wchar_t* window_class) {
-  HWND window = nullptr;
+struct WindowSearch {
+  DWORD process_id;
+  std::wstring window_class;
+  HWND found = nullptr;
+};
+
+BOOL CALLBACK StopAtWindow(HWND window, LPARAM parameter) {
+  auto& search = *reinterpret_cast<WindowSearch*>(parameter);
   DWORD owner = 0;
-  do {
-    window = FindWindowExW(nullptr, window, window_class, nullptr);
-    GetWindowThreadProcessId(window, &owner);
-  } while (window != nullptr && (owner != process_id || !IsWindowVisible(window)));
-  return window;
+  std::array<wchar_t, 64> window_class{};
+  GetWindowThreadProcessId(window, &owner);
+  GetClassNameW(window, window_class.data(), static_cast<int>(window_class.size()));
+  if (owner == search.process_id && search.window_class == window_class.data() && IsWindowVisible(window)) {
+    search.found = window;
+    return FALSE;
+  }
+  return TRUE;
+}
+
+// Goes through a list made at once. From one window to the next with FindWindowExW, the server of Wine 10
+// never comes to an end when the window is destroyed meanwhile.
+HWND VisibleWindow(DWORD process_id, const wchar_t* window_class) {
+  WindowSearch search{process_id, window_class};
+  EnumWindows(&StopAtWindow, reinterpret_cast<LPARAM>(&search));
+  return search.found;
 }
 
 // Notes what the process shows now, and closes its message box.
