@@ -22,6 +22,7 @@ shift 2
 
 export WINEPREFIX="$folder/prefix"
 export WINEARCH=win64
+unset TMPDIR  # Wine 10 looks for its running server there, and crashes when it was started with another one
 export LC_ALL=C.UTF-8  # in a locale without UTF-8, Wine creates no files with names beyond ASCII
 export WINEDEBUG="${WINEDEBUG:--all}"
 # No offers to download Mono or Gecko, and no debugger, whose window would keep a crashed program alive.
