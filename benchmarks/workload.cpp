@@ -7,6 +7,7 @@
 
 #include "core/cng.h"
 #include "core/owned_handle.h"
+#include "core/regular_file.h"
 #include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
@@ -77,9 +78,11 @@ void MakeCheckCalls(const std::wstring& folder, const std::wstring& path) {
   const OwnedHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                      OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-  BY_HANDLE_FILE_INFORMATION information{};
+  FileInformation information;
   for (int i = 0; i < kFiles; ++i) {
-    GetFileInformationByHandle(file.Get(), &information);
+    if (!GetFileInformation(file.Get(), information)) {
+      Abandon("GetFileInformation");
+    }
   }
 }
 

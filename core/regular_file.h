@@ -32,6 +32,17 @@ enum class PathKind { kAbsent, kFile, kDirectory, kReparsePoint, kUnknown };
 // Whether `path` is a directory and not a reparse point.
 [[nodiscard]] bool IsRealDirectory(const std::wstring& path);
 
+// What Windows says of an open file.
+struct FileInformation {
+  DWORD attributes = 0;
+  DWORD links = 0;
+  std::uint64_t size = 0;  // in bytes
+};
+
+// Needs no more access than FILE_READ_ATTRIBUTES. A failure leaves `information` alone; the last error is the
+// reason.
+[[nodiscard]] bool GetFileInformation(HANDLE file, FileInformation& information) noexcept;
+
 // The result of inspecting a file.
 enum class FileState {
   kAbsent,

@@ -10,6 +10,7 @@
 
 #include "core/ascii_case.h"
 #include "core/owned_handle.h"
+#include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "formats/manifest.h"
 #include "formats/relative_path.h"
@@ -39,17 +40,17 @@ std::wstring_view CheckFile(const std::wstring& full_path, std::uint64_t& size) 
   const OwnedHandle file(CreateFileW(full_path.c_str(), FILE_READ_ATTRIBUTES,
                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                      OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-  BY_HANDLE_FILE_INFORMATION information{};
-  if (!file.IsValid() || !GetFileInformationByHandle(file.Get(), &information)) {
+  FileInformation information;
+  if (!file.IsValid() || !GetFileInformation(file.Get(), information)) {
     return kUnreadable;
   }
-  if ((information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+  if ((information.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
     return kLink;
   }
-  if (information.nNumberOfLinks != 1) {
+  if (information.links != 1) {
     return kHardLinks;
   }
-  size = (std::uint64_t{information.nFileSizeHigh} << 32) | information.nFileSizeLow;
+  size = information.size;
   if (size == 0) {
     return kEmptyFile;
   }

@@ -130,17 +130,6 @@ BOOL WINAPI MoveFileNow(const wchar_t* from, const wchar_t* to, DWORD flags) {
   return to == nullptr ? TRUE : MoveFileExW(from, to, flags);  // without a name: at the next restart
 }
 
-// Wine takes two milliseconds for the number of the volume, which nobody asks for.
-BOOL WINAPI GetShortFileInformation(HANDLE file, BY_HANDLE_FILE_INFORMATION* information) {
-  FILE_BASIC_INFO basic{};
-  FILE_STANDARD_INFO standard{};
-  const BOOL told = GetFileInformationByHandleEx(file, FileBasicInfo, &basic, sizeof(basic)) &&
-                    GetFileInformationByHandleEx(file, FileStandardInfo, &standard, sizeof(standard));
-  information->dwFileAttributes = basic.FileAttributes;
-  information->nNumberOfLinks = standard.NumberOfLinks;
-  return told;
-}
-
 BOOL WINAPI FindNextInOrder(HANDLE search, WIN32_FIND_DATAW* entry) {
   auto& entries = listings[search];
   if (entries.empty()) {
@@ -222,7 +211,6 @@ void PatchImports() {
   Patch<"ReadFile">(ReadFile);
   Patch<"WriteFile">(WriteFile);
   Patch<"GetFileSizeEx">(GetFileSizeEx);
-  Patch<"GetFileInformationByHandle">(GetShortFileInformation);
   Patch<"GetFileInformationByHandleEx">(GetFileInformationByHandleEx);
   Patch<"FlushFileBuffers">(SkipFlush);
   Patch<"GetFileAttributesW">(GetFileAttributesW, INVALID_FILE_ATTRIBUTES);
