@@ -2,8 +2,6 @@
 
 #include <windows.h>
 
-#include <numeric>
-
 #include "core/whole_file.h"
 #include "formats/installed_state.h"
 #include "formats/managed_file.h"
@@ -65,11 +63,6 @@ bool MayFollow(const InstalledRelease& installed, std::uint64_t lowest_sequence,
   minimum.present = offered.sequence < lowest_sequence;
   minimum.sequence = lowest_sequence;
   return CheckReleaseOrder(lower_bound, offered, error) && CheckReleaseOrder(minimum, offered, error);
-}
-
-std::uint64_t TotalSize(const Manifest& manifest) {
-  return std::accumulate(manifest.entries.begin(), manifest.entries.end(), std::uint64_t{0},
-                         [](std::uint64_t sum, const ManifestEntry& entry) { return sum + entry.size; });
 }
 
 bool IsFileOfRelease(const std::wstring& directory, const ManifestEntry& entry, PhaseProgress& progress,

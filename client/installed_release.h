@@ -29,9 +29,6 @@ struct InstalledRelease {
 [[nodiscard]] bool MayFollow(const InstalledRelease& installed, std::uint64_t lowest_sequence,
                              const Manifest& offered, UpdateError& error);
 
-// Bytes of all its files.
-[[nodiscard]] std::uint64_t TotalSize(const Manifest& manifest);
-
 // Whether the file of `entry` below `directory` is exactly the described one. Messages: those of
 // ResolveCheckedPath and VerifyManagedFile, and
 //   "A file differs from its release."

@@ -46,8 +46,7 @@ bool HasObstacle(const std::wstring& client_root, std::wstring_view relative_pat
   for (std::size_t end = 0; end != std::wstring_view::npos;) {
     end = relative_path.find(L'\\', end + 1);
     const std::wstring path = JoinPath(client_root, relative_path.substr(0, end));
-    const PathKind kind = ProbePath(path);
-    if (kind == PathKind::kFile || kind == PathKind::kReparsePoint || IsDenied(path)) {
+    if (BlocksDirectory(path) || IsDenied(path)) {
       return true;
     }
   }

@@ -4,17 +4,16 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <map>
 #include <memory>
 #include <new>
 #include <span>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "client/failure.h"
+#include "client/text_buffer.h"
 #include "client/update_client.h"
 
 namespace talvex::client {
@@ -136,13 +135,6 @@ talvex_result Call(talvex_client* handle, Operation operation, Handle after = Ha
     g_sessions.EndCall(*session);
   }
   return result;
-}
-
-// Shortened if it has to be, always with a terminating zero.
-void CopyText(std::wstring_view text, wchar_t* buffer, std::size_t capacity) {
-  if (buffer != nullptr && capacity != 0) {
-    *std::copy_n(text.begin(), std::min(text.size(), capacity - 1), buffer) = L'\0';
-  }
 }
 
 template <typename Struct>

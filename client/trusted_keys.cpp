@@ -1,11 +1,5 @@
 #include "client/trusted_keys.h"
 
-#include <windows.h>
-
-#include <bcrypt.h>
-
-#include <cstdint>
-#include <cstring>
 #include <string_view>
 #include <utility>
 
@@ -17,25 +11,13 @@ namespace talvex::client {
 namespace {
 
 constexpr char kPemHeader[] = "-----BEGIN ";
-constexpr DWORD kKeyBits = 3'072;
 
 constexpr wchar_t kWrongKey[] = L"A trusted key is not an RSA-3072 public key, as PEM text or as CNG blob.";
-
-bool IsRsa3072Blob(std::span<const std::byte> bytes) {
-  BCRYPT_RSAKEY_BLOB header{};
-  if (bytes.size() < sizeof(header)) {
-    return false;
-  }
-  std::memcpy(&header, bytes.data(), sizeof(header));
-  return header.Magic == BCRYPT_RSAPUBLIC_MAGIC && header.BitLength == kKeyBits &&
-         header.cbModulus == kKeyBits / 8 && header.cbPublicExp <= sizeof(std::uint64_t) &&
-         bytes.size() == sizeof(header) + header.cbPublicExp + header.cbModulus;
-}
 
 }  // namespace
 
 bool AddTrustedKeys(std::span<const std::byte> bytes, TrustedKeys& keys, UpdateError& error) {
-  if (IsRsa3072Blob(bytes)) {
+  if (IsRsa3072PublicKey(bytes)) {
     keys.emplace_back(bytes.begin(), bytes.end());
     return true;
   }
@@ -48,7 +30,7 @@ bool AddTrustedKeys(std::span<const std::byte> bytes, TrustedKeys& keys, UpdateE
     rest.remove_prefix(pem.size());
     ByteBuffer blob;
     UpdateError unreported;  // one sentence for all that a key can be instead
-    if (!DecodePublicKeyPem(pem, blob, unreported) || !IsRsa3072Blob(blob)) {
+    if (!DecodePublicKeyPem(pem, blob, unreported) || !IsRsa3072PublicKey(blob)) {
       return Refuse(error, kWrongKey);
     }
     keys.push_back(std::move(blob));

@@ -2,22 +2,18 @@
 
 #include <windows.h>
 
-#include <algorithm>
-#include <string_view>
 #include <utility>
 
-#include "client/final_path.h"
+#include "client/client_directory.h"
 #include "client/helper_place.h"
 #include "client/install_attempts.h"
+#include "client/text_buffer.h"
 #include "client/work_directory.h"
 #include "core/memory_shortage.h"
-#include "core/owned_handle.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/failure_marker.h"
 #include "formats/text_lines.h"
-#include "storage/client_root.h"
-#include "storage/held_directory.h"
 #include "storage/update_layout.h"
 
 namespace talvex::client {
@@ -30,8 +26,6 @@ constexpr DWORD kHelperExitWaitMs = 10'000;  // for the helper that has started 
 constexpr std::uint64_t kFreeClearings = 2;
 
 constexpr wchar_t kNoKeys[] = L"No trusted key was given.";
-constexpr wchar_t kNotLocal[] = L"Talvex cannot be updated on a network drive.";
-constexpr wchar_t kDriveRoot[] = L"Talvex cannot be updated at the top of a drive.";
 constexpr wchar_t kNotSettled[] = L"talvex_settle has to succeed first.";
 constexpr wchar_t kExiting[] = L"A helper was started: the client has to exit.";
 constexpr wchar_t kSettledAlready[] = L"talvex_settle has succeeded already.";
@@ -48,44 +42,10 @@ constexpr wchar_t kPostponed[] =
     L"This release could not be installed several times. It will be tried again later.";
 constexpr wchar_t kNoArguments[] = L"The arguments for the restart could not be kept";
 
-std::wstring ProgramDirectory() {
-  std::wstring path(kPathCapacity, L'\0');
-  const DWORD length = GetModuleFileNameW(nullptr, path.data(), kPathCapacity);
-  path.resize(length < kPathCapacity ? length : 0);
-  // With its backslash, because a drive's name alone stands for the current directory of that drive.
-  return path.substr(0, path.rfind(L'\\') + 1);
-}
-
-// The path by its drive, without the prefix \\?\ in front of a drive or a volume, with which a program may
-// have been started.
-std::wstring WithoutPrefix(const std::wstring& path) {
-  if (!path.starts_with(L"\\\\?\\")) {
-    return path;
-  }
-  if (path.size() > 5 && path[5] == L':') {
-    return path.substr(4);
-  }
-  OwnedHandle directory;
-  const std::wstring true_path =
-      HoldDirectory(path, directory) == PathKind::kDirectory ? TruePath(directory.Get()) : std::wstring();
-  return true_path.empty() ? path : true_path;
-}
-
-bool IsOnNetwork(const std::wstring& root) {
-  if (root.starts_with(L"\\\\") || GetDriveTypeW(root.substr(0, kDriveRootLength).c_str()) == DRIVE_REMOTE) {
-    return true;
-  }
-  OwnedHandle directory;  // a link above it may lead to a share
-  return HoldDirectory(root, directory) == PathKind::kDirectory && IsOnShare(directory.Get());
-}
-
 void Describe(const Manifest& manifest, talvex_release& release) {
-  const auto copy = [](std::wstring_view text, auto& field) {
-    *std::copy_n(text.begin(), std::min(text.size(), std::size(field) - 1), field) = L'\0';
-  };
   release.sequence = manifest.sequence;
-  copy(Utf8ToWide(manifest.release), release.name);
-  copy(DigestToHex(manifest.digest), release.digest);
+  CopyText(Utf8ToWide(manifest.release), release.name);
+  CopyText(DigestToHex(manifest.digest), release.digest);
 }
 
 }  // namespace
@@ -102,19 +62,7 @@ talvex_result UpdateClient::Open(const talvex_options& options, Failure& failure
       return Fail(failure, TALVEX_E_KEY);
     }
   }
-  const std::wstring directory =
-      options.client_directory != nullptr ? options.client_directory : ProgramDirectory();
-  client_root_ = ResolveClientRoot(WithoutPrefix(directory), failure.error);
-  if (client_root_.empty()) {
-    return Fail(failure, TALVEX_E_DIRECTORY);
-  }
-  if (IsOnNetwork(client_root_)) {
-    return Fail(failure, TALVEX_E_DIRECTORY, kNotLocal);
-  }
-  if (client_root_.size() <= kDriveRootLength) {
-    return Fail(failure, TALVEX_E_DIRECTORY, kDriveRoot);
-  }
-  if (!RejectReparsePoints(client_root_, L"", LastComponent::kChecked, failure.error)) {
+  if (!FindClientRoot(options.client_directory, client_root_, failure.error)) {
     return Fail(failure, TALVEX_E_DIRECTORY);
   }
   // Whoever starts a client can set its environment; without a journal there is nothing to hand off.
@@ -156,6 +104,11 @@ talvex_result UpdateClient::RequireSettled(Failure& failure) const {
     default:
       return TALVEX_OK;
   }
+}
+
+talvex_result UpdateClient::RequireOffer(Failure& failure) const {
+  const talvex_result result = RequireSettled(failure);
+  return result != TALVEX_OK || staging_ ? result : Fail(failure, TALVEX_E_ORDER, kNothingOffered);
 }
 
 talvex_result UpdateClient::Confirm(Failure& failure) {
@@ -220,11 +173,8 @@ talvex_result UpdateClient::Check(std::span<const std::byte> manifest, std::span
 }
 
 talvex_result UpdateClient::NextFile(talvex_file& file, Failure& failure) {
-  if (const talvex_result result = RequireSettled(failure); result != TALVEX_OK) {
+  if (const talvex_result result = RequireOffer(failure); result != TALVEX_OK) {
     return result;
-  }
-  if (!staging_) {
-    return Fail(failure, TALVEX_E_ORDER, kNothingOffered);
   }
   staged_.reset();
   MissingFile missing;
@@ -232,23 +182,17 @@ talvex_result UpdateClient::NextFile(talvex_file& file, Failure& failure) {
   if (result != TALVEX_OK) {
     return result;
   }
-  const auto copy = [](const std::wstring& text, auto& field) {
-    *std::copy_n(text.begin(), std::min(text.size(), std::size(field) - 1), field) = L'\0';
-  };
   file.size = missing.entry->size;
   file.present = missing.present;
-  copy(Utf8ToWide(missing.entry->path), file.path);
-  copy(DigestToHex(missing.entry->digest), file.sha256);
-  copy(missing.destination, file.destination);
+  CopyText(Utf8ToWide(missing.entry->path), file.path);
+  CopyText(DigestToHex(missing.entry->digest), file.sha256);
+  CopyText(missing.destination, file.destination);
   return TALVEX_OK;
 }
 
 talvex_result UpdateClient::Stage(Failure& failure) {
-  if (const talvex_result result = RequireSettled(failure); result != TALVEX_OK) {
+  if (const talvex_result result = RequireOffer(failure); result != TALVEX_OK) {
     return result;
-  }
-  if (!staging_) {
-    return Fail(failure, TALVEX_E_ORDER, kNothingOffered);
   }
   staged_.reset();
   StagedRelease staged;

@@ -21,8 +21,6 @@ namespace talvex::client {
 // The operations are those of talvex_update.h; each fills in `failure` when its result is a failure, with a
 // message of one of its steps or
 //   "No trusted key was given."
-//   "Talvex cannot be updated on a network drive."
-//   "Talvex cannot be updated at the top of a drive."
 //   "talvex_settle has to succeed first."
 //   "talvex_settle has succeeded already."
 //   "talvex_check has to accept a release first."
@@ -56,6 +54,7 @@ class UpdateClient {
 
   [[nodiscard]] talvex_result TakeLock(Failure& failure);
   [[nodiscard]] talvex_result RequireSettled(Failure& failure) const;
+  [[nodiscard]] talvex_result RequireOffer(Failure& failure) const;
 
   std::wstring client_root_;
   TrustedKeys keys_;

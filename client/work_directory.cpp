@@ -54,10 +54,14 @@ bool MoveAside(const std::wstring& client_root, const std::wstring& path) {
   }
 }
 
+bool BlocksDirectory(const std::wstring& path) {
+  const PathKind kind = ProbePath(path);
+  return kind == PathKind::kFile || kind == PathKind::kReparsePoint;
+}
+
 void MakeWorkDirectoryUsable(const std::wstring& client_root) {
   for (const std::wstring& directory : {WorkDirectory(client_root), PreviousDirectory(client_root)}) {
-    const PathKind kind = ProbePath(directory);
-    if (kind == PathKind::kFile || kind == PathKind::kReparsePoint) {
+    if (BlocksDirectory(directory)) {
       static_cast<void>(MoveAside(client_root, directory));
     }
   }
@@ -93,10 +97,9 @@ void ClearRecordNames(const std::wstring& client_root) {
   const std::wstring marker = FailureMarkerPath(client_root);
   std::vector<std::wstring> paths = {InstalledStatePath(client_root), marker, TemporaryPath(marker)};
   const std::wstring cache = CacheDirectory(client_root);
-  const PathKind kind = ProbePath(cache);
-  if (kind == PathKind::kFile || kind == PathKind::kReparsePoint) {
+  if (BlocksDirectory(cache)) {
     static_cast<void>(MoveAside(client_root, cache));
-  } else if (kind == PathKind::kDirectory) {
+  } else if (IsRealDirectory(cache)) {
     const SignedPairPaths pair = SignedPairIn(cache);
     paths.insert(paths.end(), {pair.manifest, pair.signature, TemporaryPath(pair.manifest),
                                TemporaryPath(pair.signature)});

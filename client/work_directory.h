@@ -15,6 +15,9 @@ namespace talvex::client {
 // directory that nothing has yet.
 [[nodiscard]] bool MoveAside(const std::wstring& client_root, const std::wstring& path);
 
+// Whether a file or a link stands where a directory belongs.
+[[nodiscard]] bool BlocksDirectory(const std::wstring& path);
+
 // Moves the work directory, and the previous directory in it, aside if they are not real directories.
 void MakeWorkDirectoryUsable(const std::wstring& client_root);
 

@@ -15,15 +15,6 @@ constexpr wchar_t kSignatureInvalid[] = L"The update manifest signature is inval
 
 static_assert(sizeof(BCRYPT_RSAKEY_BLOB) == 24, "the blob's header is six 32-bit fields");
 
-// Lengths are added in 64 bits: a header that claims an exponent of almost 4 GiB must not wrap round to a
-// matching sum.
-bool IsRsa3072PublicKey(const BCRYPT_RSAKEY_BLOB& header, std::size_t blob_length) {
-  return header.Magic == BCRYPT_RSAPUBLIC_MAGIC && header.BitLength == kKeyBits &&
-         header.cbModulus == kModulusLength && header.cbPublicExp != 0 && header.cbPrime1 == 0 &&
-         header.cbPrime2 == 0 &&
-         blob_length == std::uint64_t{sizeof(header)} + header.cbPublicExp + header.cbModulus;
-}
-
 // An imported public key.
 class RsaPublicKey {
  public:
@@ -56,14 +47,26 @@ class RsaPublicKey {
 
 }  // namespace
 
+bool IsRsa3072PublicKey(std::span<const std::byte> blob) noexcept {
+  BCRYPT_RSAKEY_BLOB header{};
+  if (blob.size() < sizeof(header)) {
+    return false;
+  }
+  std::memcpy(&header, blob.data(), sizeof(header));
+  // Lengths are added in 64 bits: a header that claims an exponent of almost 4 GiB must not wrap round to a
+  // matching sum.
+  return header.Magic == BCRYPT_RSAPUBLIC_MAGIC && header.BitLength == kKeyBits &&
+         header.cbModulus == kModulusLength && header.cbPublicExp != 0 && header.cbPrime1 == 0 &&
+         header.cbPrime2 == 0 &&
+         blob.size() == std::uint64_t{sizeof(header)} + header.cbPublicExp + header.cbModulus;
+}
+
 bool VerifyManifestSignature(std::span<const std::byte> manifest_bytes, std::span<const std::byte> signature,
                              std::span<const std::byte> key_blob, UpdateError& error) {
-  BCRYPT_RSAKEY_BLOB header{};
-  if (key_blob.size() < sizeof(header)) {
+  if (key_blob.size() < sizeof(BCRYPT_RSAKEY_BLOB)) {
     return Refuse(error, kKeyInvalid);
   }
-  std::memcpy(&header, key_blob.data(), sizeof(header));
-  if (!IsRsa3072PublicKey(header, key_blob.size()) || signature.size() != kModulusLength) {
+  if (!IsRsa3072PublicKey(key_blob) || signature.size() != kModulusLength) {
     return Refuse(error, kNotRsa3072);
   }
   Sha256Digest digest;

@@ -13,6 +13,9 @@ namespace talvex {
 inline constexpr std::uint32_t kKeyBits = 3072;
 inline constexpr std::uint32_t kModulusLength = kKeyBits / 8;  // bytes
 
+// Whether `blob` is a CNG RSA public key blob of an RSA-3072 key, with any exponent.
+[[nodiscard]] bool IsRsa3072PublicKey(std::span<const std::byte> blob) noexcept;
+
 // Verifies that `signature` is the RSASSA-PKCS1-v1_5 signature with SHA-256 over exactly `manifest_bytes`,
 // made with the private half of `key_blob` (a CNG RSA public key blob). The manifest must not be parsed
 // before this has succeeded. Messages:

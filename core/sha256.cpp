@@ -7,7 +7,6 @@
 namespace talvex {
 namespace {
 
-constexpr wchar_t kBufferDigestFailed[] = L"Windows could not calculate a SHA-256 digest.";
 constexpr wchar_t kFileDigestFailed[] = L"Windows could not hash an update target.";
 constexpr RegularFileMessages kHashMessages = {L"Could not open file for hashing",
                                                L"The update target is too large or is not a regular file."};
@@ -42,6 +41,8 @@ bool HashOpenFile(HANDLE file, Sha256Digest& digest, HashProgressCallback progre
 }
 
 }  // namespace
+
+const wchar_t kDigestFailed[] = L"Windows could not calculate a SHA-256 digest.";
 
 bool Sha256Hash::Prepare() {
   provider_ = OpenAlgorithmProvider(BCRYPT_SHA256_ALGORITHM);
@@ -83,7 +84,7 @@ bool Sha256OfBuffer(std::span<const std::byte> bytes, Sha256Digest& digest, Upda
   digest = {};
   Sha256Hash hash;
   if (!hash.Prepare() || (!bytes.empty() && !hash.Add(bytes)) || !hash.Finish(digest)) {
-    return Refuse(error, kBufferDigestFailed);
+    return Refuse(error, kDigestFailed);
   }
   return true;
 }

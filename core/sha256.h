@@ -18,6 +18,9 @@
 
 namespace talvex {
 
+// The message of Sha256OfBuffer, for a caller that hashes in pieces of its own.
+extern const wchar_t kDigestFailed[];
+
 // One SHA-256 computation, for a caller that has other uses for the bytes as well. False: CNG failed.
 class Sha256Hash {
  public:

@@ -6,9 +6,6 @@
 
 namespace talvex {
 namespace {
-
-constexpr char kHexDigits[] = "0123456789abcdef";
-
 // The conversion functions take lengths as int; no text of this program comes near that limit, but a caller's
 // mistake must not become a negative length.
 bool FitsInt(std::size_t length) {

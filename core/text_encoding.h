@@ -16,6 +16,9 @@ namespace talvex {
 // Characters in the only text form of a digest.
 inline constexpr std::size_t kDigestHexLength = 64;
 
+// The digits of everything that is written in hexadecimal.
+inline constexpr char kHexDigits[] = "0123456789abcdef";
+
 // Converts UTF-8 to UTF-16. Overlong forms, encoded surrogates, cut-off and otherwise invalid sequences fail
 // the whole conversion. An empty input and a failure both give an empty text; a zero byte is a character.
 [[nodiscard]] std::wstring Utf8ToWide(std::string_view utf8);

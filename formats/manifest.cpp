@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <numeric>
 #include <set>
 #include <utility>
 
@@ -165,6 +166,11 @@ const ManifestEntry* FindManifestEntryIgnoringCase(const Manifest& manifest,
         return EqualIgnoringAsciiCase(entry.normalised_path, normalised_path);
       });
   return found == manifest.entries.end() ? nullptr : &*found;
+}
+
+std::uint64_t TotalSize(const Manifest& manifest) noexcept {
+  return std::accumulate(manifest.entries.begin(), manifest.entries.end(), std::uint64_t{0},
+                         [](std::uint64_t sum, const ManifestEntry& entry) { return sum + entry.size; });
 }
 
 }  // namespace talvex

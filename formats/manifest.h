@@ -76,4 +76,7 @@ struct Manifest {
 [[nodiscard]] const ManifestEntry* FindManifestEntryIgnoringCase(const Manifest& manifest,
                                                                  std::wstring_view normalised_path) noexcept;
 
+// The sum of the files' sizes, in bytes.
+[[nodiscard]] std::uint64_t TotalSize(const Manifest& manifest) noexcept;
+
 }  // namespace talvex

@@ -46,6 +46,14 @@ std::wstring ExistingDirectory(const std::wstring& directory, Findings& findings
   return root;
 }
 
+JsonWriter BeginDocument(std::wstring_view command) {
+  JsonWriter json;
+  json.BeginObject();
+  json.Key(L"command");
+  json.String(command);
+  return json;
+}
+
 int Conclude(const CommonOptions& options, const Findings& findings, std::wstring_view result,
              JsonWriter* json) {
   const bool passed = findings.Pass(options.allow_warnings);

@@ -10,6 +10,7 @@
 
 #include "formats/manifest.h"
 #include "publisher/findings.h"
+#include "publisher/json_writer.h"
 #include "publisher/program_check.h"
 
 namespace talvex {
@@ -87,8 +88,11 @@ struct KeyOptions {
 // The absolute form of `directory`, which must be a real directory; otherwise empty, with a finding.
 [[nodiscard]] std::wstring ExistingDirectory(const std::wstring& directory, Findings& findings);
 
-// Prints findings and, when they pass, `result`; or the document `json`, whose object is still open. Returns
-// the exit code.
+// The document of a command's result: an object, still open, for the keys of the command's own.
+[[nodiscard]] JsonWriter BeginDocument(std::wstring_view command);
+
+// Prints findings and, when they pass, `result`; or the document `json`, which it completes. Returns the exit
+// code.
 [[nodiscard]] int Conclude(const CommonOptions& options, const Findings& findings, std::wstring_view result,
                            JsonWriter* json = nullptr);
 

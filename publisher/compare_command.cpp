@@ -4,7 +4,6 @@
 #include <utility>
 #include <vector>
 
-#include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/signed_manifest.h"
@@ -95,16 +94,12 @@ bool LoadNewRelease(const CompareOptions& options, const PublicKey& key, Manifes
 void CheckClientHoldsKey(const std::wstring& directory, const Manifest& manifest, const PublicKey& key,
                          Findings& findings) {
   const ManifestEntry* const entry = FindManifestEntry(manifest, kClientFileName);
+  const std::wstring path = ClientProgramPath(FilesDirectory(directory));
   ByteBuffer client;
-  Sha256Digest digest;
   UpdateError error;
-  if (entry == nullptr ||
-      !ReadWholeFile(JoinPath(FilesDirectory(directory), kClientFileName), kMaxCheckedProgramSize, client,
-                     error) ||
-      !Sha256OfBuffer(client, digest, error) || !DigestsEqual(digest, entry->digest)) {
+  if (entry == nullptr || !ReadVerifiedProgram(path, *entry, L"", client, error)) {
     const std::wstring reason = error.IsEmpty() ? std::wstring() : L" " + error.Message();
-    findings.AddError(directory,
-                      kClientUnreadable + ClientProgramPath(FilesDirectory(directory)) + L"." + reason);
+    findings.AddError(directory, kClientUnreadable + path + L"." + reason);
   } else if (!HoldsKey(client, key)) {
     findings.AddError(directory, kNoWayToKey);
   }
@@ -164,8 +159,7 @@ std::wstring CompareWithAll(const CompareOptions& options, const Manifest& new_m
     text += L"\n" + DescribeUpdate(old.manifest, update);
   }
   json.EndArray();
-  return text + L"\nIt can be installed in client directories of up to " +
-         std::to_wstring(LongestClientDirectory(new_manifest)) + L" characters.";
+  return text + L"\n" + DescribeRoom(new_manifest);
 }
 
 }  // namespace
@@ -178,10 +172,7 @@ int CompareReleases(const CompareOptions& options) {
   for (std::size_t i = 0; i < old_keys.size(); ++i) {
     has_keys = LoadKey(options.old_keys[i], old_keys[i], findings) && has_keys;
   }
-  JsonWriter json;
-  json.BeginObject();
-  json.Key(L"command");
-  json.String(L"compare");
+  JsonWriter json = BeginDocument(L"compare");
   std::wstring text;
   Manifest new_manifest;
   if (has_keys && LoadNewRelease(options, key, new_manifest, findings)) {

@@ -22,7 +22,6 @@ constexpr wchar_t kExists[] = L"exists already. Name another directory, or delet
 
 // A header for C and C++.
 std::string FormatHeader(const PublicKey& key) {
-  constexpr char kHexDigits[] = "0123456789abcdef";
   std::string text =
       "/* The publisher's public key, as the RSA public key blob of Windows' cryptography API (CNG). */\n"
       "#pragma once\n\n"

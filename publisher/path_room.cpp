@@ -35,6 +35,11 @@ std::size_t LongestClientDirectory(const Manifest& manifest) {
   return longest;
 }
 
+std::wstring DescribeRoom(const Manifest& manifest) {
+  return L"It can be installed in client directories of up to " +
+         std::to_wstring(LongestClientDirectory(manifest)) + L" characters.";
+}
+
 bool FitsSomeClientDirectory(std::wstring_view relative_path) {
   return LongestClientDirectoryFor(relative_path) >= kMinClientDirectory;
 }

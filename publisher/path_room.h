@@ -4,6 +4,7 @@
 // that of a staged file is the longest that an update makes.
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 #include "formats/manifest.h"
@@ -13,6 +14,9 @@ namespace talvex {
 // The longest path of a client directory, in characters, in which every file of `manifest` can be staged; 0
 // when there is none.
 [[nodiscard]] std::size_t LongestClientDirectory(const Manifest& manifest);
+
+// The same for the result of a command: a sentence.
+[[nodiscard]] std::wstring DescribeRoom(const Manifest& manifest);
 
 // Whether the file at `relative_path` can be staged in the shortest client directory that there can be.
 [[nodiscard]] bool FitsSomeClientDirectory(std::wstring_view relative_path);

@@ -4,8 +4,10 @@
 
 #include <bcrypt.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <iterator>
 #include <string_view>
 
 #include "core/manifest_signature.h"
@@ -19,20 +21,14 @@ constexpr std::uint32_t kPemSizeLimit = 16'384;  // bytes
 constexpr std::string_view kPrivateKeyMark = "PRIVATE KEY-----";
 
 // 65537, big-endian; the helper's build embeds no other.
-constexpr unsigned char kExponent[] = {0x01, 0x00, 0x01};
+constexpr std::byte kExponent[] = {std::byte{0x01}, std::byte{0x00}, std::byte{0x01}};
 
 constexpr wchar_t kPrivateKey[] = L"The file holds a private key. Give this program the public half only.";
 constexpr wchar_t kNotRsa3072[] = L"The public key does not have 3072 bits and the exponent 65537.";
 
-bool IsRsa3072(const ByteBuffer& blob) {
-  BCRYPT_RSAKEY_BLOB header{};
-  if (blob.size() < sizeof(header) + sizeof(kExponent)) {
-    return false;
-  }
-  std::memcpy(&header, blob.data(), sizeof(header));
-  return header.Magic == BCRYPT_RSAPUBLIC_MAGIC && header.BitLength == kKeyBits &&
-         header.cbPublicExp == sizeof(kExponent) &&
-         std::memcmp(blob.data() + sizeof(header), kExponent, sizeof(kExponent)) == 0;
+bool HasTheExponent(const ByteBuffer& blob) {
+  return blob.size() == sizeof(BCRYPT_RSAKEY_BLOB) + sizeof(kExponent) + kModulusLength &&
+         std::equal(std::begin(kExponent), std::end(kExponent), blob.begin() + sizeof(BCRYPT_RSAKEY_BLOB));
 }
 
 }  // namespace
@@ -48,7 +44,8 @@ bool LoadPublicKey(const std::wstring& path, PublicKey& key, UpdateError& error)
     return Refuse(error, kPrivateKey);
   }
   return DecodePublicKeyPem(text, key.blob, error) &&
-         ((ReadPublicKeyPem(text, key.base64) && IsRsa3072(key.blob)) || Refuse(error, kNotRsa3072));
+         ((ReadPublicKeyPem(text, key.base64) && IsRsa3072PublicKey(key.blob) && HasTheExponent(key.blob)) ||
+          Refuse(error, kNotRsa3072));
 }
 
 std::string FormatPem(const PublicKey& key) {

@@ -2,9 +2,9 @@
 
 #include <cstdint>
 #include <limits>
-#include <numeric>
 
 #include "core/ascii_case.h"
+#include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "publisher/path_room.h"
 #include "storage/client_root.h"
@@ -64,6 +64,19 @@ ByteBuffer* BufferFor(const ManifestEntry& entry, ReleasePrograms& programs) {
   return entry.normalised_path == kHelperFileName ? &programs.helper : nullptr;
 }
 
+bool ReadVerifiedProgram(const std::wstring& path, const ManifestEntry& entry, const wchar_t* mismatch,
+                         ByteBuffer& bytes, UpdateError& error) {
+  Sha256Digest digest;
+  if (!ReadWholeFile(path, kMaxCheckedProgramSize, bytes, error)) {
+    return false;
+  }
+  if (!Sha256OfBuffer(bytes, digest, error) || !DigestsEqual(digest, entry.digest)) {
+    bytes.clear();
+    return error.IsEmpty() ? Refuse(error, mismatch) : false;
+  }
+  return true;
+}
+
 void CheckManifest(const Manifest& manifest, Findings& findings) {
   for (const wchar_t* const name : {kClientFileName, kHelperFileName}) {
     CheckName(manifest, name, findings);
@@ -111,11 +124,6 @@ std::set<std::wstring> DirectoriesOf(const Manifest& manifest) {
     }
   }
   return directories;
-}
-
-std::uint64_t TotalSize(const Manifest& manifest) {
-  return std::accumulate(manifest.entries.begin(), manifest.entries.end(), std::uint64_t{0},
-                         [](std::uint64_t sum, const ManifestEntry& entry) { return sum + entry.size; });
 }
 
 std::wstring Describe(const Manifest& manifest) {

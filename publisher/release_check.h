@@ -26,6 +26,11 @@ struct ReleasePrograms {
 // The buffer for the contents of `entry`; null unless it is one of the two programs and small enough.
 [[nodiscard]] ByteBuffer* BufferFor(const ManifestEntry& entry, ReleasePrograms& programs);
 
+// VerifyManagedFile for a program, whose bytes are kept: what is checked later is what was hashed here. A
+// failure leaves `bytes` empty. Messages: those of ReadWholeFile and Sha256OfBuffer, and `mismatch`.
+[[nodiscard]] bool ReadVerifiedProgram(const std::wstring& path, const ManifestEntry& entry,
+                                       const wchar_t* mismatch, ByteBuffer& bytes, UpdateError& error);
+
 // Checks what the manifest alone tells: the two programs are there, spelled right, with no manifest file
 // beside them; the sequence leaves room for later releases; no path is that of a file and of a directory;
 // there is room for the client directory's path.
@@ -37,9 +42,6 @@ void CheckPrograms(const Manifest& manifest, const ReleasePrograms& programs, co
 
 // Every directory that holds a file of `manifest`, at any depth, as Windows compares them: folded, with "\".
 [[nodiscard]] std::set<std::wstring> DirectoriesOf(const Manifest& manifest);
-
-// The sum of the files' sizes, in bytes.
-[[nodiscard]] std::uint64_t TotalSize(const Manifest& manifest);
 
 // "release=2.1 sequence=57 files=12", for the result of a command.
 [[nodiscard]] std::wstring Describe(const Manifest& manifest);

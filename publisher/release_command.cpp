@@ -153,8 +153,7 @@ int MakeRelease(const ReleaseOptions& options) {
   MakeCheckedRelease(options, tree, keys, out, manifest, findings);
   return Conclude(options.common, findings,
                   L"Made " + Describe(manifest) + L"\nmanifest-sha256 " + DigestToHex(manifest.digest) +
-                      L"\nIt can be installed in client directories of up to " +
-                      std::to_wstring(LongestClientDirectory(manifest)) + L" characters.");
+                      L"\n" + DescribeRoom(manifest));
 }
 
 }  // namespace talvex

@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -11,7 +10,6 @@
 #include "core/owned_handle.h"
 #include "core/page_buffer.h"
 #include "core/sha256.h"
-#include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/text_lines.h"
 #include "publisher/progress.h"
@@ -27,7 +25,6 @@ constexpr DWORD kPieceSize = 131'072;
 constexpr wchar_t kCreateFailed[] = L"Could not create a file of the release";
 constexpr wchar_t kReadFailed[] = L"Could not read the file";
 constexpr wchar_t kWriteFailed[] = L"Could not write a file of the release";
-constexpr wchar_t kHashFailed[] = L"Windows could not calculate a SHA-256 digest.";
 constexpr wchar_t kChanged[] = L"The file changed while it was being published.";
 
 // Invalid, with a message, when the file cannot be created; it must not exist yet.
@@ -42,11 +39,11 @@ OwnedHandle CreateCopy(const std::wstring& path, UpdateError& error) {
 
 bool Write(HANDLE file, std::span<const std::byte> bytes, UpdateError& error) {
   DWORD written = 0;
-  if (!WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) ||
-      written != bytes.size()) {
+  if (!WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr)) {
     return RefuseWithWindowsError(error, kWriteFailed, GetLastError());
   }
-  return true;
+  // Only for want of room does Windows write less than it was told to.
+  return written == bytes.size() || RefuseWithWindowsError(error, kWriteFailed, ERROR_DISK_FULL);
 }
 
 class ReleaseCopy {
@@ -59,8 +56,7 @@ class ReleaseCopy {
   bool Copy(const ReleaseFile& file, ReleasePrograms& programs, ManifestEntry& entry, UpdateError& error) {
     entry.path = file.path;
     entry.size = file.size;
-    entry.normalised_path = Utf8ToWide(file.path);
-    std::replace(entry.normalised_path.begin(), entry.normalised_path.end(), L'/', L'\\');
+    entry.normalised_path = file.normalised_path;
     const std::wstring relative_path = JoinPath(FilesDirectory(L""), entry.normalised_path);
     if (!MakeParent(relative_path, error)) {
       return false;
@@ -97,7 +93,7 @@ class ReleaseCopy {
     }
     Sha256Hash hash;
     if (piece_ == nullptr || !hash.Prepare()) {
-      return Refuse(error, kHashFailed);
+      return Refuse(error, kDigestFailed);
     }
     std::uint64_t total = 0;
     for (;;) {
@@ -112,7 +108,7 @@ class ReleaseCopy {
         return false;
       }
       if (!hash.Add({piece_.get(), read})) {
-        return Refuse(error, kHashFailed);
+        return Refuse(error, kDigestFailed);
       }
       total += read;
       if (kept != nullptr && total <= entry.size) {
@@ -123,7 +119,7 @@ class ReleaseCopy {
     if (total != entry.size) {
       return Refuse(error, kChanged);
     }
-    return hash.Finish(entry.digest) || Refuse(error, kHashFailed);
+    return hash.Finish(entry.digest) || Refuse(error, kDigestFailed);
   }
 
   const std::wstring& directory_;

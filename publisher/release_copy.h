@@ -17,9 +17,8 @@ namespace talvex {
 // Copies the files of `tree` to their relative paths below FilesDirectory(`directory`), which must not have
 // them yet, and appends an entry for each to `draft`. `programs` receives the bytes of the two programs. A
 // failure leaves what was copied so far. Messages, after the file's path and ": ": those of
-// CreateUpdateDirectory, OpenFileForHashing and WriteReleaseFile, and
+// CreateUpdateDirectory, OpenFileForHashing, Sha256OfBuffer and WriteReleaseFile, and
 //   "Could not read the file: " + Windows text
-//   "Windows could not calculate a SHA-256 digest."
 //   "The file changed while it was being published."
 [[nodiscard]] bool CopyReleaseFiles(const ReleaseTree& tree, const std::wstring& directory, Manifest& draft,
                                     ReleasePrograms& programs, UpdateError& error);

@@ -72,8 +72,7 @@ class TreeWalk {
       }
     }
     // A listing that ended early would publish a release with files missing.
-    const DWORD code = listing.OpenError() != ERROR_SUCCESS ? listing.OpenError() : listing.EndError();
-    if (code != ERROR_SUCCESS) {
+    if (const DWORD code = listing.Error(); code != ERROR_SUCCESS) {
       return RefuseWithWindowsError(error, (kListingFailed + full_path).c_str(), code);
     }
     return true;
@@ -94,9 +93,8 @@ class TreeWalk {
     file.path = WideToUtf8(path);
     std::replace(file.path.begin(), file.path.end(), '\\', '/');
     // A rejected directory is not walked: one line about it is clearer than one about each of its files.
-    std::wstring normalised_path;
     UpdateError reason;
-    if (!ValidateRelativePath(file.path, normalised_path, reason)) {
+    if (!ValidateRelativePath(file.path, file.normalised_path, reason)) {
       findings_.AddError(path, reason.Message() + kRename);
       return true;
     }

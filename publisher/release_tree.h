@@ -13,7 +13,8 @@
 namespace talvex {
 
 struct ReleaseFile {
-  std::string path;  // relative, with "/", as the manifest writes it
+  std::string path;              // relative, with "/", as the manifest writes it
+  std::wstring normalised_path;  // the same with "\"
   std::wstring full_path;
   std::uint64_t size = 0;  // bytes
 };

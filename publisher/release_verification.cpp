@@ -1,11 +1,9 @@
 #include "publisher/release_verification.h"
 
-#include <algorithm>
 #include <map>
 #include <string_view>
 
 #include "core/manifest_signature.h"
-#include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/managed_file.h"
@@ -34,8 +32,7 @@ std::map<const ManifestEntry*, std::wstring> MatchFiles(const ReleaseTree& tree,
                                                         Findings& findings) {
   std::map<const ManifestEntry*, std::wstring> found;
   for (const ReleaseFile& file : tree.files) {
-    std::wstring path = Utf8ToWide(file.path);
-    std::replace(path.begin(), path.end(), L'/', L'\\');
+    const std::wstring& path = file.normalised_path;
     const ManifestEntry* const entry = FindManifestEntryIgnoringCase(manifest, path);
     if (entry == nullptr) {
       findings.AddError(path, kUnlisted);
@@ -48,20 +45,6 @@ std::map<const ManifestEntry*, std::wstring> MatchFiles(const ReleaseTree& tree,
     found.emplace(entry, L"");  // reported; not missing as well
   }
   return found;
-}
-
-// VerifyManagedFile for a program, whose bytes are kept: what is checked later is what was hashed here.
-bool VerifyProgram(const std::wstring& path, const ManifestEntry& entry, ByteBuffer& bytes,
-                   UpdateError& error) {
-  Sha256Digest digest;
-  if (!ReadWholeFile(path, kMaxCheckedProgramSize, bytes, error) || !Sha256OfBuffer(bytes, digest, error)) {
-    return false;
-  }
-  if (bytes.size() != entry.size || !DigestsEqual(digest, entry.digest)) {
-    bytes.clear();
-    return Refuse(error, kDamaged);
-  }
-  return true;
 }
 
 void VerifyFiles(const std::wstring& files_directory, const Manifest& manifest, ReleasePrograms& programs,
@@ -88,7 +71,7 @@ void VerifyFiles(const std::wstring& files_directory, const Manifest& manifest, 
     }
     ByteBuffer* const program = BufferFor(entry, programs);
     UpdateError reason;
-    if (!(program != nullptr ? VerifyProgram(file->second, entry, *program, reason)
+    if (!(program != nullptr ? ReadVerifiedProgram(file->second, entry, kDamaged, *program, reason)
                              : VerifyManagedFile(file->second, entry, kManagedFileSizeLimit, kDamaged, reason,
                                                  &Progress::Report, &progress))) {
       findings.AddError(entry.normalised_path, reason.Message());

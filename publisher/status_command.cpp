@@ -94,8 +94,7 @@ void CheckForStages(const std::wstring& root, Findings& findings) {
       findings.AddWarning(JoinPath(WorkDirectory(L""), listing.Name()), kStage);
     }
   }
-  const DWORD code = listing.OpenError() != ERROR_SUCCESS ? listing.OpenError() : listing.EndError();
-  if (code != ERROR_SUCCESS) {
+  if (const DWORD code = listing.Error(); code != ERROR_SUCCESS) {
     UpdateError error;
     SetWindowsError(error, kListingFailed, code);
     findings.AddError(WorkDirectory(L""), error.Message());
@@ -131,10 +130,7 @@ void CheckForUnsettledWork(const std::wstring& root, Findings& findings) {
 int ShowStatus(const StatusOptions& options) {
   Findings findings;
   PublicKey key;
-  JsonWriter json;
-  json.BeginObject();
-  json.Key(L"command");
-  json.String(L"status");
+  JsonWriter json = BeginDocument(L"status");
   const std::wstring root = ExistingDirectory(options.client_directory, findings);
   if (root.empty() || !LoadKey(options.common.key, key, findings)) {
     return Conclude(options.common, findings, {}, &json);

@@ -4,14 +4,15 @@
 
 #include <string>
 
+#include "core/text_encoding.h"
+
 namespace talvex {
 
 // "\u" and the four hexadecimal digits of a UTF-16 code unit.
 [[nodiscard]] inline std::wstring EscapeUnit(wchar_t unit) {
-  constexpr wchar_t kHexDigits[] = L"0123456789abcdef";
   std::wstring escaped = L"\\u";
   for (int shift = 12; shift >= 0; shift -= 4) {
-    escaped += kHexDigits[(unit >> shift) & 0xF];
+    escaped += static_cast<wchar_t>(kHexDigits[(unit >> shift) & 0xF]);
   }
   return escaped;
 }

@@ -17,10 +17,7 @@ int VerifyCommand(const VerifyOptions& options) {
     VerifyRelease(SignedPairIn(directory), FilesDirectory(directory), keys, options.common.allowances,
                   release, findings);
   }
-  JsonWriter json;
-  json.BeginObject();
-  json.Key(L"command");
-  json.String(L"verify");
+  JsonWriter json = BeginDocument(L"verify");
   if (!release.manifest.entries.empty()) {
     WriteDescription(release.manifest, json);
     json.Key(L"longestClientDirectory");

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <limits>
-#include <vector>
 
 #include "core/regular_file.h"
 #include "core/whole_file.h"
@@ -77,12 +76,6 @@ bool SaveStateAndCache(const std::wstring& client_root, const std::wstring& prev
 }
 
 // The path of the running program; empty when it does not fit the buffer.
-std::wstring RunningProgramPath() {
-  std::vector<wchar_t> buffer(kPathCapacity);
-  const DWORD length = GetModuleFileNameW(nullptr, buffer.data(), kPathCapacity);
-  return length < kPathCapacity ? std::wstring(buffer.data(), length) : std::wstring();
-}
-
 // The helper that will roll back must be the one in the new manifest: a copy of anything else would be an
 // unsigned program that the client starts later.
 bool SaveRunningHelper(const Manifest& new_manifest, const std::wstring& destination, RetryBudget& budget,

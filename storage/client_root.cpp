@@ -158,6 +158,12 @@ bool CreateUpdateDirectory(std::wstring_view client_directory, std::wstring_view
   return true;
 }
 
+std::wstring RunningProgramPath() {
+  const auto buffer = std::make_unique_for_overwrite<wchar_t[]>(kPathCapacity);
+  const DWORD length = GetModuleFileNameW(nullptr, buffer.get(), kPathCapacity);
+  return length < kPathCapacity ? std::wstring(buffer.get(), length) : std::wstring();
+}
+
 std::wstring_view ParentOfRelativePath(std::wstring_view relative_path) noexcept {
   const std::size_t separator = relative_path.find_last_of(L"\\/");
   return separator == std::wstring_view::npos ? std::wstring_view() : relative_path.substr(0, separator);

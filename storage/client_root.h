@@ -63,6 +63,9 @@ enum class LastComponent { kChecked, kUnchecked };
 [[nodiscard]] bool CreateUpdateDirectory(std::wstring_view client_directory, std::wstring_view relative_path,
                                          std::wstring& full_path, UpdateError& error);
 
+// The full path of the running program; empty when Windows cannot tell.
+[[nodiscard]] std::wstring RunningProgramPath();
+
 // The part of a relative path before its last separator; empty for a name at the top.
 [[nodiscard]] std::wstring_view ParentOfRelativePath(std::wstring_view relative_path) noexcept;
 

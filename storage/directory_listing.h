@@ -36,6 +36,8 @@ class DirectoryListing {
 
   // The error code if the enumeration could not start, otherwise ERROR_SUCCESS.
   [[nodiscard]] DWORD OpenError() const { return open_error_; }
+  // The error code if the enumeration could not start or has ended early, otherwise ERROR_SUCCESS.
+  [[nodiscard]] DWORD Error() const { return open_error_ != ERROR_SUCCESS ? open_error_ : end_error_; }
   [[nodiscard]] bool AtEntry() const { return at_entry_; }
   [[nodiscard]] std::wstring_view Name() const { return entry_.cFileName; }
   [[nodiscard]] bool IsReparsePoint() const { return Has(FILE_ATTRIBUTE_REPARSE_POINT); }
@@ -45,13 +47,10 @@ class DirectoryListing {
     return (std::uint64_t{entry_.nFileSizeHigh} << 32) | entry_.nFileSizeLow;
   }
 
-  // Any failure ends the enumeration; EndError tells it from the regular end.
+  // Any failure ends the enumeration; Error tells it from the regular end.
   void Advance() {
     StepForward();
     SkipDots();
-  }
-  [[nodiscard]] DWORD EndError() const {
-    return end_code_ == ERROR_NO_MORE_FILES ? DWORD{ERROR_SUCCESS} : end_code_;
   }
 
  private:
@@ -60,7 +59,8 @@ class DirectoryListing {
   void StepForward() {
     at_entry_ = FindNextFileW(search_, &entry_) != 0;
     if (!at_entry_) {
-      end_code_ = GetLastError();
+      const DWORD code = GetLastError();
+      end_error_ = code == ERROR_NO_MORE_FILES ? DWORD{ERROR_SUCCESS} : code;
     }
   }
 
@@ -73,7 +73,7 @@ class DirectoryListing {
   WIN32_FIND_DATAW entry_{};
   HANDLE search_ = INVALID_HANDLE_VALUE;
   DWORD open_error_ = ERROR_SUCCESS;
-  DWORD end_code_ = ERROR_SUCCESS;
+  DWORD end_error_ = ERROR_SUCCESS;
   bool at_entry_ = false;
 };
 

@@ -35,10 +35,6 @@ std::string SignWithKey(std::string_view text, const std::wstring& key_folder) {
   return signature;
 }
 
-std::string SignWithDevelopmentKey(std::string_view text) {
-  return SignWithKey(text, L"development-key\\private.blob");
-}
-
 std::string HexDigestOf(std::string_view text) {
   Sha256Digest digest;
   UpdateError error;
