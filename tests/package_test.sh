@@ -45,11 +45,12 @@ build_game() {
     cmake --build "$out" --parallel 2
 }
 
+# Lines of the table begin with a number in brackets; newer versions print a heading above them.
 exports_what_the_header_declares() {
   sed -n 's/^TALVEX_UPDATE_API .*TALVEX_CALL \([a-z_]*\)(.*/\1/p' "$source/client/talvex_update.h" |
     LC_ALL=C sort > "$work/declared"
   x86_64-w64-mingw32-objdump -p "$1" |
-    awk '/^\[Ordinal\/Name Pointer\]/ { on = 1; next } /^$/ { on = 0 } on { print $NF }' > "$work/exported"
+    awk '/^\[Ordinal\/Name Pointer\]/ { on = 1; next } /^$/ { on = 0 } on && /\[/ { print $NF }' > "$work/exported"
   [ "$(wc -l < "$work/declared")" -gt 5 ] && diff "$work/declared" "$work/exported"
 }
 
