@@ -22,6 +22,13 @@ counts_development_keys() {  # FILE COUNT: the version resource names COUNT of t
   i686-w64-mingw32-windres -J coff -O rc "$1" "$work/version" &&
     test "$(grep -c 'Trusts a development key' "$work/version")" = "$2"
 }
+packs() {  # COMPONENT FILE...: these and no other files are in its archive
+  component=$1
+  shift
+  cpack --config "$build/CPackConfig.cmake" -C "$configuration" -B "$work/packed" -D "CPACK_COMPONENTS_ALL=$component" &&
+    cmake -E tar tf "$work/packed"/TalvexUpdate-*-"$component".zip | grep -v '/$' | LC_ALL=C sort > "$work/list" &&
+    printf '%s\n' "$@" | LC_ALL=C sort | diff - "$work/list"
+}
 publish_elsewhere() {
   rm "$elsewhere/out/CTestTestfile.cmake"
   configure_elsewhere "-DTALVEX_UPDATE_PUBLIC_KEY=$build/development-key/public.pem"
@@ -48,6 +55,13 @@ check "no release is packed from a build with a development key" \
   refuses "$refusal" cpack --config "$build/CPackConfig.cmake" -B "$work/package"
 check "nothing was installed or packed meanwhile" \
   test ! -e "$work/refused" -a -z "$(find "$work/package" -name '*.zip' -o -name '*.exe')"
+check "the publisher's tool is packed with what it is used with" \
+  packs publisher TalvexPublish.exe publish.sh releasing.md
+cmake_files=lib/cmake/TalvexUpdate/TalvexUpdateConfig
+lower=$(printf %s "$configuration" | tr '[:upper:]' '[:lower:]')
+check "the library is packed for every compiler" \
+  packs library bin/TalvexUpdate.dll include/talvex_update.h lib/TalvexUpdate.def lib/libTalvexUpdate.dll.a \
+  lib/libTalvexUpdateStatic.a $cmake_files-$lower.cmake $cmake_files.cmake ${cmake_files}Version.cmake
 check "a build in another folder succeeds" build_elsewhere
 check "it makes the same bytes" cmp "$elsewhere/out/TalvexUpdateHelper.exe" "$build/TalvexUpdateHelper.exe"
 check "a helper with a development key says so" counts_development_keys "$elsewhere/out/TalvexUpdateHelper.exe" 1
