@@ -11,8 +11,6 @@
 namespace talvex {
 namespace {
 
-constexpr std::string_view kPemHeader = "-----BEGIN PUBLIC KEY-----";
-constexpr std::string_view kPemFooter = "-----END PUBLIC KEY-----";
 constexpr std::string_view kWhiteSpace = " \t\r\n";
 
 constexpr wchar_t kNotPublicKey[] = L"The file does not hold one public key in PEM form.";
@@ -53,12 +51,12 @@ bool DecodeObject(const DecodingFunctions& crypt, const char* type, const BYTE* 
 }  // namespace
 
 bool ReadPublicKeyPem(std::string_view pem, std::string& base64) {
-  const std::size_t footer = pem.find(kPemFooter);
-  if (!pem.starts_with(kPemHeader) || footer == std::string_view::npos ||
-      pem.find_first_not_of(kWhiteSpace, footer + kPemFooter.size()) != std::string_view::npos) {
+  const std::size_t footer = pem.find(kPublicKeyFooter);
+  if (!pem.starts_with(kPublicKeyHeader) || footer == std::string_view::npos ||
+      pem.find_first_not_of(kWhiteSpace, footer + kPublicKeyFooter.size()) != std::string_view::npos) {
     return false;
   }
-  base64 = pem.substr(kPemHeader.size(), footer - kPemHeader.size());
+  base64 = pem.substr(kPublicKeyHeader.size(), footer - kPublicKeyHeader.size());
   std::erase_if(base64, [](char byte) { return kWhiteSpace.find(byte) != std::string_view::npos; });
   return true;
 }

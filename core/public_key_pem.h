@@ -10,6 +10,10 @@
 
 namespace talvex {
 
+// The lines around a public key in PEM.
+inline constexpr std::string_view kPublicKeyHeader = "-----BEGIN PUBLIC KEY-----";
+inline constexpr std::string_view kPublicKeyFooter = "-----END PUBLIC KEY-----";
+
 // Sets `base64` to the text between header and footer of the one public key in `pem`, without white space.
 // False when there is more or something else.
 [[nodiscard]] bool ReadPublicKeyPem(std::string_view pem, std::string& base64);

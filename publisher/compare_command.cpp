@@ -34,6 +34,11 @@ constexpr wchar_t kClientUnreadable[] =
     L"is signed with another key, so its client has to be looked at, "
     L"and the one that its manifest describes is not there. Put it back as ";
 
+constexpr wchar_t kLosesKey[] = L"has a client that holds the key with the blob-sha256 ";
+constexpr wchar_t kLosesKeyRemedy[] =
+    L", and the new release's does not: players who take it can never follow a release that is signed with "
+    L"that key. Build the new client with it as well, unless that is meant.";
+
 // What is known about one older release.
 struct OldRelease {
   Manifest manifest;
@@ -105,6 +110,28 @@ void CheckClientHoldsKey(const std::wstring& directory, const Manifest& manifest
   }
 }
 
+// The public keys in the client of a release; none when there are only its manifest and signature.
+std::vector<ByteBuffer> ClientKeysOf(const std::wstring& directory, const Manifest& manifest,
+                                     const PublicKey& key) {
+  const ManifestEntry* const entry = FindManifestEntry(manifest, kClientFileName);
+  ByteBuffer client;
+  UpdateError unreported;
+  return entry != nullptr && ReadVerifiedProgram(ClientProgramPath(FilesDirectory(directory)), *entry, L"",
+                                                 client, unreported)
+             ? FindPublicKeys(client, key)
+             : std::vector<ByteBuffer>();
+}
+
+// A key that lies ready for a later change helps nobody whose client has lost it meanwhile.
+void CheckClientKeepsKeys(const std::wstring& directory, const std::vector<ByteBuffer>& old_keys,
+                          const std::vector<ByteBuffer>& new_keys, Findings& findings) {
+  for (const ByteBuffer& blob : old_keys) {
+    if (!new_keys.empty() && std::find(new_keys.begin(), new_keys.end(), blob) == new_keys.end()) {
+      findings.AddWarning(directory, kLosesKey + FingerprintOf(blob) + kLosesKeyRemedy);
+    }
+  }
+}
+
 std::wstring DescribeUpdate(const Manifest& old, const ReleaseComparison& update) {
   return L"from " + Describe(old) + L": new=" + std::to_wstring(update.added) + L" changed=" +
          std::to_wstring(update.changed) + L" retired=" + std::to_wstring(update.retired) + L" download=" +
@@ -146,6 +173,7 @@ std::wstring CompareWithAll(const CompareOptions& options, const Manifest& new_m
   json.Number(LongestClientDirectory(new_manifest));
   json.Key(L"updates");
   json.BeginArray();
+  const std::vector<ByteBuffer> client_keys = ClientKeysOf(options.new_release, new_manifest, key);
   for (const std::wstring& directory : options.old_releases) {
     OldRelease old;
     if (!LoadOldRelease(directory, key, old_keys, old, findings)) {
@@ -153,6 +181,8 @@ std::wstring CompareWithAll(const CompareOptions& options, const Manifest& new_m
     }
     if (old.keys == KeyChange::kOtherKey && !options.common.allowances.client_key_elsewhere) {
       CheckClientHoldsKey(directory, old.manifest, key, findings);
+    } else if (old.keys == KeyChange::kSameKey) {
+      CheckClientKeepsKeys(directory, ClientKeysOf(directory, old.manifest, key), client_keys, findings);
     }
     const ReleaseComparison update = CompareManifests(new_manifest, old.manifest, old.keys, findings);
     WriteUpdate(old.manifest, update, json);

@@ -3,7 +3,6 @@
 #include <string>
 
 #include "core/regular_file.h"
-#include "core/sha256.h"
 #include "core/text_encoding.h"
 #include "core/whole_file.h"
 #include "formats/text_lines.h"
@@ -56,9 +55,8 @@ int ExportKey(const KeyOptions& options) {
   Findings findings;
   UpdateError error;
   PublicKey key;
-  Sha256Digest fingerprint;
   const std::wstring out = ResolveClientRoot(options.out, error);
-  if (out.empty() || !LoadKey(options.key, key, findings) || !Sha256OfBuffer(key.blob, fingerprint, error)) {
+  if (out.empty() || !LoadKey(options.key, key, findings)) {
     if (!error.IsEmpty()) {
       findings.AddError(options.out, error.Message());
     }
@@ -78,7 +76,7 @@ int ExportKey(const KeyOptions& options) {
     findings.AddError(options.out, error.Message());
   }
   return Conclude(common, findings,
-                  L"Made " + pem + L" and " + header + L"\nblob-sha256 " + DigestToHex(fingerprint));
+                  L"Made " + pem + L" and " + header + L"\nblob-sha256 " + FingerprintOf(key.blob));
 }
 
 }  // namespace talvex

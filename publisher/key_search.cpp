@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <functional>
 #include <string_view>
+#include <utility>
 
 #include "core/manifest_signature.h"
+#include "core/public_key_pem.h"
 #include "formats/text_lines.h"
 
 namespace talvex {
@@ -54,6 +56,31 @@ std::vector<std::span<const std::byte>> FindKeyBlobs(std::span<const std::byte> 
     }
   });
   return blobs;
+}
+
+std::vector<ByteBuffer> FindPublicKeys(std::span<const std::byte> bytes, const PublicKey& like) {
+  std::vector<ByteBuffer> keys;
+  const auto add = [&](ByteBuffer key) {
+    if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
+      keys.push_back(std::move(key));
+    }
+  };
+  for (const std::span<const std::byte> blob : FindKeyBlobs(bytes, like)) {
+    add({blob.begin(), blob.end()});
+  }
+  const std::string_view text = AsText(bytes);
+  ForEachMatch(text, kPublicKeyHeader, [&](std::size_t position) {
+    const std::string_view rest = text.substr(position, kPemSizeLimit);
+    const std::size_t footer = rest.find(kPublicKeyFooter);
+    ByteBuffer key;
+    UpdateError unreported;
+    if (footer != std::string_view::npos &&
+        DecodePublicKeyPem(rest.substr(0, footer + kPublicKeyFooter.size()), key, unreported) &&
+        IsRsa3072PublicKey(key)) {
+      add(std::move(key));
+    }
+  });
+  return keys;
 }
 
 bool HoldsKey(std::span<const std::byte> bytes, const PublicKey& key) {

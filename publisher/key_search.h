@@ -17,6 +17,10 @@ namespace talvex {
 [[nodiscard]] std::vector<std::span<const std::byte>> FindKeyBlobs(std::span<const std::byte> bytes,
                                                                    const PublicKey& key);
 
+// Every RSA-3072 public key in `bytes`, as a CNG blob of the same kind as that of `like` or as PEM text: the
+// forms that the update library takes. Each once, as a blob.
+[[nodiscard]] std::vector<ByteBuffer> FindPublicKeys(std::span<const std::byte> bytes, const PublicKey& like);
+
 // Whether `bytes` hold `key`: its modulus, big-endian (in a CNG blob or in DER), or its PEM text, with line
 // ends of any kind or none between the lines.
 [[nodiscard]] bool HoldsKey(std::span<const std::byte> bytes, const PublicKey& key);

@@ -206,8 +206,9 @@ class CommandLine {
         "Finds out whether players with older releases can install a new one, and what it costs them");
     Require(command, "NEW", compare_.new_release, "The new release's directory");
     command
-        ->add_option_function<std::vector<std::string>>("OLD", Into(compare_.old_releases),
-                                                        "Directories of older releases that players may have")
+        ->add_option_function<std::vector<std::string>>(
+            "OLD", Into(compare_.old_releases),
+            "Directories of older releases, of all that were ever published")
         ->required();
     AddKey(command, compare_.common);
     AddFiles(command, "--old-key", compare_.old_keys, "Public key that signed some of the older releases");

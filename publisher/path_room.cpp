@@ -9,8 +9,7 @@
 namespace talvex {
 namespace {
 
-// Windows limits for the full path of a file, and of a directory, which leave room for a short file name.
-constexpr std::size_t kMaxFullPath = 259;
+// Windows' limit for the full path of a directory, which leaves room for a short file name.
 constexpr std::size_t kMaxFullDirectoryPath = 247;
 constexpr std::size_t kMinClientDirectory = 4;  // "C:\a"; a drive root is not allowed
 

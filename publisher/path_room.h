@@ -11,6 +11,9 @@
 
 namespace talvex {
 
+// Windows' limit for the full path of a file.
+inline constexpr std::size_t kMaxFullPath = 259;
+
 // The longest path of a client directory, in characters, in which every file of `manifest` can be staged; 0
 // when there is none.
 [[nodiscard]] std::size_t LongestClientDirectory(const Manifest& manifest);

@@ -12,6 +12,7 @@
 #include "formats/text_lines.h"
 #include "publisher/key_search.h"
 #include "publisher/program_image.h"
+#include "storage/update_layout.h"
 
 namespace talvex {
 namespace {
@@ -32,9 +33,16 @@ constexpr wchar_t kNoProgram[] =
     L"is not a program that Windows can start, or is cut short. Build it again, or copy it whole.";
 constexpr wchar_t kNotX86[] =
     L"is not a 32-bit program (x86), which the helper has to be. Build it with one of the presets.";
+constexpr wchar_t kNotHelper[] =
+    L"is not the update helper, which says in its version resource that this is its name. Put the helper "
+    L"there.";
+constexpr wchar_t kIsHelper[] = L"is the update helper under another name. Put the game's own client there.";
+constexpr wchar_t kUnreadableManifest[] =
+    L"has a manifest that is cut short, no XML, or not in UTF-8, so Windows may refuse to start it. Correct "
+    L"the manifest.";
 constexpr wchar_t kAsksForElevation[] =
-    L"asks for elevation, so neither the helper nor the client could start it. Set the "
-    L"requestedExecutionLevel in its manifest to asInvoker.";
+    L"asks for elevation or uiAccess, so neither the helper nor the client could start it. Set the "
+    L"requestedExecutionLevel in its manifest to asInvoker, and uiAccess to false.";
 constexpr wchar_t kLooksLikeInstaller[] =
     L"has no requestedExecutionLevel and a word such as \"update\" in its name or version resource: Windows "
     L"takes it for an installer and demands elevation. Give it a manifest with the level asInvoker.";
@@ -53,9 +61,19 @@ constexpr wchar_t kClientLacksKey[] =
     L"does not hold the key that this release is signed with, so it could verify no later release and start "
     L"no rollback. Build it with this key, or declare with --client-key-elsewhere "
     L"that it reads the key from another file.";
-
 constexpr wchar_t kClientLacksOtherKey[] =
     L"could follow no release that is signed with the other key, because it does not hold ";
+constexpr wchar_t kHoldsForeignKey[] = L"holds another public key, with the blob-sha256 ";
+constexpr wchar_t kForeignKeyRemedy[] =
+    L": whoever has its private half can publish for this client. Build it without that key, or name it with "
+    L"--client-key.";
+
+constexpr wchar_t kNoLibrary[] =
+    L"is missing from the top of the release, and without it Windows does not start Talvex.exe. Put it "
+    L"there.";
+constexpr wchar_t kOtherLibrary[] =
+    L"is not a DLL for the same kind of processor as Talvex.exe, which Windows could not start with it. Put "
+    L"the right one there: a 64-bit game needs the 64-bit one.";
 
 // Removes the comments of an XML text: they may name what the manifest does not ask for.
 std::string WithoutComments(std::string_view xml) {
@@ -68,14 +86,14 @@ std::string WithoutComments(std::string_view xml) {
   return text.append(xml);
 }
 
-// The value of the attribute "level" of the manifest's requestedExecutionLevel; empty when there is none.
-std::string RequestedLevel(std::string_view manifest) {
+// The value of the attribute `name` of the manifest's requestedExecutionLevel; empty when there is none.
+std::string LevelAttribute(std::string_view manifest, std::string_view name) {
   constexpr std::string_view kBlank = " \t\r\n";
   const std::string text = WithoutComments(manifest);
   std::size_t at = text.find("requestedExecutionLevel");
   const std::size_t end = text.find('>', at);
-  for (at = text.find("level", at); at < end; at = text.find("level", at + 1)) {
-    std::size_t value = text.find_first_not_of(kBlank, at + 5);
+  for (at = text.find(name, at); at < end; at = text.find(name, at + 1)) {
+    std::size_t value = text.find_first_not_of(kBlank, at + name.size());
     if (value == std::string::npos || text[value] != '=') {
       continue;
     }
@@ -85,6 +103,13 @@ std::string RequestedLevel(std::string_view manifest) {
     }
   }
   return {};
+}
+
+// Whether this looks like a manifest that Windows can read: whole, and not in UTF-16, which it would read as
+// well but the checks here would not.
+bool IsReadable(std::string_view manifest) {
+  return manifest.find('\0') == std::string_view::npos &&
+         WithoutComments(manifest).find("assembly>") != std::string::npos;
 }
 
 // The UTF-16 text in a version resource, in lower case; binary fields give arbitrary characters.
@@ -97,19 +122,39 @@ std::wstring LowerCaseText(std::span<const std::byte> resource) {
   return FoldAsciiCase(text);
 }
 
+// The text of a program's version resource, in lower case.
+std::wstring VersionText(const ProgramImage& image) {
+  std::wstring text;
+  for (const std::span<const std::byte> resource : image.Resources(kVersionType, kProgramId)) {
+    text += LowerCaseText(resource);
+  }
+  return text;
+}
+
 void CheckElevation(std::wstring_view subject, const ProgramImage& image, Findings& findings) {
-  const std::string level = RequestedLevel(AsText(image.Resource(kManifestType, kProgramId)));
-  if (level == "asInvoker") {
-    return;
+  bool has_level = false;
+  // One for each language, of which Windows takes that of the player.
+  for (const std::span<const std::byte> resource : image.Resources(kManifestType, kProgramId)) {
+    const std::string_view manifest = AsText(resource);
+    if (!IsReadable(manifest)) {
+      findings.AddError(subject, kUnreadableManifest);
+      return;
+    }
+    const std::string level = LevelAttribute(manifest, "level");
+    const std::string access = LevelAttribute(manifest, "uiAccess");
+    if ((!level.empty() && level != "asInvoker") || (!access.empty() && access != "false")) {
+      findings.AddError(subject, kAsksForElevation);
+      return;
+    }
+    has_level = !level.empty();
+    if (!has_level) {
+      break;
+    }
   }
-  if (!level.empty()) {
-    findings.AddError(subject, kAsksForElevation);
-    return;
-  }
-  if (!image.IsX86()) {
+  if (has_level || !image.IsX86()) {
     return;  // Windows guesses only about 32-bit programs
   }
-  const std::wstring names = FoldAsciiCase(subject) + LowerCaseText(image.Resource(kVersionType, kProgramId));
+  const std::wstring names = FoldAsciiCase(subject) + VersionText(image);
   if (std::any_of(std::begin(kInstallerWords), std::end(kInstallerWords),
                   [&](std::wstring_view word) { return names.find(word) != std::wstring::npos; })) {
     findings.AddError(subject, kLooksLikeInstaller);
@@ -120,10 +165,20 @@ void CheckElevation(std::wstring_view subject, const ProgramImage& image, Findin
 
 void CheckDevelopmentKey(std::wstring_view subject, const ProgramImage& image,
                          const ProgramAllowances& allowances, Findings& findings) {
-  const std::wstring names = LowerCaseText(image.Resource(kVersionType, kProgramId));
-  if (!allowances.development && names.find(FoldAsciiCase(kDevelopmentMark)) != std::wstring::npos) {
+  if (!allowances.development &&
+      VersionText(image).find(FoldAsciiCase(kDevelopmentMark)) != std::wstring::npos) {
     findings.AddError(subject, kDevelopmentKey);
   }
+}
+
+// The helper's version resource names the file that it is.
+bool IsHelper(const ProgramImage& image) {
+  return VersionText(image).find(FoldAsciiCase(kHelperFileName)) != std::wstring::npos;
+}
+
+bool IsAmong(const ByteBuffer& blob, const ReleaseKeys& keys) {
+  return blob == keys.signing.blob || std::any_of(keys.for_client.begin(), keys.for_client.end(),
+                                                  [&](const PublicKey& key) { return key.blob == blob; });
 }
 
 }  // namespace
@@ -134,6 +189,9 @@ void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> by
   if (!image.Parse(bytes)) {
     findings.AddError(subject, kNoProgram);
     return;
+  }
+  if (!IsHelper(image)) {
+    findings.AddError(subject, kNotHelper);
   }
   if (!image.IsX86()) {
     findings.AddError(subject, kNotX86);
@@ -155,6 +213,9 @@ void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> by
     findings.AddError(subject, kNoProgram);
     return;
   }
+  if (IsHelper(image)) {
+    findings.AddError(subject, kIsHelper);
+  }
   CheckElevation(subject, image, findings);
   CheckDevelopmentKey(subject, image, allowances, findings);
   if (allowances.client_key_elsewhere) {
@@ -167,6 +228,25 @@ void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> by
     if (!HoldsKey(bytes, key)) {
       findings.AddError(subject, kClientLacksOtherKey + key.path + L". Build it with that key as well.");
     }
+  }
+  for (const ByteBuffer& blob : FindPublicKeys(bytes, keys.signing)) {
+    if (!IsAmong(blob, keys)) {
+      findings.AddWarning(subject, kHoldsForeignKey + FingerprintOf(blob) + kForeignKeyRemedy);
+    }
+  }
+}
+
+void CheckClientLibrary(std::span<const std::byte> client, const ManifestEntry* library,
+                        std::span<const std::byte> library_bytes, Findings& findings) {
+  ProgramImage program;
+  ProgramImage image;
+  if (!program.Parse(client) || !program.Imports(kLibraryFileName)) {
+    return;
+  }
+  if (library == nullptr) {
+    findings.AddError(kLibraryFileName, kNoLibrary);
+  } else if (!image.Parse(library_bytes, ImageKind::kLibrary) || image.Machine() != program.Machine()) {
+    findings.AddError(kLibraryFileName, kOtherLibrary);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "formats/manifest.h"
 #include "publisher/findings.h"
 #include "publisher/public_key_file.h"
 
@@ -19,14 +20,17 @@ struct ProgramAllowances {
   bool client_key_elsewhere = false;  // the client reads its keys from another place than its program file
 };
 
+// The update library's DLL, beside the client that uses it.
+inline constexpr wchar_t kLibraryFileName[] = L"TalvexUpdate.dll";
+
 // The public keys of a release.
 struct ReleaseKeys {
   PublicKey signing;                  // signs it; the one that its helper trusts
   std::vector<PublicKey> for_client;  // others that its client has to hold, for a change of keys
 };
 
-// Checks the program file `bytes` of the helper: Windows can start it, without elevation; it is a 32-bit
-// program; it trusts the signing key and no other; it is no development build.
+// Checks the program file `bytes` of the helper: it is the helper; Windows can start it, without elevation;
+// it is a 32-bit program; it trusts the signing key and no other; it is no development build.
 // Errors about `subject`, its name.
 void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> bytes, const ReleaseKeys& keys,
                         const ProgramAllowances& allowances, Findings& findings);
@@ -34,8 +38,14 @@ void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> by
 // Checks that of the client: Windows can start it, without elevation and without redirecting what it writes
 // (a warning); it is no development build. It must hold all of `keys`, unless they are declared to be
 // elsewhere: without the signing key it could neither verify the next release nor start a rollback, without
-// another one it could not follow the change to that.
+// another one it could not follow the change to that. A key that is none of them is a warning: its owner
+// could publish for this client.
 void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> bytes, const ReleaseKeys& keys,
                         const ProgramAllowances& allowances, Findings& findings);
+
+// Checks the DLL of the update library, which Windows needs to start the program file `client` if that
+// imports it: `library` is its entry in the release, or null, and `library_bytes` are its contents.
+void CheckClientLibrary(std::span<const std::byte> client, const ManifestEntry* library,
+                        std::span<const std::byte> library_bytes, Findings& findings);
 
 }  // namespace talvex

@@ -2,8 +2,14 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <optional>
+
+#include "core/ascii_case.h"
+#include "core/text_encoding.h"
+#include "formats/text_lines.h"
 
 namespace talvex {
 namespace {
@@ -24,32 +30,30 @@ std::span<const std::byte> Part(std::span<const std::byte> bytes, std::size_t of
                                                                : bytes.subspan(offset, size);
 }
 
-// One entry of the directory at `offset` of a resource tree: the one with `id`, or the first one. Offsets are
-// relative to the beginning of the tree, and lead to the next directory or, after the last, to the data
+// What the entries of the directory at `offset` of a resource tree lead to: those with `id`, or all. Offsets
+// are relative to the beginning of the tree, and lead to the next directory or, after the last, to the data
 // entry.
-bool FindEntry(std::span<const std::byte> tree, std::uint32_t offset, std::optional<std::uint16_t> id,
-               std::uint32_t& found) {
+std::vector<std::uint32_t> FindEntries(std::span<const std::byte> tree, std::uint32_t offset,
+                                       std::optional<std::uint16_t> id) {
+  std::vector<std::uint32_t> found;
   IMAGE_RESOURCE_DIRECTORY directory{};
   if (!ReadAt(tree, offset, directory)) {
-    return false;
+    return found;
   }
   const std::size_t count = std::size_t{directory.NumberOfNamedEntries} + directory.NumberOfIdEntries;
   IMAGE_RESOURCE_DIRECTORY_ENTRY entry{};
-  for (std::size_t i = 0; i < count; ++i) {
-    if (!ReadAt(tree, offset + sizeof(directory) + i * sizeof(entry), entry)) {
-      return false;
-    }
+  for (std::size_t i = 0; i < count && ReadAt(tree, offset + sizeof(directory) + i * sizeof(entry), entry);
+       ++i) {
     if (!id || entry.Name == *id) {
-      found = entry.OffsetToData & ~DWORD{IMAGE_RESOURCE_DATA_IS_DIRECTORY};
-      return true;
+      found.push_back(entry.OffsetToData & ~DWORD{IMAGE_RESOURCE_DATA_IS_DIRECTORY});
     }
   }
-  return false;
+  return found;
 }
 
 }  // namespace
 
-bool ProgramImage::Parse(std::span<const std::byte> bytes) {
+bool ProgramImage::Parse(std::span<const std::byte> bytes, ImageKind kind) {
   *this = {};
   bytes_ = bytes;
   IMAGE_DOS_HEADER dos{};
@@ -64,23 +68,31 @@ bool ProgramImage::Parse(std::span<const std::byte> bytes) {
   if (!ReadAt(bytes, header, signature) || signature != IMAGE_NT_SIGNATURE ||
       !ReadAt(bytes, header + sizeof(signature), file) || !ReadAt(bytes, optional_header, magic) ||
       (file.Characteristics & IMAGE_FILE_EXECUTABLE_IMAGE) == 0 ||
-      (file.Characteristics & IMAGE_FILE_DLL) != 0) {
+      ((file.Characteristics & IMAGE_FILE_DLL) != 0) != (kind == ImageKind::kLibrary)) {
     return false;
   }
   const bool is_wide = magic == IMAGE_NT_OPTIONAL_HDR64_MAGIC;
   if (!is_wide && magic != IMAGE_NT_OPTIONAL_HDR32_MAGIC) {
     return false;
   }
-  is_x86_ = !is_wide && file.Machine == IMAGE_FILE_MACHINE_I386;
-  // A program without resources may leave out the end of the header.
-  const std::size_t resources = (is_wide ? offsetof(IMAGE_OPTIONAL_HEADER64, DataDirectory)
-                                         : offsetof(IMAGE_OPTIONAL_HEADER32, DataDirectory)) +
-                                IMAGE_DIRECTORY_ENTRY_RESOURCE * sizeof(IMAGE_DATA_DIRECTORY);
-  IMAGE_DATA_DIRECTORY directory{};
-  if (file.SizeOfOptionalHeader >= resources + sizeof(directory) &&
-      ReadAt(bytes, optional_header + resources, directory)) {
-    resources_ = directory.VirtualAddress;
+  constexpr WORD kMachines[] = {IMAGE_FILE_MACHINE_I386, IMAGE_FILE_MACHINE_AMD64, IMAGE_FILE_MACHINE_ARM64};
+  if (std::find(std::begin(kMachines), std::end(kMachines), file.Machine) == std::end(kMachines)) {
+    return false;
   }
+  machine_ = file.Machine;
+  // Without resources or imports, a program may leave out the end of the header.
+  const auto address_of = [&](std::size_t index) {
+    const std::size_t entry = (is_wide ? offsetof(IMAGE_OPTIONAL_HEADER64, DataDirectory)
+                                       : offsetof(IMAGE_OPTIONAL_HEADER32, DataDirectory)) +
+                              index * sizeof(IMAGE_DATA_DIRECTORY);
+    IMAGE_DATA_DIRECTORY directory{};
+    return file.SizeOfOptionalHeader >= entry + sizeof(directory) &&
+                   ReadAt(bytes, optional_header + entry, directory)
+               ? directory.VirtualAddress
+               : 0;
+  };
+  resources_ = address_of(IMAGE_DIRECTORY_ENTRY_RESOURCE);
+  imports_ = address_of(IMAGE_DIRECTORY_ENTRY_IMPORT);
   return ReadSections(optional_header + file.SizeOfOptionalHeader, file.NumberOfSections);
 }
 
@@ -112,18 +124,36 @@ std::span<const std::byte> ProgramImage::BytesAt(std::uint32_t address) const {
   return {};
 }
 
-std::span<const std::byte> ProgramImage::Resource(std::uint16_t type, std::uint16_t id) const {
-  if (resources_ == 0) {
-    return {};
+bool ProgramImage::IsX86() const {
+  return machine_ == IMAGE_FILE_MACHINE_I386;
+}
+
+std::vector<std::span<const std::byte>> ProgramImage::Resources(std::uint16_t type, std::uint16_t id) const {
+  std::vector<std::span<const std::byte>> found;
+  const auto tree = resources_ != 0 ? BytesAt(resources_) : std::span<const std::byte>();
+  for (const std::uint32_t ids : FindEntries(tree, 0, type)) {
+    for (const std::uint32_t languages : FindEntries(tree, ids, id)) {
+      for (const std::uint32_t entry : FindEntries(tree, languages, std::nullopt)) {
+        IMAGE_RESOURCE_DATA_ENTRY data{};
+        if (ReadAt(tree, entry, data)) {
+          found.push_back(Part(BytesAt(data.OffsetToData), 0, data.Size));
+        }
+      }
+    }
   }
-  const std::span<const std::byte> tree = BytesAt(resources_);
-  std::uint32_t offset = 0;
-  IMAGE_RESOURCE_DATA_ENTRY data{};
-  if (!FindEntry(tree, 0, type, offset) || !FindEntry(tree, offset, id, offset) ||
-      !FindEntry(tree, offset, std::nullopt, offset) || !ReadAt(tree, offset, data)) {
-    return {};
+  return found;
+}
+
+bool ProgramImage::Imports(std::wstring_view library) const {
+  const auto table = imports_ != 0 ? BytesAt(imports_) : std::span<const std::byte>();
+  IMAGE_IMPORT_DESCRIPTOR descriptor{};
+  for (std::size_t at = 0; ReadAt(table, at, descriptor) && descriptor.Name != 0; at += sizeof(descriptor)) {
+    const std::string_view rest = AsText(BytesAt(descriptor.Name));
+    if (EqualIgnoringAsciiCase(Utf8ToWide(rest.substr(0, rest.find('\0'))), library)) {
+      return true;
+    }
   }
-  return Part(BytesAt(data.OffsetToData), 0, data.Size);
+  return false;
 }
 
 }  // namespace talvex

@@ -6,21 +6,30 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string_view>
 #include <vector>
 
 namespace talvex {
 
+enum class ImageKind { kProgram, kLibrary };
+
 class ProgramImage {
  public:
-  // Reads the headers of the program in `bytes`, which must outlive the image. False when Windows could not
-  // start it: not a PE program, a DLL, or cut short within its sections.
-  [[nodiscard]] bool Parse(std::span<const std::byte> bytes);
+  // Reads the headers of the program or DLL in `bytes`, which must outlive the image. False when Windows
+  // could not load it as one: no PE file of this kind, for a processor that no player has, or cut short
+  // within its sections.
+  [[nodiscard]] bool Parse(std::span<const std::byte> bytes, ImageKind kind = ImageKind::kProgram);
 
-  [[nodiscard]] bool IsX86() const { return is_x86_; }
+  [[nodiscard]] bool IsX86() const;
+  // IMAGE_FILE_MACHINE_*: what processor it is for.
+  [[nodiscard]] std::uint16_t Machine() const { return machine_; }
 
-  // The contents of the resource with this type and id, in whatever language comes first; empty if there is
-  // none, or if it does not lie within the file.
-  [[nodiscard]] std::span<const std::byte> Resource(std::uint16_t type, std::uint16_t id) const;
+  // The contents of the resource with this type and id, once for each language; what does not lie within the
+  // file is left out.
+  [[nodiscard]] std::vector<std::span<const std::byte>> Resources(std::uint16_t type, std::uint16_t id) const;
+
+  // Whether Windows looks for the DLL `library` before it starts the program. The case of A to Z is ignored.
+  [[nodiscard]] bool Imports(std::wstring_view library) const;
 
  private:
   // A section: where it is in memory, relative to the program's beginning, and its bytes in the file.
@@ -35,7 +44,8 @@ class ProgramImage {
   std::span<const std::byte> bytes_;
   std::vector<Section> sections_;
   std::uint32_t resources_ = 0;  // address of the resource tree; 0: none
-  bool is_x86_ = false;
+  std::uint32_t imports_ = 0;    // address of the import table; 0: none
+  std::uint16_t machine_ = 0;
 };
 
 }  // namespace talvex

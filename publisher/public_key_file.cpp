@@ -12,12 +12,13 @@
 
 #include "core/manifest_signature.h"
 #include "core/public_key_pem.h"
+#include "core/sha256.h"
+#include "core/text_encoding.h"
 #include "formats/text_lines.h"
 
 namespace talvex {
 namespace {
 
-constexpr std::uint32_t kPemSizeLimit = 16'384;  // bytes
 constexpr std::string_view kPrivateKeyMark = "PRIVATE KEY-----";
 
 // 65537, big-endian; the helper's build embeds no other.
@@ -48,12 +49,18 @@ bool LoadPublicKey(const std::wstring& path, PublicKey& key, UpdateError& error)
           Refuse(error, kNotRsa3072));
 }
 
+std::wstring FingerprintOf(const ByteBuffer& blob) {
+  Sha256Digest digest;
+  UpdateError unreported;
+  return Sha256OfBuffer(blob, digest, unreported) ? DigestToHex(digest) : std::wstring();
+}
+
 std::string FormatPem(const PublicKey& key) {
-  std::string text("-----BEGIN PUBLIC KEY-----");
+  std::string text(kPublicKeyHeader);
   for (std::size_t start = 0; start < key.base64.size(); start += kPemLineLength) {
     text.append("\n").append(key.base64, start, kPemLineLength);
   }
-  return text.append("\n").append("-----END PUBLIC KEY-----").append("\n");
+  return text.append("\n").append(kPublicKeyFooter).append("\n");
 }
 
 }  // namespace talvex

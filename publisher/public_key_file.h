@@ -4,6 +4,7 @@
 // helper's build.
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "core/update_error.h"
@@ -11,7 +12,8 @@
 
 namespace talvex {
 
-inline constexpr std::size_t kPemLineLength = 64;  // characters of base64
+inline constexpr std::size_t kPemLineLength = 64;       // characters of base64
+inline constexpr std::uint32_t kPemSizeLimit = 16'384;  // bytes
 
 // One key in its two forms.
 struct PublicKey {
@@ -28,6 +30,10 @@ struct PublicKey {
 //   "The file holds a private key. Give this program the public half only."
 //   "The public key does not have 3072 bits and the exponent 65537."
 [[nodiscard]] bool LoadPublicKey(const std::wstring& path, PublicKey& key, UpdateError& error);
+
+// What tells one key from another, as people compare it: the SHA-256 of its blob in hexadecimal; empty when
+// Windows cannot calculate it.
+[[nodiscard]] std::wstring FingerprintOf(const ByteBuffer& blob);
 
 // `key` as openssl writes it: PEM, lines of 64 characters that end in LF.
 [[nodiscard]] std::string FormatPem(const PublicKey& key);

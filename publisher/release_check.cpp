@@ -61,6 +61,9 @@ ByteBuffer* BufferFor(const ManifestEntry& entry, ReleasePrograms& programs) {
   if (entry.normalised_path == kClientFileName) {
     return &programs.client;
   }
+  if (EqualIgnoringAsciiCase(entry.normalised_path, kLibraryFileName)) {
+    return &programs.library;
+  }
   return entry.normalised_path == kHelperFileName ? &programs.helper : nullptr;
 }
 
@@ -113,6 +116,8 @@ void CheckPrograms(const Manifest& manifest, const ReleasePrograms& programs, co
   };
   check(kClientFileName, programs.client, CheckClientProgram);
   check(kHelperFileName, programs.helper, CheckHelperProgram);
+  CheckClientLibrary(programs.client, FindManifestEntryIgnoringCase(manifest, kLibraryFileName),
+                     programs.library, findings);
 }
 
 std::set<std::wstring> DirectoriesOf(const Manifest& manifest) {

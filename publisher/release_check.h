@@ -17,13 +17,14 @@ namespace talvex {
 // Programs up to this size are read into memory to be checked; of a larger one only the digest is verified.
 inline constexpr std::uint32_t kMaxCheckedProgramSize = 268'435'456;  // bytes
 
-// The contents of the two programs, read while they were hashed. Empty: missing, or too large.
+// The contents of the programs, read while they were hashed. Empty: missing, or too large.
 struct ReleasePrograms {
   ByteBuffer client;
   ByteBuffer helper;
+  ByteBuffer library;  // the update library's DLL, if the client has it
 };
 
-// The buffer for the contents of `entry`; null unless it is one of the two programs and small enough.
+// The buffer for the contents of `entry`; null unless it is one of the programs and small enough.
 [[nodiscard]] ByteBuffer* BufferFor(const ManifestEntry& entry, ReleasePrograms& programs);
 
 // VerifyManagedFile for a program, whose bytes are kept: what is checked later is what was hashed here. A

@@ -196,6 +196,7 @@ UpdateChanges Comparison::CollectChanges(ReleaseComparison& result) {
   }
   if (changes.Empty()) {
     InstallSmallestFile(new_, changes);
+    result.download_size = changes.installs.front()->size;
   }
   return changes;
 }

@@ -14,10 +14,11 @@ namespace talvex {
 
 // An update from one release to another.
 struct ReleaseComparison {
-  std::size_t added = 0;            // files that only the new release has
-  std::size_t changed = 0;          // files whose contents differ
-  std::size_t retired = 0;          // files that only the old release has
-  std::uint64_t download_size = 0;  // bytes of the added and changed files
+  std::size_t added = 0;    // files that only the new release has
+  std::size_t changed = 0;  // files whose contents differ
+  std::size_t retired = 0;  // files that only the old release has
+  // Bytes of the added and changed files; without any, of the one that the client installs nevertheless.
+  std::uint64_t download_size = 0;
   UpdateSize size;
   UpdateSize worst_size;  // for a player who has damaged every file
 };

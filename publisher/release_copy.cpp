@@ -12,6 +12,7 @@
 #include "core/sha256.h"
 #include "core/whole_file.h"
 #include "formats/text_lines.h"
+#include "publisher/path_room.h"
 #include "publisher/progress.h"
 #include "storage/client_root.h"
 #include "storage/update_layout.h"
@@ -25,6 +26,8 @@ constexpr DWORD kPieceSize = 131'072;
 constexpr wchar_t kCreateFailed[] = L"Could not create a file of the release";
 constexpr wchar_t kReadFailed[] = L"Could not read the file";
 constexpr wchar_t kWriteFailed[] = L"Could not write a file of the release";
+constexpr wchar_t kTooLongToCopy[] =
+    L"The path of its copy would be too long. Name a directory with a shorter path for the release.";
 constexpr wchar_t kChanged[] = L"The file changed while it was being published.";
 
 // Invalid, with a message, when the file cannot be created; it must not exist yet.
@@ -58,10 +61,13 @@ class ReleaseCopy {
     entry.size = file.size;
     entry.normalised_path = file.normalised_path;
     const std::wstring relative_path = JoinPath(FilesDirectory(L""), entry.normalised_path);
+    const std::wstring copy = JoinPath(directory_, relative_path);
+    if (copy.size() > kMaxFullPath) {
+      return Refuse(error, kTooLongToCopy);
+    }
     if (!MakeParent(relative_path, error)) {
       return false;
     }
-    const std::wstring copy = JoinPath(directory_, relative_path);
     std::uint64_t size = 0;
     const OwnedHandle source = OpenFileForHashing(file.full_path, kManagedFileSizeLimit, size, error);
     if (!source.IsValid() || !CopyOpenFile(source.Get(), copy, BufferFor(entry, programs), entry, error)) {

@@ -18,6 +18,7 @@ namespace talvex {
 // them yet, and appends an entry for each to `draft`. `programs` receives the bytes of the two programs. A
 // failure leaves what was copied so far. Messages, after the file's path and ": ": those of
 // CreateUpdateDirectory, OpenFileForHashing, Sha256OfBuffer and WriteReleaseFile, and
+//   "The path of its copy would be too long. Name a directory with a shorter path for the release."
 //   "Could not read the file: " + Windows text
 //   "The file changed while it was being published."
 [[nodiscard]] bool CopyReleaseFiles(const ReleaseTree& tree, const std::wstring& directory, Manifest& draft,

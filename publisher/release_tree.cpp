@@ -28,21 +28,24 @@ constexpr wchar_t kHardLinks[] = L"has more than one hard link. Copy it, so that
 constexpr wchar_t kEmptyFile[] =
     L"is empty, and the updater cannot manage empty files. Leave it out, or write something into it.";
 constexpr wchar_t kTooLarge[] = L"is larger than 8 GiB. Divide it.";
-constexpr wchar_t kUnreadable[] = L"cannot be opened. Close the program that uses it.";
+constexpr wchar_t kUnreadable[] = L"cannot be opened";
+constexpr wchar_t kUnreadableRemedy[] = L" Close the program that uses it, or see to its rights.";
 constexpr wchar_t kTooLongToStage[] = L"is too long a path to be staged in any client directory. Shorten it.";
 constexpr wchar_t kSameButCase[] =
-    L"differs from another path only in the case of letters, and is the same file to Windows. Rename one.";
+    L"differs from another path only in the case of letters, and is the same to Windows. Rename one.";
 constexpr wchar_t kRename[] = L" Rename it.";
 constexpr wchar_t kListingFailed[] = L"Could not list ";
 
 // The reason why the file cannot be part of a release; empty when it can.
-std::wstring_view CheckFile(const std::wstring& full_path, std::uint64_t& size) {
+std::wstring CheckFile(const std::wstring& full_path, std::uint64_t& size) {
   const OwnedHandle file(CreateFileW(full_path.c_str(), FILE_READ_ATTRIBUTES,
                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                      OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   FileInformation information;
   if (!file.IsValid() || !GetFileInformation(file.Get(), information)) {
-    return kUnreadable;
+    UpdateError error;
+    SetWindowsError(error, kUnreadable, GetLastError());
+    return error.Message() + kUnreadableRemedy;
   }
   if ((information.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
     return kLink;
@@ -54,7 +57,7 @@ std::wstring_view CheckFile(const std::wstring& full_path, std::uint64_t& size) 
   if (size == 0) {
     return kEmptyFile;
   }
-  return size > kManagedFileSizeLimit ? kTooLarge : std::wstring_view();
+  return size > kManagedFileSizeLimit ? kTooLarge : std::wstring();
 }
 
 class TreeWalk {
@@ -98,6 +101,11 @@ class TreeWalk {
       findings_.AddError(path, reason.Message() + kRename);
       return true;
     }
+    // Happens when the tree is on a case-sensitive file system.
+    if (!folded_paths_.insert(FoldAsciiCase(path)).second) {
+      findings_.AddError(path, kSameButCase);
+      return true;
+    }
     if (listing.IsDirectory()) {
       return List(path, error);
     }
@@ -107,12 +115,10 @@ class TreeWalk {
     }
     file.full_path = JoinPath(root_, path);
     file.size = listing.Size();
-    if (const std::wstring_view reason_to_refuse =
-            check_ == FileCheck::kEachFile ? CheckFile(file.full_path, file.size) : std::wstring_view();
+    if (const std::wstring reason_to_refuse =
+            check_ == FileCheck::kEachFile ? CheckFile(file.full_path, file.size) : std::wstring();
         !reason_to_refuse.empty()) {
       findings_.AddError(path, reason_to_refuse);
-    } else if (!folded_paths_.insert(FoldAsciiCase(path)).second) {
-      findings_.AddError(path, kSameButCase);  // happens when the tree is on a case-sensitive file system
     } else {
       tree_.files.push_back(std::move(file));
     }

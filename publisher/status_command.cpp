@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "core/owned_handle.h"
 #include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "formats/failure_marker.h"
@@ -40,6 +41,9 @@ constexpr wchar_t kStage[] = L"is left of an update that was not finished. The n
 constexpr wchar_t kUnfinishedRepair[] =
     L"says that files were found damaged, and have not been found whole since. Start the client: it looks "
     L"again, and an update repairs them.";
+constexpr wchar_t kAttempts[] =
+    L"counts installations that have not succeeded, or not been confirmed. After the third one, the client "
+    L"waits longer and longer before it tries that release again.";
 constexpr wchar_t kInUse[] =
     L"is held by a client or helper that is running, and may be changing what was looked at. "
     L"Close the game first.";
@@ -101,6 +105,16 @@ void CheckForStages(const std::wstring& root, Findings& findings) {
   }
 }
 
+// Whether a program has the lock file at `path` open. What a power cut has left is free, and goes away at the
+// client's next start.
+bool IsHeld(const std::wstring& path) {
+  return MayExist(path) &&
+         !OwnedHandle(CreateFileW(path.c_str(), GENERIC_READ,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                  OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr))
+              .IsValid();
+}
+
 void CheckForUnsettledWork(const std::wstring& root, Findings& findings) {
   const std::wstring journal_path = RollbackJournalPath(PreviousDirectory(root));
   if (MayExist(journal_path)) {
@@ -117,11 +131,14 @@ void CheckForUnsettledWork(const std::wstring& root, Findings& findings) {
   const struct {
     std::wstring name;
     const wchar_t* meaning;
-  } notes[] = {{DamagedNotePath(L""), kUnfinishedRepair}, {LockPath(L""), kInUse}};
+  } notes[] = {{DamagedNotePath(L""), kUnfinishedRepair}, {AttemptsPath(L""), kAttempts}};
   for (const auto& note : notes) {
     if (MayExist(JoinPath(root, note.name))) {
       findings.AddWarning(note.name, note.meaning);
     }
+  }
+  if (IsHeld(LockPath(root))) {
+    findings.AddWarning(LockPath(L""), kInUse);
   }
 }
 

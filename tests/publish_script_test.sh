@@ -17,20 +17,41 @@ nothing_is_left() {
   test -z "$(find "$TMPDIR" -name 'tmp.*')" && test ! -e "$work/out" && test -z "$(find "$work" -name 'out.*')"
 }
 is_whole() {
-  cmp "$work/my client/data/1" "$work/first/files/data/1" &&
+  test "$(cat "$work/first/files/data/1")" = 1 && test "$(cat "$work/my client/data/1")" = exchanged &&
     openssl dgst -sha256 -verify "$build/development-key/public.pem" -signature "$work/first/manifest.sig" \
       "$work/first/manifest.txt"
+}
+
+# In place of openssl, where it is about to sign: exchanges what others can reach, as somebody who waits for that
+# moment would, and notes that it signed.
+cat > "$work/openssl" << 'END'
+#!/bin/sh
+case " $* " in
+  *" -sign "*)
+    echo signed >> "$SIGNED"
+    echo exchanged > "$CLIENT/data/1"
+    for manifest in "$CLIENT/../manifest.txt" "$CLIENT/manifest.txt"; do echo exchanged > "$manifest"; done
+    ;;
+esac
+exec "$OPENSSL" "$@"
+END
+chmod +x "$work/openssl"
+OPENSSL=$(command -v openssl)
+export OPENSSL CLIENT="$work/my client" SIGNED="$work/signed" PATH="$work:$PATH"
+never_signed() {
+  test "$(wc -l < "$SIGNED")" = 1
 }
 
 mkdir -p "$TMPDIR" "$work/my client/data"
 cp "$build/Talvex.exe" "$build/TalvexUpdateHelper.exe" "$work/my client"
 echo 1 > "$work/my client/data/1"
 check "a release is published" publish "$work/first" --sequence 5
-check "it is whole and signed" is_whole
+check "it is whole and signed, although the client was exchanged before the key signed" is_whole
+rm "$work/my client/manifest.txt"
 check "a release is never written over" refuses "first exists already" publish "$work/first" --sequence 6
 check "nor written into the client" refuses "lies inside the client" publish "$work/my client/out" --sequence 6
 check "an option that it does not know is refused" refuses "publish.sh CLIENT_DIR" publish "$work/out" --sequenze 2
-check "a number that was used is refused before the key signs" refuses "older release. The update was rejected." \
+check "a number that was used is refused" refuses "older release. The update was rejected." \
   publish "$work/out" --sequence 4 --old "$work/first"
 check "an older release that is not there is refused" refuses "No such file" \
   publish "$work/out" --sequence 6 --old "$work/missing"
@@ -41,7 +62,13 @@ check "a public key of another pair is refused" refuses "Helper.exe: trusts anot
 ln -s /etc/hostname "$work/my client/data/link"
 check "a link is refused" refuses "cannot hold symbolic links: ./data/link" publish "$work/out" --sequence 6
 rm "$work/my client/data/link"
+mkdir -p "$work/my client/Data"
+echo 2 > "$work/my client/Data/2"
+check "directories that are the same to Windows are refused" refuses "only in the case of letters" \
+  publish "$work/out" --sequence 6
+rm -r "$work/my client/Data"
 check "nothing is left of what was refused" nothing_is_left
+check "the key has signed none of it" never_signed
 check "the next release is compared with each older one" publish "$work/out" --sequence 6 --release 1.1 \
   --old "$work/first" --old "$work/first"
 finish_checks

@@ -7,32 +7,18 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "core/regular_file.h"
 #include "core/text_encoding.h"
-#include "tests/support/helper_run.h"
+#include "tests/support/publisher_run.h"
 #include "tests/support/scratch_directory.h"
 #include "tests/support/test_release.h"
 
 namespace talvex::test {
 namespace {
-
-using Words = std::vector<std::wstring>;
-using Files = std::map<std::string, std::string>;  // path -> contents; in an edit, "" removes the file
-
-const std::wstring kKey = BuiltProgram(L"development-key\\public.pem");
-const std::wstring kOtherKey = BuiltProgram(L"fixtures\\other-key\\public.pem");
-const std::wstring kSigningKey = L"development-key";
-const std::wstring kOtherSigningKey = L"fixtures\\other-key";
-const std::string kClientName = "Talvex.exe";
-const std::string kHelperName = "TalvexUpdateHelper.exe";
-const std::string kClient = ReadTestFile(BuiltProgram(L"Talvex.exe"));
-const std::string kHelper = ReadTestFile(BuiltProgram(L"TalvexUpdateHelper.exe"));
-const std::string kX(1'500'000, 'x');
 
 // The modulus of a key as a CNG blob holds it, big-endian: 384 bytes, which the private blob has
 // little-endian.
@@ -49,7 +35,12 @@ std::string Replaced(std::string text, std::string_view old_text, std::string_vi
 
 // A program with the other key in place of its own.
 std::string TrustingOther(const std::string& program) {
-  return Replaced(program, ModulusOf(kSigningKey), ModulusOf(kOtherSigningKey));
+  return Replaced(program, ModulusOf(kDevelopmentKey), ModulusOf(kOtherKey));
+}
+
+// The blob of a key in a program that trusts it: its header and exponent, and the modulus.
+std::string BlobOf(const std::string& program, const std::wstring& key_folder) {
+  return program.substr(program.find(ModulusOf(key_folder)) - 27, 411);
 }
 
 // What both programs of the build say, in words of the same length.
@@ -58,13 +49,14 @@ std::string WithoutLevel(const std::string& program) {
 }
 
 // The client holds its key as PEM text.
-const std::string kOtherClient = Replaced(kClient, ReadTestFile(kKey), ReadTestFile(kOtherKey));
+const std::string kOtherClient = Replaced(kClient, ReadTestFile(kKeyFile), ReadTestFile(kOtherKeyFile));
+const std::string kClientOfDll = ReadTestFile(BuiltProgram(L"TalvexSettle.exe"));
+const std::string kDll = ReadTestFile(BuiltProgram(L"TalvexUpdate.dll"));
+constexpr std::string_view kX86 = {"PE\0\0\x4c\x01", 6};
+constexpr std::string_view kX64 = {"PE\0\0\x64\x86", 6};
+const Words kUnchecked = {L"--allow-development", L"--client-key-elsewhere", L"--allow-warnings"};
 const Words kDevelopment = {L"--allow-development"};
-const Words kBothKeys = {L"--allow-development", L"--client-key", kOtherKey};
-
-TestRelease GoodRelease() {
-  return {"2.0", 20, {{kClientName, kClient}, {kHelperName, kHelper}, {"data/X.bin", kX}}};
-}
+const Words kBothKeys = {L"--allow-development", L"--client-key", kOtherKeyFile};
 
 void Edit(Files& files, const Files& edits) {
   for (const auto& [path, contents] : edits) {
@@ -85,36 +77,6 @@ Files LongPaths(int first, int count, std::size_t length) {
   return files;
 }
 
-class Publisher : public testing::Test {
- protected:
-  // Runs the program, expects its exit code and each of the texts, and returns all that it says.
-  static std::string Publish(const Words& words, DWORD exit_code, const std::vector<std::string>& texts) {
-    const HelperResult result = RunHelper(BuiltProgram(L"TalvexPublish.exe"), words, {});
-    EXPECT_EQ(result.exit_code, exit_code) << result.console;
-    for (const std::string& text : texts) {
-      EXPECT_NE(result.console.find(text), std::string::npos) << "not said: " << text << "\n"
-                                                              << result.console;
-    }
-    return result.console;
-  }
-  [[nodiscard]] Words ReleaseWords() const {
-    return {L"release", client, L"--out", out, L"--name", L"2.0-beta", L"--sequence", L"12", L"--key", kKey};
-  }
-  // Puts a signed manifest where a web server would have it, and files beside it.
-  static void Write(const TestRelease& release, const Files& files, const std::wstring& directory,
-                    const std::wstring& signing_key = kSigningKey) {
-    WriteTestFile(directory + L"\\manifest.txt", release.ManifestText());
-    WriteTestFile(directory + L"\\manifest.sig", SignWithKey(release.ManifestText(), signing_key));
-    for (const auto& [path, contents] : files) {
-      WriteTestFile(directory + L"\\files\\" + Utf8ToWide(path), contents);
-    }
-  }
-
-  ScratchDirectory scratch;
-  std::wstring client = scratch / L"client";
-  std::wstring out = scratch / L"out";
-};
-
 TEST_F(Publisher, MakesAndFinishesAReleaseWithoutTheUpdatersOwnFiles) {
   TestRelease release = GoodRelease();
   release.name = "2.0-beta";
@@ -132,10 +94,10 @@ TEST_F(Publisher, MakesAndFinishesAReleaseWithoutTheUpdatersOwnFiles) {
       words, 0,
       {"Made release=2.0-beta sequence=12 files=5", "manifest-sha256 " + HexDigestOf(release.ManifestText()),
        "Left out, as it is the updater's own: .talvex-update-cache"});
-  WriteTestFile(scratch / L"wrong.sig", SignWithKey(release.ManifestText(), kOtherSigningKey));
+  WriteTestFile(scratch / L"wrong.sig", SignWithKey(release.ManifestText(), kOtherKey));
   WriteTestFile(scratch / L"right.sig", release.Signature());
   const auto finish = [&](std::wstring_view signature, const std::string& text, DWORD exit_code) {
-    Publish({L"finish", out, L"--signature", scratch / signature, L"--key", kKey, L"--allow-development"},
+    Publish({L"finish", out, L"--signature", scratch / signature, L"--key", kKeyFile, L"--allow-development"},
             exit_code, {text});
   };
   finish(L"wrong.sig", "The update manifest signature is invalid.", 1);
@@ -194,26 +156,44 @@ const Mistake kMistakes[] = {
     {"Talvex.exe.manifest: is a manifest that Windows may obey", {{"talvex.exe.manifest", "1"}}},
     {"Helper.exe.manifest: is a manifest that", {{"TalvexUpdateHelper.exe.manifest", "1"}}},
     {"Helper.exe: trusts another key", {{kHelperName, TrustingOther(kHelper)}}},
-    {"Helper.exe: holds more than one key",
-     {{kHelperName, kHelper + kHelper.substr(kHelper.find(ModulusOf(kSigningKey)) - 27, 411)}}},
+    {"Helper.exe: holds more than one key", {{kHelperName, kHelper + BlobOf(kHelper, kDevelopmentKey)}}},
+    {"Helper.exe: is not the update helper", {{kHelperName, kClient}}},
+    {"Talvex.exe: is the update helper under another name", {{kClientName, kHelper}}},
+    {"TalvexUpdate.dll: is missing from the top of the release",
+     {{kClientName, kClientOfDll}},
+     {},
+     kUnchecked},
+    {"OK", {{kClientName, kClientOfDll}, {"TalvexUpdate.dll", kDll}}, {}, kUnchecked},
+    {"TalvexUpdate.dll: is not a DLL for the same kind of processor",
+     {{kClientName, kClientOfDll}, {"TalvexUpdate.dll", Replaced(kDll, kX86, kX64)}},
+     {},
+     kUnchecked},
     {"Talvex.exe: does not hold the key", {{kClientName, kOtherClient}}},
     {"OK", {{kClientName, kOtherClient}}, {}, {L"--allow-development", L"--client-key-elsewhere"}},
-    {"OK", {{kClientName, kOtherClient + ReadTestFile(kKey)}}},
-    {"Talvex.exe: does not hold the key", {{kClientName, kOtherClient + ReadTestFile(kOtherKey)}}},
-    {"OK", {{kClientName, kClient + ReadTestFile(kOtherKey)}}, {}, kBothKeys},
+    {"OK", {{kClientName, kOtherClient + ReadTestFile(kKeyFile)}}, {}, kBothKeys},
+    {"warning: Talvex.exe: holds another public key, with the blob-sha256 ",
+     {{kClientName, kClient + ReadTestFile(kOtherKeyFile)}}},
+    {"warning: Talvex.exe: holds another public key, with the blob-sha256 ",
+     {{kClientName, kClient + BlobOf(TrustingOther(kHelper), kOtherKey)}}},
+    {"Talvex.exe: does not hold the key", {{kClientName, kOtherClient + ReadTestFile(kOtherKeyFile)}}},
+    {"OK", {{kClientName, kClient + ReadTestFile(kOtherKeyFile)}}, {}, kBothKeys},
     {"Talvex.exe: could follow no release that is signed with the other key", {}, {}, kBothKeys},
     {"public.pem: is the key that signs the release.",
      {},
      {},
-     {L"--allow-development", L"--client-key", kKey}},
+     {L"--allow-development", L"--client-key", kKeyFile}},
     {"Talvex.exe: asks for elevation", {{kClientName, Replaced(kClient, "asInvoker", "highestAv")}}},
+    {"Talvex.exe: asks for elevation",
+     {{kClientName, Replaced(kClient, "asInvoker\" uiAccess=\"false\"", "asInvoker\" uiAccess=\"true\" ")}}},
+    {"Talvex.exe: has a manifest that is cut short",
+     {{kClientName, Replaced(kClient, "</assembly>", "</assemblX>")}}},
     {"Helper.exe: has no requestedExecutionLevel and a", {{kHelperName, WithoutLevel(kHelper)}}},
     {"Helper.exe: has no requestedExecutionLevel and a",
      {{kHelperName, Replaced(kHelper, "<requestedExecutionLevel", "<!-- requestedExecutionL")}}},
     {"warning: Talvex.exe: has no requestedExecutionLevel, so", {{kClientName, WithoutLevel(kClient)}}},
     {"OK", {{kClientName, WithoutLevel(kClient)}}, {}, {L"--allow-development", L"--allow-warnings"}},
-    {"Helper.exe: is not a 32-bit program (x86)",
-     {{kHelperName, Replaced(kHelper, {"PE\0\0\x4c\x01", 6}, {"PE\0\0\x64\x86", 6})}}},
+    {"Helper.exe: is not a 32-bit program (x86)", {{kHelperName, Replaced(kHelper, kX86, kX64)}}},
+    {"Talvex.exe: is not a program", {{kClientName, Replaced(kClient, kX86, {"PE\0\0\xc0\x01", 6})}}},
     {"Talvex.exe: is not a program", {{kClientName, kClient.substr(0, kClient.size() / 2)}}},
     {"TalvexUpdateHelper.exe: is not a program that Windows can start", {{kHelperName, "MZ"}}},
     {"Talvex.exe: is missing from the top of the release.", {{kClientName, ""}}},
@@ -223,7 +203,7 @@ const Mistake kMistakes[] = {
     {"warning: sequence 9223372036854775808: leaves few", {}, {}, kDevelopment, 1ull << 63},
     {"Data: is the path of a file and of a directory.", {{"Data", "cannot be"}}, {{"Data", ""}}},
     {"warning: 42 characters are all", {{std::string(99, 'a') + "/" + std::string(30, 'b'), "1"}}},
-    {"manifest signature is invalid. Name the public half", {}, {}, {L"--key", kOtherKey}},
+    {"manifest signature is invalid. Name the public half", {}, {}, {L"--key", kOtherKeyFile}},
     {"data\\y.bin: is not in the manifest", {}, {{"data/y.bin", "1"}}},
     {"TalvexUpdateState.dat: is not in the manifest", {}, {{"TalvexUpdateState.dat", "1"}}},
     {R"(,"ok":false,"findings":[{"severity":"error","subject":"\u00e4.txt","message":")",
@@ -247,7 +227,7 @@ TEST_F(Publisher, VerifiesThatPlayersCanLiveWithARelease) {
     Write(release, files, directory);
     Words words = {L"verify", directory};
     if (mistake.options.empty() || mistake.options[0] != L"--key") {
-      words.insert(words.end(), {L"--key", kKey});
+      words.insert(words.end(), {L"--key", kKeyFile});
     }
     words.insert(words.end(), mistake.options.begin(), mistake.options.end());
     Publish(words, mistake.sentence.starts_with("OK") ? 0 : 1, {mistake.sentence});
@@ -261,7 +241,7 @@ struct Step {
   std::string new_name = "2.0";
   std::string old_name = "1.9";
   std::uint64_t sequence = 20;
-  std::wstring old_signing_key = kSigningKey;
+  std::wstring old_signing_key = kDevelopmentKey;
 };
 
 const Step kSteps[] = {
@@ -290,9 +270,15 @@ const Step kSteps[] = {
      "2.0",
      "1.9",
      20,
-     kOtherSigningKey},
-    {"1.9: old.txt: in the old release, but not in the new one.", {}, {}, "2.0", "1.9", 20, kOtherSigningKey},
-    {"OK release=2.0", {{"old.txt", "carried"}}, {}, "2.0", "1.9", 20, kOtherSigningKey},
+     kOtherKey},
+    {"1.9: old.txt: in the old release, but not in the new one.", {}, {}, "2.0", "1.9", 20, kOtherKey},
+    {"OK release=2.0", {{"old.txt", "carried"}}, {}, "2.0", "1.9", 20, kOtherKey},
+    {"old: has a client that holds the key with the blob-sha256",
+     {},
+     {{kClientName, kClient + ReadTestFile(kOtherKeyFile)}}},
+    {"OK",
+     {{kClientName, kClient + ReadTestFile(kOtherKeyFile)}},
+     {{kClientName, ReadTestFile(kOtherKeyFile) + kClient}}},
 };
 
 TEST_F(Publisher, NamesWhatKeepsPlayersFromUpdating) {
@@ -308,11 +294,12 @@ TEST_F(Publisher, NamesWhatKeepsPlayersFromUpdating) {
     old_release.sequence = 19;
     old_release.files["old.txt"] = "1";
     Edit(old_release.files, step.old_edits);
-    Write(new_release, {}, directory + L"new");
+    Write(new_release, {{kClientName, new_release.files[kClientName]}}, directory + L"new");
     Write(old_release, {{kClientName, old_release.files[kClientName]}}, directory + L"old",
           step.old_signing_key);
-    Publish({L"compare", directory + L"new", L"--old-key", kOtherKey, directory + L"old", L"--key", kKey},
-            step.sentence.starts_with("OK") ? 0 : 1, {step.sentence});
+    Publish(
+        {L"compare", directory + L"new", L"--old-key", kOtherKeyFile, directory + L"old", L"--key", kKeyFile},
+        step.sentence.starts_with("OK") ? 0 : 1, {step.sentence});
   }
 }
 
@@ -328,13 +315,13 @@ TEST_F(Publisher, ComparesBeforeTheKeySigns) {
   Write(old_release, {}, scratch / L"older");
   Write(GoodRelease(), {}, out);
   DeleteFileW((out + L"\\manifest.sig").c_str());
-  Words words = {L"compare", out, scratch / L"old", scratch / L"older", L"--key", kKey};
+  Words words = {L"compare", out, scratch / L"old", scratch / L"older", L"--key", kKeyFile};
   const std::string said = Publish(words, 1, {"Could not open file: ", "With --unsigned, the new"});
   EXPECT_EQ(said.find("Name the public half"), std::string::npos) << "the key is not what is wrong";
   words.push_back(L"--unsigned");
-  Publish(
-      words, 0,
-      {"OK release=2.0 sequence=20 files=3 (not signed yet)\r\nfrom release=1.9", "\r\nfrom release=1.8"});
+  Publish(words, 0,
+          {"OK release=2.0 sequence=20 files=3 (not signed yet)\r\nfrom release=1.9",
+           "new=0 changed=0 retired=0 download=" + std::to_string(kHelper.size()), "\r\nfrom release=1.8"});
   words.push_back(L"--json");
   Publish(words, 0,
           {R"({"command":"compare","release":"2.0","sequence":"20","manifestSha256":")" +
@@ -346,86 +333,6 @@ TEST_F(Publisher, ComparesBeforeTheKeySigns) {
   words.pop_back();
   WriteTestFile(scratch / L"old\\manifest.sig", "no signature");
   Publish(words, 1, {"If it was signed with an earlier key, name"});
-}
-
-TEST_F(Publisher, TellsTheStatusOfAClientDirectory) {
-  const TestRelease release = GoodRelease();
-  InstallTestRelease(release, client);
-  const Words words = {L"status", client, L"--key", kKey};
-  Publish(words, 0, {"Installed release=2.0 sequence=20 files=3", "OK: every file is that of the release"});
-  WriteTestFile(client + L"\\data\\X.bin", "edited");
-  DeleteFileW((client + L"\\Talvex.exe").c_str());
-  WriteTestFile(client + L"\\.talvex-update\\previous\\rollback.journal", "cut");
-  MakeTestDirectory(client + L"\\.talvex-update\\stage");
-  WriteTestFile(client + L"\\TalvexUpdateFailure.dat", HexDigestOf("failed") + "\n");
-  WriteTestFile(client + L"\\.talvex-update~damaged", "");
-  Publish(
-      words, 1,
-      {"data\\X.bin: is not the file of the installed release.", "Talvex.exe: is missing.",
-       "previous\\rollback.journal: The update rollback journal has an invalid encoding. The update cannot",
-       ".talvex-update\\stage: is left of an update", ".talvex-update~damaged: says that files",
-       "the release with manifest-sha256 " + HexDigestOf("failed")});
-  Publish(
-      {L"status", client, L"--key", kKey, L"--json"}, 1,
-      {R"({"command":"status","release":"2.0","sequence":"20",)",
-       R"(,"failedManifestSha256":")" + HexDigestOf("failed") + R"(","ok":false,"findings":[{"severity":")",
-       R"({"severity":"error","subject":"Talvex.exe","message":"is missing.)"});
-  WriteTestFile(client + L"\\.talvex-update-cache\\manifest.sig", "no signature");
-  Publish(words, 1,
-          {".talvex-update-cache: The update key or signature does not use RSA-3072. No installed",
-           "name the public half of that one with --key."});
-  DeleteFileW((client + L"\\TalvexUpdateState.dat").c_str());
-  Publish(words, 1, {"TalvexUpdateState.dat: is missing: no update was ever finished here."});
-  const std::wstring other = scratch / L"other";
-  InstallTestRelease(release, other);
-  WriteTestFile(other + L"\\.talvex-update", "no directory");
-  Publish({L"status", other, L"--key", kKey}, 1, {".talvex-update: Could not list the directory"});
-}
-
-TEST_F(Publisher, ExportsThePublicKeyAndNoOther) {
-  Publish({L"key", kKey, L"--out", out}, 1, {"does not exist. Make this directory first."});
-  MakeTestDirectory(out);
-  Publish({L"key", kKey, L"--out", out}, 0, {"blob-sha256 "});
-  EXPECT_EQ(ReadTestFile(out + L"\\publisher_key.pem"), ReadTestFile(kKey));
-  EXPECT_NE(
-      ReadTestFile(out + L"\\publisher_key.h").find("[411] = {\n    0x52, 0x53, 0x41, 0x31, 0x00, 0x0c,"),
-      std::string::npos);
-  Publish({L"key", kKey, L"--out", out}, 1, {"publisher_key.pem: exists already."});
-  const struct {
-    std::wstring file;
-    std::string says;
-  } cases[] = {{L"fixtures\\short-public.pem", "does not have 3072 bits and the exponent 65537."},
-               {L"fixtures\\curve-public.pem", "The public key is not an RSA key."},
-               {L"development-key\\private.pem", "The file holds a private key."},
-               {L"fixtures\\message.txt", "The file does not hold one public key in PEM form."},
-               {L"missing.pem", "Could not open file: "}};
-  for (const auto& c : cases) {
-    Publish({L"key", BuiltProgram(c.file), L"--out", out}, 1, {c.says});
-  }
-}
-
-TEST_F(Publisher, TellsWhatIsWrongWithACommandLine) {
-  const struct {
-    Words words;
-    std::string says;
-    DWORD exit_code = 2;
-  } cases[] = {
-      {{}, "A subcommand is required"},
-      {{L"publish"}, "There is no such command or option: publish"},
-      {{L"verify", out}, "--key is required"},
-      {{L"verify", out, L"--kee", kKey}, "There is no such command or option: --kee"},
-      {{L"verify", L"/srv/release", L"--key", kKey}, "/srv/release: ", 1},
-      {{L"release", client, L"--out", out, L"--key", kKey, L"--sequence=0", L"--name=1"},
-       "--sequence: needs a"},
-      {{L"release", client, L"--out", out, L"--key", kKey, L"--sequence=1", L"--name=1."},
-       "--name: needs 1 to 64"},
-      {{L"--version"}, "1.0.0", 0},
-      {{L"-h"}, "Usage: TalvexPublish.exe [OPTIONS] SUBCOMMAND", 0},
-      {{L"release", L"--help"}, "--sequence", 0},
-  };
-  for (const auto& c : cases) {
-    Publish(c.words, c.exit_code, {c.says});
-  }
 }
 
 }  // namespace
