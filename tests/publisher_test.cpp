@@ -184,7 +184,7 @@ const Mistake kMistakes[] = {
      {L"--allow-development", L"--client-key", kKeyFile}},
     {"Talvex.exe: asks for elevation", {{kClientName, Replaced(kClient, "asInvoker", "highestAv")}}},
     {"Talvex.exe: asks for elevation",
-     {{kClientName, Replaced(kClient, "asInvoker\" uiAccess=\"false\"", "asInvoker\" uiAccess=\"true\" ")}}},
+     {{kClientName, Replaced(kClient, R"(uiAccess="false")", R"(uiAccess="true" )")}}},
     {"Talvex.exe: has a manifest that is cut short",
      {{kClientName, Replaced(kClient, "</assembly>", "</assemblX>")}}},
     {"Helper.exe: has no requestedExecutionLevel and a", {{kHelperName, WithoutLevel(kHelper)}}},
