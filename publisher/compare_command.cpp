@@ -37,7 +37,7 @@ constexpr wchar_t kClientUnreadable[] =
 constexpr wchar_t kLosesKey[] = L"has a client that holds the key with the blob-sha256 ";
 constexpr wchar_t kLosesKeyRemedy[] =
     L", and the new release's does not: players who take it can never follow a release that is signed with "
-    L"that key. Build the new client with it as well, unless that is meant.";
+    L"that key. Build the new client with it as well, or, if it is meant, allow it with --allow-warnings.";
 
 // What is known about one older release.
 struct OldRelease {

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <iterator>
+#include <new>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -208,7 +209,7 @@ class CommandLine {
     command
         ->add_option_function<std::vector<std::string>>(
             "OLD", Into(compare_.old_releases),
-            "Directories of older releases, of all that were ever published")
+            "Directories of older releases: of all since the last change of keys")
         ->required();
     AddKey(command, compare_.common);
     AddFiles(command, "--old-key", compare_.old_keys, "Public key that signed some of the older releases");
@@ -269,5 +270,11 @@ int main() {
   talvex::RestrictDllSearch();
   int count = 0;
   const talvex::ArgumentVector words(CommandLineToArgvW(GetCommandLineW(), &count));
-  return words == nullptr ? talvex::kCommandMisused : talvex::RunPublisher(count, words.get());
+  // Caught, so that an unfinished release is removed on the way out.
+  try {
+    return words == nullptr ? talvex::kCommandMisused : talvex::RunPublisher(count, words.get());
+  } catch (const std::bad_alloc&) {
+    talvex::WriteLine(talvex::Stream::kError, L"error: There is not enough memory.");
+    return talvex::kCommandRefused;
+  }
 }

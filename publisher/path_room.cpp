@@ -9,8 +9,6 @@
 namespace talvex {
 namespace {
 
-// Windows' limit for the full path of a directory, which leaves room for a short file name.
-constexpr std::size_t kMaxFullDirectoryPath = 247;
 constexpr std::size_t kMinClientDirectory = 4;  // "C:\a"; a drive root is not allowed
 
 // The longest client directory in which a file with this relative path can be staged; 0 when there is none.

@@ -11,8 +11,9 @@
 
 namespace talvex {
 
-// Windows' limit for the full path of a file.
+// Windows' limits for the full path of a file, and of a directory, which leave room for a short file name.
 inline constexpr std::size_t kMaxFullPath = 259;
+inline constexpr std::size_t kMaxFullDirectoryPath = 247;
 
 // The longest path of a client directory, in characters, in which every file of `manifest` can be staged; 0
 // when there is none.

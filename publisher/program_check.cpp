@@ -38,8 +38,7 @@ constexpr wchar_t kNotHelper[] =
     L"there.";
 constexpr wchar_t kIsHelper[] = L"is the update helper under another name. Put the game's own client there.";
 constexpr wchar_t kUnreadableManifest[] =
-    L"has a manifest that is cut short, no XML, or not in UTF-8, so Windows may refuse to start it. Correct "
-    L"the manifest.";
+    L"has a manifest that is cut short or no XML, so Windows may refuse to start it. Correct the manifest.";
 constexpr wchar_t kAsksForElevation[] =
     L"asks for elevation or uiAccess, so neither the helper nor the client could start it. Set the "
     L"requestedExecutionLevel in its manifest to asInvoker, and uiAccess to false.";
@@ -65,8 +64,8 @@ constexpr wchar_t kClientLacksOtherKey[] =
     L"could follow no release that is signed with the other key, because it does not hold ";
 constexpr wchar_t kHoldsForeignKey[] = L"holds another public key, with the blob-sha256 ";
 constexpr wchar_t kForeignKeyRemedy[] =
-    L": whoever has its private half can publish for this client. Build it without that key, or name it with "
-    L"--client-key.";
+    L": if it is given to the update library, whoever has its private half can publish for this client. "
+    L"Build it without that key, name it with --client-key, or allow it with --allow-warnings.";
 
 constexpr wchar_t kNoLibrary[] =
     L"is missing from the top of the release, and without it Windows does not start Talvex.exe. Put it "
@@ -86,70 +85,92 @@ std::string WithoutComments(std::string_view xml) {
   return text.append(xml);
 }
 
-// The value of the attribute `name` of the manifest's requestedExecutionLevel; empty when there is none.
-std::string LevelAttribute(std::string_view manifest, std::string_view name) {
+// The value of the attribute `name` of an XML element; empty when there is none.
+std::string_view AttributeOf(std::string_view element, std::string_view name) {
   constexpr std::string_view kBlank = " \t\r\n";
-  const std::string text = WithoutComments(manifest);
-  std::size_t at = text.find("requestedExecutionLevel");
-  const std::size_t end = text.find('>', at);
-  for (at = text.find(name, at); at < end; at = text.find(name, at + 1)) {
-    std::size_t value = text.find_first_not_of(kBlank, at + name.size());
-    if (value == std::string::npos || text[value] != '=') {
+  for (std::size_t at = element.find(name); at != std::string_view::npos; at = element.find(name, at + 1)) {
+    std::size_t value = element.find_first_not_of(kBlank, at + name.size());
+    if (value == std::string_view::npos || element[value] != '=') {
       continue;
     }
-    value = text.find_first_not_of(kBlank, value + 1);
-    if (value != std::string::npos && (text[value] == '"' || text[value] == '\'')) {
-      return text.substr(value + 1, text.find(text[value], value + 1) - value - 1);
+    value = element.find_first_not_of(kBlank, value + 1);
+    if (value != std::string_view::npos && (element[value] == '"' || element[value] == '\'')) {
+      return element.substr(value + 1, element.find(element[value], value + 1) - value - 1);
     }
   }
   return {};
 }
 
-// Whether this looks like a manifest that Windows can read: whole, and not in UTF-16, which it would read as
-// well but the checks here would not.
-bool IsReadable(std::string_view manifest) {
-  return manifest.find('\0') == std::string_view::npos &&
-         WithoutComments(manifest).find("assembly>") != std::string::npos;
+// What the elements requestedExecutionLevel of a manifest ask for.
+struct RequestedLevel {
+  bool is_named = false;
+  bool is_higher = false;  // than the rights that a program is started with
+};
+
+RequestedLevel RequestedLevelIn(std::string_view manifest) {
+  constexpr std::string_view kElement = "requestedExecutionLevel";
+  RequestedLevel requested;
+  for (std::size_t at = manifest.find(kElement); at != std::string_view::npos;
+       at = manifest.find(kElement, at + 1)) {
+    const std::string_view element = manifest.substr(at, manifest.find('>', at) - at);
+    const std::string_view level = AttributeOf(element, "level");
+    const std::string_view access = AttributeOf(element, "uiAccess");
+    requested.is_named |= !level.empty();
+    requested.is_higher |= (!level.empty() && level != "asInvoker") ||
+                           (!access.empty() && FoldAsciiCase(Utf8ToWide(access)) != L"false");
+  }
+  return requested;
 }
 
-// The UTF-16 text in a version resource, in lower case; binary fields give arbitrary characters.
-std::wstring LowerCaseText(std::span<const std::byte> resource) {
+// The UTF-16 text in `bytes`; binary fields of a resource give arbitrary characters.
+std::wstring Utf16Text(std::span<const std::byte> bytes) {
   std::wstring text;
-  for (std::size_t i = 0; i + 1 < resource.size(); i += 2) {
-    text += static_cast<wchar_t>(std::to_integer<unsigned>(resource[i]) |
-                                 std::to_integer<unsigned>(resource[i + 1]) << 8);
+  for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
+    text += static_cast<wchar_t>(std::to_integer<unsigned>(bytes[i]) | std::to_integer<unsigned>(bytes[i + 1])
+                                                                           << 8);
   }
-  return FoldAsciiCase(text);
+  return text;
+}
+
+// The text of a manifest, which is in UTF-8 or UTF-16, without its comments and what follows it; empty when
+// its end is missing.
+std::string ManifestText(std::span<const std::byte> resource) {
+  constexpr std::wstring_view kByteOrderMark = L"\xfeff";
+  const std::wstring wide = Utf16Text(resource);
+  std::string text =
+      WithoutComments(wide.starts_with(kByteOrderMark) ? WideToUtf8(wide) : std::string(AsText(resource)));
+  text.erase(text.find_last_not_of(std::string_view(" \t\r\n\0", 5)) + 1);
+  const std::size_t last_tag = text.rfind("</");
+  const bool is_whole = text.ends_with('>') && last_tag != std::string::npos &&
+                        text.find("assembly", last_tag) != std::string::npos;
+  return is_whole ? text : std::string();
 }
 
 // The text of a program's version resource, in lower case.
 std::wstring VersionText(const ProgramImage& image) {
   std::wstring text;
   for (const std::span<const std::byte> resource : image.Resources(kVersionType, kProgramId)) {
-    text += LowerCaseText(resource);
+    text += Utf16Text(resource);
   }
-  return text;
+  return FoldAsciiCase(text);
 }
 
 void CheckElevation(std::wstring_view subject, const ProgramImage& image, Findings& findings) {
-  bool has_level = false;
+  const auto manifests = image.Resources(kManifestType, kProgramId);
+  bool has_level = !manifests.empty();
   // One for each language, of which Windows takes that of the player.
-  for (const std::span<const std::byte> resource : image.Resources(kManifestType, kProgramId)) {
-    const std::string_view manifest = AsText(resource);
-    if (!IsReadable(manifest)) {
+  for (const std::span<const std::byte> manifest : manifests) {
+    const std::string text = ManifestText(manifest);
+    if (text.empty()) {
       findings.AddError(subject, kUnreadableManifest);
       return;
     }
-    const std::string level = LevelAttribute(manifest, "level");
-    const std::string access = LevelAttribute(manifest, "uiAccess");
-    if ((!level.empty() && level != "asInvoker") || (!access.empty() && access != "false")) {
+    const RequestedLevel requested = RequestedLevelIn(text);
+    if (requested.is_higher) {
       findings.AddError(subject, kAsksForElevation);
       return;
     }
-    has_level = !level.empty();
-    if (!has_level) {
-      break;
-    }
+    has_level = has_level && requested.is_named;
   }
   if (has_level || !image.IsX86()) {
     return;  // Windows guesses only about 32-bit programs
@@ -239,13 +260,19 @@ void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> by
 void CheckClientLibrary(std::span<const std::byte> client, const ManifestEntry* library,
                         std::span<const std::byte> library_bytes, Findings& findings) {
   ProgramImage program;
-  ProgramImage image;
-  if (!program.Parse(client) || !program.Imports(kLibraryFileName)) {
+  if (!program.Parse(client)) {
     return;
   }
   if (library == nullptr) {
-    findings.AddError(kLibraryFileName, kNoLibrary);
-  } else if (!image.Parse(library_bytes, ImageKind::kLibrary) || image.Machine() != program.Machine()) {
+    if (program.Imports(kLibraryFileName)) {
+      findings.AddError(kLibraryFileName, kNoLibrary);
+    }
+    return;
+  }
+  const bool may_be_either = program.IsX86() && program.IsManaged();
+  if (ProgramImage image;
+      !library_bytes.empty() && !may_be_either &&
+      (!image.Parse(library_bytes, ImageKind::kLibrary) || image.Machine() != program.Machine())) {
     findings.AddError(kLibraryFileName, kOtherLibrary);
   }
 }

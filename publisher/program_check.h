@@ -43,8 +43,10 @@ void CheckHelperProgram(std::wstring_view subject, std::span<const std::byte> by
 void CheckClientProgram(std::wstring_view subject, std::span<const std::byte> bytes, const ReleaseKeys& keys,
                         const ProgramAllowances& allowances, Findings& findings);
 
-// Checks the DLL of the update library, which Windows needs to start the program file `client` if that
-// imports it: `library` is its entry in the release, or null, and `library_bytes` are its contents.
+// Checks the DLL of the update library: it is there if the program file `client` imports it, since Windows
+// would not start that without it; and it is for the same processor, also where the client loads it by
+// itself. `library` is its entry in the release, or null, and `library_bytes` are its contents, if they are
+// known.
 void CheckClientLibrary(std::span<const std::byte> client, const ManifestEntry* library,
                         std::span<const std::byte> library_bytes, Findings& findings);
 

@@ -14,6 +14,8 @@
 namespace talvex {
 namespace {
 
+constexpr std::size_t kMaxLanguages = 256;  // of one resource; Windows knows fewer
+
 // Copies a structure out of the file, where it may be misaligned. False when it does not lie within `bytes`.
 template <typename Structure>
 bool ReadAt(std::span<const std::byte> bytes, std::size_t offset, Structure& structure) {
@@ -30,11 +32,11 @@ std::span<const std::byte> Part(std::span<const std::byte> bytes, std::size_t of
                                                                : bytes.subspan(offset, size);
 }
 
-// What the entries of the directory at `offset` of a resource tree lead to: those with `id`, or all. Offsets
-// are relative to the beginning of the tree, and lead to the next directory or, after the last, to the data
-// entry.
+// What the entries of the directory at `offset` of a resource tree lead to: the first one with `id`, as
+// Windows finds it, or without an id as many as `limit`. Offsets are relative to the beginning of the tree,
+// and lead to the next directory or, after the last, to the data entry.
 std::vector<std::uint32_t> FindEntries(std::span<const std::byte> tree, std::uint32_t offset,
-                                       std::optional<std::uint16_t> id) {
+                                       std::optional<std::uint16_t> id, std::size_t limit = 1) {
   std::vector<std::uint32_t> found;
   IMAGE_RESOURCE_DIRECTORY directory{};
   if (!ReadAt(tree, offset, directory)) {
@@ -42,7 +44,8 @@ std::vector<std::uint32_t> FindEntries(std::span<const std::byte> tree, std::uin
   }
   const std::size_t count = std::size_t{directory.NumberOfNamedEntries} + directory.NumberOfIdEntries;
   IMAGE_RESOURCE_DIRECTORY_ENTRY entry{};
-  for (std::size_t i = 0; i < count && ReadAt(tree, offset + sizeof(directory) + i * sizeof(entry), entry);
+  for (std::size_t i = 0; i < count && found.size() < limit &&
+                          ReadAt(tree, offset + sizeof(directory) + i * sizeof(entry), entry);
        ++i) {
     if (!id || entry.Name == *id) {
       found.push_back(entry.OffsetToData & ~DWORD{IMAGE_RESOURCE_DATA_IS_DIRECTORY});
@@ -93,6 +96,7 @@ bool ProgramImage::Parse(std::span<const std::byte> bytes, ImageKind kind) {
   };
   resources_ = address_of(IMAGE_DIRECTORY_ENTRY_RESOURCE);
   imports_ = address_of(IMAGE_DIRECTORY_ENTRY_IMPORT);
+  is_managed_ = address_of(IMAGE_DIRECTORY_ENTRY_COM_DESCRIPTOR) != 0;
   return ReadSections(optional_header + file.SizeOfOptionalHeader, file.NumberOfSections);
 }
 
@@ -133,7 +137,7 @@ std::vector<std::span<const std::byte>> ProgramImage::Resources(std::uint16_t ty
   const auto tree = resources_ != 0 ? BytesAt(resources_) : std::span<const std::byte>();
   for (const std::uint32_t ids : FindEntries(tree, 0, type)) {
     for (const std::uint32_t languages : FindEntries(tree, ids, id)) {
-      for (const std::uint32_t entry : FindEntries(tree, languages, std::nullopt)) {
+      for (const std::uint32_t entry : FindEntries(tree, languages, std::nullopt, kMaxLanguages)) {
         IMAGE_RESOURCE_DATA_ENTRY data{};
         if (ReadAt(tree, entry, data)) {
           found.push_back(Part(BytesAt(data.OffsetToData), 0, data.Size));
@@ -148,8 +152,8 @@ bool ProgramImage::Imports(std::wstring_view library) const {
   const auto table = imports_ != 0 ? BytesAt(imports_) : std::span<const std::byte>();
   IMAGE_IMPORT_DESCRIPTOR descriptor{};
   for (std::size_t at = 0; ReadAt(table, at, descriptor) && descriptor.Name != 0; at += sizeof(descriptor)) {
-    const std::string_view rest = AsText(BytesAt(descriptor.Name));
-    if (EqualIgnoringAsciiCase(Utf8ToWide(rest.substr(0, rest.find('\0'))), library)) {
+    const std::string_view name = AsText(BytesAt(descriptor.Name)).substr(0, library.size() + 1);
+    if (name.ends_with('\0') && EqualIgnoringAsciiCase(Utf8ToWide(name.substr(0, library.size())), library)) {
       return true;
     }
   }

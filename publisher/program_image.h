@@ -24,6 +24,9 @@ class ProgramImage {
   // IMAGE_FILE_MACHINE_*: what processor it is for.
   [[nodiscard]] std::uint16_t Machine() const { return machine_; }
 
+  // Whether the program is .NET's, which may run it as one of 64 bits although it is marked as x86.
+  [[nodiscard]] bool IsManaged() const { return is_managed_; }
+
   // The contents of the resource with this type and id, once for each language; what does not lie within the
   // file is left out.
   [[nodiscard]] std::vector<std::span<const std::byte>> Resources(std::uint16_t type, std::uint16_t id) const;
@@ -46,6 +49,7 @@ class ProgramImage {
   std::uint32_t resources_ = 0;  // address of the resource tree; 0: none
   std::uint32_t imports_ = 0;    // address of the import table; 0: none
   std::uint16_t machine_ = 0;
+  bool is_managed_ = false;
 };
 
 }  // namespace talvex

@@ -62,7 +62,7 @@ class ReleaseCopy {
     entry.normalised_path = file.normalised_path;
     const std::wstring relative_path = JoinPath(FilesDirectory(L""), entry.normalised_path);
     const std::wstring copy = JoinPath(directory_, relative_path);
-    if (copy.size() > kMaxFullPath) {
+    if (copy.size() > kMaxFullPath || ParentOfRelativePath(copy).size() > kMaxFullDirectoryPath) {
       return Refuse(error, kTooLongToCopy);
     }
     if (!MakeParent(relative_path, error)) {

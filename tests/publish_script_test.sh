@@ -22,22 +22,26 @@ is_whole() {
       "$work/first/manifest.txt"
 }
 
-# In place of openssl, where it is about to sign: exchanges what others can reach, as somebody who waits for that
-# moment would, and notes that it signed.
+# In place of openssl, where it is about to sign: exchanges every manifest and client that others can reach, as
+# somebody who waits for that moment would, and signs only what lies in a folder that nobody else can enter.
 cat > "$work/openssl" << 'END'
 #!/bin/sh
 case " $* " in
   *" -sign "*)
-    echo signed >> "$SIGNED"
+    for manifest; do :; done
+    private=${manifest#"$TMPDIR"/}
+    private=$TMPDIR/${private%%/*}
     echo exchanged > "$CLIENT/data/1"
-    for manifest in "$CLIENT/../manifest.txt" "$CLIENT/manifest.txt"; do echo exchanged > "$manifest"; done
+    find "$WORK" -path "$private" -prune -o -name manifest.txt -exec sh -c 'echo exchanged > "$1"' - '{}' ';'
+    test "$(stat -c %a "$private")" = 700 && test -O "$private" || exit 1
+    echo signed >> "$SIGNED"
     ;;
 esac
 exec "$OPENSSL" "$@"
 END
 chmod +x "$work/openssl"
 OPENSSL=$(command -v openssl)
-export OPENSSL CLIENT="$work/my client" SIGNED="$work/signed" PATH="$work:$PATH"
+export OPENSSL WORK="$work" CLIENT="$work/my client" SIGNED="$work/signed" PATH="$work:$PATH"
 never_signed() {
   test "$(wc -l < "$SIGNED")" = 1
 }
@@ -47,7 +51,6 @@ cp "$build/Talvex.exe" "$build/TalvexUpdateHelper.exe" "$work/my client"
 echo 1 > "$work/my client/data/1"
 check "a release is published" publish "$work/first" --sequence 5
 check "it is whole and signed, although the client was exchanged before the key signed" is_whole
-rm "$work/my client/manifest.txt"
 check "a release is never written over" refuses "first exists already" publish "$work/first" --sequence 6
 check "nor written into the client" refuses "lies inside the client" publish "$work/my client/out" --sequence 6
 check "an option that it does not know is refused" refuses "publish.sh CLIENT_DIR" publish "$work/out" --sequenze 2
