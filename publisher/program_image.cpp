@@ -139,9 +139,8 @@ std::vector<std::span<const std::byte>> ProgramImage::Resources(std::uint16_t ty
     for (const std::uint32_t languages : FindEntries(tree, ids, id)) {
       for (const std::uint32_t entry : FindEntries(tree, languages, std::nullopt, kMaxLanguages)) {
         IMAGE_RESOURCE_DATA_ENTRY data{};
-        if (ReadAt(tree, entry, data)) {
-          found.push_back(Part(BytesAt(data.OffsetToData), 0, data.Size));
-        }
+        found.push_back(ReadAt(tree, entry, data) ? Part(BytesAt(data.OffsetToData), 0, data.Size)
+                                                  : std::span<const std::byte>());
       }
     }
   }

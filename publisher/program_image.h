@@ -27,8 +27,8 @@ class ProgramImage {
   // Whether the program is .NET's, which may run it as one of 64 bits although it is marked as x86.
   [[nodiscard]] bool IsManaged() const { return is_managed_; }
 
-  // The contents of the resource with this type and id, once for each language; what does not lie within the
-  // file is left out.
+  // The contents of the resource with this type and id, once for each language; empty where they do not lie
+  // within the file.
   [[nodiscard]] std::vector<std::span<const std::byte>> Resources(std::uint16_t type, std::uint16_t id) const;
 
   // Whether Windows looks for the DLL `library` before it starts the program. The case of A to Z is ignored.
