@@ -92,6 +92,7 @@ TEST_F(Publisher, TellsWhatIsWrongWithACommandLine) {
        "--sequence: needs a"},
       {{L"release", client, L"--out", out, L"--key", kKeyFile, L"--sequence=1", L"--name=1."},
        "--name: needs 1 to 64"},
+      {{L"verify", L"\xd800", L"--key", kKeyFile}, "A word of the command line is not valid Unicode."},
       {{L"--version"}, "1.0.0", 0},
       {{L"-h"}, "Usage: TalvexPublish.exe [OPTIONS] SUBCOMMAND", 0},
       {{L"release", L"--help"}, "--sequence", 0},

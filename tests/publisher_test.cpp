@@ -54,6 +54,11 @@ const std::string kClientOfDll = ReadTestFile(BuiltProgram(L"TalvexSettle.exe"))
 const std::string kDll = ReadTestFile(BuiltProgram(L"TalvexUpdate.dll"));
 constexpr std::string_view kX86 = {"PE\0\0\x4c\x01", 6};
 constexpr std::string_view kX64 = {"PE\0\0\x64\x86", 6};
+// With a header that is neither that of 32-bit programs nor that of 64-bit ones.
+std::string OfAnotherKind(std::string program) {
+  program[program.find(kX86) + 24] = '\x07';
+  return program;
+}
 const Words kUnchecked = {L"--allow-development", L"--client-key-elsewhere", L"--allow-warnings"};
 const Words kDevelopment = {L"--allow-development"};
 const Words kBothKeys = {L"--allow-development", L"--client-key", kOtherKeyFile};
@@ -112,7 +117,8 @@ TEST_F(Publisher, MakesAndFinishesAReleaseWithoutTheUpdatersOwnFiles) {
 TEST_F(Publisher, NamesEverythingThatNoReleaseCanCarryAndWritesNothing) {
   const Words paths = {L"fine.txt",
                        L"with blank.txt",
-                       L"\x009b[31m\x202e.txt",
+                       L"\x009f[31m\x2028\x202e.txt",
+                       std::wstring(90, L'd') + L"\\" + std::wstring(77, L'k'),
                        L"data\\first.bin",
                        std::wstring(101, L's'),
                        std::wstring(90, L'd') + L"\\" + std::wstring(79, L'e'),
@@ -124,17 +130,20 @@ TEST_F(Publisher, NamesEverythingThatNoReleaseCanCarryAndWritesNothing) {
   EXPECT_TRUE(
       CreateHardLinkW((client + L"\\second.bin").c_str(), (client + L"\\data\\first.bin").c_str(), nullptr));
   MakeSparseFile(client + L"\\huge.bin", 8'589'934'593);
+  MakeSparseFile(client + L"\\largest.bin", 8'589'934'592);
   MakeTestDirectory(scratch / L"elsewhere");
   MakeJunction(client + L"\\junction", scratch / L"elsewhere");
   const std::string said = Publish(
       ReleaseWords(), 1,
       {"empty.txt: is empty", "with blank.txt: The update manifest path is outside the supported ASCII",
-       "\\u009b[31m\\u202e.txt: The update manifest path is outside the supported ASCII",
+       R"(\u009f[31m\u2028\u202e.txt: The update manifest path is outside the supported ASCII)",
        "first.bin: has more than one hard link", "second.bin: has more than one hard link",
        "huge.bin: is larger than 8 GiB", "ss: The update manifest contains an unsafe path segment",
        "ee: is too long a path to be staged", "gg\\h: is too long a path to be staged",
        "junction: is a link"});
-  EXPECT_EQ(said.find("fine.txt"), std::string::npos);
+  for (const char* const good : {"fine.txt", "largest.bin", "kk"}) {
+    EXPECT_EQ(said.find(good), std::string::npos) << good;
+  }
   Words inside = ReleaseWords();
   inside[3] = client + L"\\Out";
   Publish(inside, 1, {"lies inside the client directory"});
@@ -201,6 +210,7 @@ const Mistake kMistakes[] = {
     {"warning: Talvex.exe: has no requestedExecutionLevel, so", {{kClientName, WithoutLevel(kClient)}}},
     {"OK", {{kClientName, WithoutLevel(kClient)}}, {}, {L"--allow-development", L"--allow-warnings"}},
     {"Helper.exe: is not a 32-bit program (x86)", {{kHelperName, Replaced(kHelper, kX86, kX64)}}},
+    {"Talvex.exe: is not a program", {{kClientName, OfAnotherKind(kClient)}}},
     {"Talvex.exe: is not a program", {{kClientName, Replaced(kClient, kX86, {"PE\0\0\xc0\x01", 6})}}},
     {"Talvex.exe: is not a program", {{kClientName, kClient.substr(0, kClient.size() / 2)}}},
     {"TalvexUpdateHelper.exe: is not a program that Windows can start", {{kHelperName, "MZ"}}},
@@ -209,6 +219,7 @@ const Mistake kMistakes[] = {
      {{kHelperName, ""}, {"talvexupdatehelper.exe", kHelper}}},
     {"sequence 18446744073709551615: is the last one there is", {}, {}, kDevelopment, ~0ull},
     {"warning: sequence 9223372036854775808: leaves few", {}, {}, kDevelopment, 1ull << 63},
+    {"OK", {}, {}, kDevelopment, (1ull << 63) - 1},
     {"Data: is the path of a file and of a directory.", {{"Data", "cannot be"}}, {{"Data", ""}}},
     {"warning: 42 characters are all", {{std::string(99, 'a') + "/" + std::string(30, 'b'), "1"}}},
     {"manifest signature is invalid. Name the public half", {}, {}, {L"--key", kOtherKeyFile}},
