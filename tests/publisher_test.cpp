@@ -199,7 +199,7 @@ const Mistake kMistakes[] = {
     {"Talvex.exe: asks for elevation",
      {{kClientName, Replaced(kClient, R"(uiAccess="false")", R"(uiAccess="true" )")}}},
     {"Talvex.exe: asks for elevation",
-     {{kClientName, ReadTestFile(BuiltProgram(L"tests\\two_manifests.exe"))}},
+     {{kClientName, ReadTestFile(BuiltProgram(L"tests\\two_manifests.bin"))}},
      {},
      kUnchecked},
     {"Talvex.exe: has a manifest that is cut short",
