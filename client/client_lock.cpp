@@ -30,14 +30,6 @@ void FreeName(const std::wstring& client_root, const std::wstring& path) {
   }
 }
 
-// Whether nobody holds the lock file at `path`, which a power cut has left.
-bool IsFree(const std::wstring& path) {
-  return OwnedHandle(CreateFileW(path.c_str(), GENERIC_READ,
-                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                 OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr))
-      .IsValid();
-}
-
 }  // namespace
 
 talvex_result ClientLock::Take(const std::wstring& client_root, DWORD wait_ms, const Callbacks& callbacks,
@@ -69,7 +61,7 @@ talvex_result ClientLock::Take(const std::wstring& client_root, DWORD wait_ms, c
       FreeName(client_root, path);
     }
     if (!IsTransientError(code) || GetTickCount64() >= deadline) {
-      if (is_denied && IsFree(path)) {
+      if (is_denied && CanBeRead(path)) {  // left by a power cut, and nobody's
         return Fail(failure, TALVEX_E_NOT_WRITABLE, kNotWritable);
       }
       return code == ERROR_SHARING_VIOLATION || is_denied

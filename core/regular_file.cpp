@@ -49,6 +49,13 @@ bool GetFileInformation(HANDLE file, FileInformation& information) noexcept {
   return true;
 }
 
+bool CanBeRead(const std::wstring& path) {
+  return OwnedHandle(CreateFileW(path.c_str(), GENERIC_READ,
+                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                 OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr))
+      .IsValid();
+}
+
 FileState InspectFile(const std::wstring& path) {
   switch (ProbePath(path)) {
     case PathKind::kAbsent:

@@ -43,6 +43,9 @@ struct FileInformation {
 // reason.
 [[nodiscard]] bool GetFileInformation(HANDLE file, FileInformation& information) noexcept;
 
+// Whether the file at `path` can be opened for reading: nobody who has it open keeps others from that.
+[[nodiscard]] bool CanBeRead(const std::wstring& path);
+
 // The result of inspecting a file.
 enum class FileState {
   kAbsent,

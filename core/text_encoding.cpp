@@ -6,6 +6,7 @@
 
 namespace talvex {
 namespace {
+
 // The conversion functions take lengths as int; no text of this program comes near that limit, but a caller's
 // mistake must not become a negative length.
 bool FitsInt(std::size_t length) {

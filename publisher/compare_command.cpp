@@ -95,16 +95,23 @@ bool LoadNewRelease(const CompareOptions& options, const PublicKey& key, Manifes
   return true;
 }
 
+// Reads the client of a release. False, with a message unless it is another file than the described one.
+bool ReadClient(const std::wstring& directory, const Manifest& manifest, ByteBuffer& client,
+                UpdateError& error) {
+  const ManifestEntry* const entry = FindManifestEntry(manifest, kClientFileName);
+  return entry != nullptr &&
+         ReadVerifiedProgram(ClientProgramPath(FilesDirectory(directory)), *entry, L"", client, error);
+}
+
 // A client can follow a change of keys only if it holds the new key already.
 void CheckClientHoldsKey(const std::wstring& directory, const Manifest& manifest, const PublicKey& key,
                          Findings& findings) {
-  const ManifestEntry* const entry = FindManifestEntry(manifest, kClientFileName);
-  const std::wstring path = ClientProgramPath(FilesDirectory(directory));
   ByteBuffer client;
   UpdateError error;
-  if (entry == nullptr || !ReadVerifiedProgram(path, *entry, L"", client, error)) {
+  if (!ReadClient(directory, manifest, client, error)) {
     const std::wstring reason = error.IsEmpty() ? std::wstring() : L" " + error.Message();
-    findings.AddError(directory, kClientUnreadable + path + L"." + reason);
+    findings.AddError(directory,
+                      kClientUnreadable + ClientProgramPath(FilesDirectory(directory)) + L"." + reason);
   } else if (!HoldsKey(client, key)) {
     findings.AddError(directory, kNoWayToKey);
   }
@@ -113,20 +120,20 @@ void CheckClientHoldsKey(const std::wstring& directory, const Manifest& manifest
 // The public keys in the client of a release; none when there are only its manifest and signature.
 std::vector<ByteBuffer> ClientKeysOf(const std::wstring& directory, const Manifest& manifest,
                                      const PublicKey& key) {
-  const ManifestEntry* const entry = FindManifestEntry(manifest, kClientFileName);
   ByteBuffer client;
   UpdateError unreported;
-  return entry != nullptr && ReadVerifiedProgram(ClientProgramPath(FilesDirectory(directory)), *entry, L"",
-                                                 client, unreported)
-             ? FindPublicKeys(client, key)
-             : std::vector<ByteBuffer>();
+  return ReadClient(directory, manifest, client, unreported) ? FindPublicKeys(client, key)
+                                                             : std::vector<ByteBuffer>();
 }
 
 // A key that lies ready for a later change helps nobody whose client has lost it meanwhile.
 void CheckClientKeepsKeys(const std::wstring& directory, const std::vector<ByteBuffer>& old_keys,
                           const std::vector<ByteBuffer>& new_keys, Findings& findings) {
+  if (new_keys.empty()) {
+    return;  // nothing is known of the new client
+  }
   for (const ByteBuffer& blob : old_keys) {
-    if (!new_keys.empty() && std::find(new_keys.begin(), new_keys.end(), blob) == new_keys.end()) {
+    if (std::find(new_keys.begin(), new_keys.end(), blob) == new_keys.end()) {
       findings.AddWarning(directory, kLosesKey + FingerprintOf(blob) + kLosesKeyRemedy);
     }
   }

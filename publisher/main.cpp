@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <functional>
 #include <iterator>
-#include <new>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "core/local_memory.h"
+#include "core/memory_shortage.h"
 #include "core/system_library.h"
 #include "core/text_encoding.h"
 #include "formats/manifest.h"
@@ -270,11 +270,16 @@ int main() {
   talvex::RestrictDllSearch();
   int count = 0;
   const talvex::ArgumentVector words(CommandLineToArgvW(GetCommandLineW(), &count));
-  // Caught, so that an unfinished release is removed on the way out.
-  try {
-    return words == nullptr ? talvex::kCommandMisused : talvex::RunPublisher(count, words.get());
-  } catch (const std::bad_alloc&) {
-    talvex::WriteLine(talvex::Stream::kError, L"error: There is not enough memory.");
-    return talvex::kCommandRefused;
+  if (words == nullptr) {
+    return talvex::kCommandMisused;
   }
+  int exit_code = talvex::kCommandRefused;
+  // Caught, so that an unfinished release is removed on the way out.
+  if (!talvex::RunCatchingBadAlloc([&] {
+        exit_code = talvex::RunPublisher(count, words.get());
+        return true;
+      })) {
+    talvex::WriteLine(talvex::Stream::kError, L"error: There is not enough memory.");
+  }
+  return exit_code;
 }

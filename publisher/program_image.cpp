@@ -2,10 +2,7 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <cstring>
-#include <iterator>
-#include <optional>
 
 #include "core/ascii_case.h"
 #include "core/text_encoding.h"
@@ -14,7 +11,7 @@
 namespace talvex {
 namespace {
 
-constexpr std::size_t kMaxLanguages = 256;  // of one resource; Windows knows fewer
+constexpr std::size_t kMaxLanguages = 256;  // of one resource: bounds what a hostile file costs
 
 // Copies a structure out of the file, where it may be misaligned. False when it does not lie within `bytes`.
 template <typename Structure>
@@ -32,26 +29,34 @@ std::span<const std::byte> Part(std::span<const std::byte> bytes, std::size_t of
                                                                : bytes.subspan(offset, size);
 }
 
-// What the entries of the directory at `offset` of a resource tree lead to: the first one with `id`, as
-// Windows finds it, or without an id as many as `limit`. Offsets are relative to the beginning of the tree,
-// and lead to the next directory or, after the last, to the data entry.
-std::vector<std::uint32_t> FindEntries(std::span<const std::byte> tree, std::uint32_t offset,
-                                       std::optional<std::uint16_t> id, std::size_t limit = 1) {
-  std::vector<std::uint32_t> found;
+// Where entry `index` of the directory at `offset` of a resource tree leads to, and under which id. Offsets
+// are relative to the beginning of the tree, and lead to the next directory or, after the last, to the data
+// entry.
+bool ReadEntry(std::span<const std::byte> tree, std::uint32_t offset, std::size_t index, std::uint32_t& id,
+               std::uint32_t& target) {
   IMAGE_RESOURCE_DIRECTORY directory{};
-  if (!ReadAt(tree, offset, directory)) {
-    return found;
-  }
-  const std::size_t count = std::size_t{directory.NumberOfNamedEntries} + directory.NumberOfIdEntries;
   IMAGE_RESOURCE_DIRECTORY_ENTRY entry{};
-  for (std::size_t i = 0; i < count && found.size() < limit &&
-                          ReadAt(tree, offset + sizeof(directory) + i * sizeof(entry), entry);
-       ++i) {
-    if (!id || entry.Name == *id) {
-      found.push_back(entry.OffsetToData & ~DWORD{IMAGE_RESOURCE_DATA_IS_DIRECTORY});
+  if (!ReadAt(tree, offset, directory) ||
+      index >= std::size_t{directory.NumberOfNamedEntries} + directory.NumberOfIdEntries ||
+      !ReadAt(tree, offset + sizeof(directory) + index * sizeof(entry), entry)) {
+    return false;
+  }
+  id = entry.Name;
+  target = entry.OffsetToData & ~DWORD{IMAGE_RESOURCE_DATA_IS_DIRECTORY};
+  return true;
+}
+
+// Replaces `offset` by where the first entry with `id` leads to, which is the one that Windows finds.
+bool FollowId(std::span<const std::byte> tree, std::uint16_t id, std::uint32_t& offset) {
+  std::uint32_t found_id = 0;
+  std::uint32_t target = 0;
+  for (std::size_t i = 0; ReadEntry(tree, offset, i, found_id, target); ++i) {
+    if (found_id == id) {
+      offset = target;
+      return true;
     }
   }
-  return found;
+  return false;
 }
 
 }  // namespace
@@ -78,8 +83,10 @@ bool ProgramImage::Parse(std::span<const std::byte> bytes, ImageKind kind) {
   if (!is_wide && magic != IMAGE_NT_OPTIONAL_HDR32_MAGIC) {
     return false;
   }
-  constexpr WORD kMachines[] = {IMAGE_FILE_MACHINE_I386, IMAGE_FILE_MACHINE_AMD64, IMAGE_FILE_MACHINE_ARM64};
-  if (std::find(std::begin(kMachines), std::end(kMachines), file.Machine) == std::end(kMachines)) {
+  const bool is_for_players =
+      is_wide ? file.Machine == IMAGE_FILE_MACHINE_AMD64 || file.Machine == IMAGE_FILE_MACHINE_ARM64
+              : file.Machine == IMAGE_FILE_MACHINE_I386;
+  if (!is_for_players) {
     return false;
   }
   machine_ = file.Machine;
@@ -135,14 +142,16 @@ bool ProgramImage::IsX86() const {
 std::vector<std::span<const std::byte>> ProgramImage::Resources(std::uint16_t type, std::uint16_t id) const {
   std::vector<std::span<const std::byte>> found;
   const auto tree = resources_ != 0 ? BytesAt(resources_) : std::span<const std::byte>();
-  for (const std::uint32_t ids : FindEntries(tree, 0, type)) {
-    for (const std::uint32_t languages : FindEntries(tree, ids, id)) {
-      for (const std::uint32_t entry : FindEntries(tree, languages, std::nullopt, kMaxLanguages)) {
-        IMAGE_RESOURCE_DATA_ENTRY data{};
-        found.push_back(ReadAt(tree, entry, data) ? Part(BytesAt(data.OffsetToData), 0, data.Size)
-                                                  : std::span<const std::byte>());
-      }
-    }
+  std::uint32_t offset = 0;
+  if (!FollowId(tree, type, offset) || !FollowId(tree, id, offset)) {
+    return found;
+  }
+  std::uint32_t language = 0;
+  std::uint32_t target = 0;
+  for (std::size_t i = 0; i < kMaxLanguages && ReadEntry(tree, offset, i, language, target); ++i) {
+    IMAGE_RESOURCE_DATA_ENTRY data{};
+    found.push_back(ReadAt(tree, target, data) ? Part(BytesAt(data.OffsetToData), 0, data.Size)
+                                               : std::span<const std::byte>());
   }
   return found;
 }

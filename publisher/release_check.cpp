@@ -73,9 +73,10 @@ bool ReadVerifiedProgram(const std::wstring& path, const ManifestEntry& entry, c
   if (!ReadWholeFile(path, kMaxCheckedProgramSize, bytes, error)) {
     return false;
   }
-  if (!Sha256OfBuffer(bytes, digest, error) || !DigestsEqual(digest, entry.digest)) {
+  if (!Sha256OfBuffer(bytes, digest, error) || bytes.size() != entry.size ||
+      !DigestsEqual(digest, entry.digest)) {
     bytes.clear();
-    return error.IsEmpty() ? Refuse(error, mismatch) : false;
+    return RefuseUnlessExplained(error, mismatch);
   }
   return true;
 }

@@ -43,8 +43,9 @@ std::wstring CheckFile(const std::wstring& full_path, std::uint64_t& size) {
                                      OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   FileInformation information;
   if (!file.IsValid() || !GetFileInformation(file.Get(), information)) {
+    const DWORD code = GetLastError();
     UpdateError error;
-    SetWindowsError(error, kUnreadable, GetLastError());
+    SetWindowsError(error, kUnreadable, code);
     return error.Message() + kUnreadableRemedy;
   }
   if ((information.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {

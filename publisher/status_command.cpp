@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "core/owned_handle.h"
 #include "core/regular_file.h"
 #include "core/text_encoding.h"
 #include "formats/failure_marker.h"
@@ -105,16 +104,6 @@ void CheckForStages(const std::wstring& root, Findings& findings) {
   }
 }
 
-// Whether a program has the lock file at `path` open. What a power cut has left is free, and goes away at the
-// client's next start.
-bool IsHeld(const std::wstring& path) {
-  return MayExist(path) &&
-         !OwnedHandle(CreateFileW(path.c_str(), GENERIC_READ,
-                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                  OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr))
-              .IsValid();
-}
-
 void CheckForUnsettledWork(const std::wstring& root, Findings& findings) {
   const std::wstring journal_path = RollbackJournalPath(PreviousDirectory(root));
   if (MayExist(journal_path)) {
@@ -137,7 +126,8 @@ void CheckForUnsettledWork(const std::wstring& root, Findings& findings) {
       findings.AddWarning(note.name, note.meaning);
     }
   }
-  if (IsHeld(LockPath(root))) {
+  // What a power cut has left can be read, and goes away at the client's next start.
+  if (const std::wstring lock = LockPath(root); MayExist(lock) && !CanBeRead(lock)) {
     findings.AddWarning(LockPath(L""), kInUse);
   }
 }

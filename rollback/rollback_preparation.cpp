@@ -75,7 +75,6 @@ bool SaveStateAndCache(const std::wstring& client_root, const std::wstring& prev
          CopyIfPresent(cache.signature, old_cache.signature, journal.previous_cache_signature, budget, error);
 }
 
-// The path of the running program; empty when it does not fit the buffer.
 // The helper that will roll back must be the one in the new manifest: a copy of anything else would be an
 // unsigned program that the client starts later.
 bool SaveRunningHelper(const Manifest& new_manifest, const std::wstring& destination, RetryBudget& budget,

@@ -42,7 +42,7 @@ END
 chmod +x "$work/openssl"
 OPENSSL=$(command -v openssl)
 export OPENSSL WORK="$work" CLIENT="$work/my client" SIGNED="$work/signed" PATH="$work:$PATH"
-never_signed() {
+signed_once() {
   test "$(wc -l < "$SIGNED")" = 1
 }
 
@@ -71,7 +71,7 @@ check "directories that are the same to Windows are refused" refuses "only in th
   publish "$work/out" --sequence 6
 rm -r "$work/my client/Data"
 check "nothing is left of what was refused" nothing_is_left
-check "the key has signed none of it" never_signed
+check "the key has signed none of it" signed_once
 check "the next release is compared with each older one" publish "$work/out" --sequence 6 --release 1.1 \
   --old "$work/first" --old "$work/first"
 finish_checks

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,12 +54,19 @@ const std::string kOtherClient = Replaced(kClient, ReadTestFile(kKeyFile), ReadT
 const std::string kClientOfDll = ReadTestFile(BuiltProgram(L"TalvexSettle.exe"));
 const std::string kDll = ReadTestFile(BuiltProgram(L"TalvexUpdate.dll"));
 constexpr std::string_view kX86 = {"PE\0\0\x4c\x01", 6};
-constexpr std::string_view kX64 = {"PE\0\0\x64\x86", 6};
-// With a header that is neither that of 32-bit programs nor that of 64-bit ones.
-std::string OfAnotherKind(std::string program) {
-  program[program.find(kX86) + 24] = '\x07';
+
+// A program with the processor `machine` and the kind `magic` in its headers.
+std::string WithHeaders(std::string program, std::uint16_t machine, std::uint16_t magic) {
+  const std::size_t header = program.find(kX86);
+  std::memcpy(program.data() + header + 4, &machine, sizeof(machine));
+  std::memcpy(program.data() + header + 24, &magic, sizeof(magic));
   return program;
 }
+
+std::string For64Bits(const std::string& program) {
+  return WithHeaders(program, IMAGE_FILE_MACHINE_AMD64, IMAGE_NT_OPTIONAL_HDR64_MAGIC);
+}
+
 const Words kUnchecked = {L"--allow-development", L"--client-key-elsewhere", L"--allow-warnings"};
 const Words kDevelopment = {L"--allow-development"};
 const Words kBothKeys = {L"--allow-development", L"--client-key", kOtherKeyFile};
@@ -174,11 +182,11 @@ const Mistake kMistakes[] = {
      kUnchecked},
     {"OK", {{kClientName, kClientOfDll}, {"TalvexUpdate.dll", kDll}}, {}, kUnchecked},
     {"TalvexUpdate.dll: is not a DLL for the same kind of processor",
-     {{"TalvexUpdate.dll", Replaced(kDll, kX86, kX64)}},
+     {{"TalvexUpdate.dll", For64Bits(kDll)}},
      {},
      kUnchecked},
     {"TalvexUpdate.dll: is not a DLL for the same kind of processor",
-     {{kClientName, kClientOfDll}, {"TalvexUpdate.dll", Replaced(kDll, kX86, kX64)}},
+     {{kClientName, kClientOfDll}, {"TalvexUpdate.dll", For64Bits(kDll)}},
      {},
      kUnchecked},
     {"Talvex.exe: does not hold the key", {{kClientName, kOtherClient}}},
@@ -209,9 +217,12 @@ const Mistake kMistakes[] = {
      {{kHelperName, Replaced(kHelper, "<requestedExecutionLevel", "<!-- requestedExecutionL")}}},
     {"warning: Talvex.exe: has no requestedExecutionLevel, so", {{kClientName, WithoutLevel(kClient)}}},
     {"OK", {{kClientName, WithoutLevel(kClient)}}, {}, {L"--allow-development", L"--allow-warnings"}},
-    {"Helper.exe: is not a 32-bit program (x86)", {{kHelperName, Replaced(kHelper, kX86, kX64)}}},
-    {"Talvex.exe: is not a program", {{kClientName, OfAnotherKind(kClient)}}},
-    {"Talvex.exe: is not a program", {{kClientName, Replaced(kClient, kX86, {"PE\0\0\xc0\x01", 6})}}},
+    {"Helper.exe: is not a 32-bit program (x86)", {{kHelperName, For64Bits(kHelper)}}},
+    {"Talvex.exe: is not a program", {{kClientName, WithHeaders(kClient, IMAGE_FILE_MACHINE_I386, 0x107)}}},
+    {"Talvex.exe: is not a program",
+     {{kClientName, WithHeaders(kClient, IMAGE_FILE_MACHINE_ARM, IMAGE_NT_OPTIONAL_HDR32_MAGIC)}}},
+    {"Talvex.exe: is not a program",
+     {{kClientName, WithHeaders(kClient, IMAGE_FILE_MACHINE_I386, IMAGE_NT_OPTIONAL_HDR64_MAGIC)}}},
     {"Talvex.exe: is not a program", {{kClientName, kClient.substr(0, kClient.size() / 2)}}},
     {"TalvexUpdateHelper.exe: is not a program that Windows can start", {{kHelperName, "MZ"}}},
     {"Talvex.exe: is missing from the top of the release.", {{kClientName, ""}}},
@@ -251,6 +262,17 @@ TEST_F(Publisher, VerifiesThatPlayersCanLiveWithARelease) {
     words.insert(words.end(), mistake.options.begin(), mistake.options.end());
     Publish(words, mistake.sentence.starts_with("OK") ? 0 : 1, {mistake.sentence});
   }
+}
+
+TEST_F(Publisher, VerifiesTheSizeOfAProgramAsWell) {
+  const TestRelease release = GoodRelease();
+  Write(release, release.files, out);
+  const std::string size = std::to_string(kClient.size());
+  const std::string manifest = Replaced(release.ManifestText(), "\t" + size + "\t", "\t1" + size + "\t");
+  WriteTestFile(out + L"\\manifest.txt", manifest);
+  WriteTestFile(out + L"\\manifest.sig", SignWithKey(manifest));
+  Publish({L"verify", out, L"--key", kKeyFile, L"--allow-development"}, 1,
+          {"Talvex.exe: is not the file that the manifest describes."});
 }
 
 struct Step {

@@ -25,7 +25,8 @@ counts_development_keys() {  # FILE COUNT: the version resource names COUNT of t
 packs() {  # COMPONENT FILE...: these and no other files are in its archive
   component=$1
   shift
-  cpack --config "$build/CPackConfig.cmake" -C "$configuration" -B "$work/packed" -D "CPACK_COMPONENTS_ALL=$component" &&
+  cpack --config "$build/CPackConfig.cmake" -C "$configuration" -B "$work/packed" \
+    -D "CPACK_COMPONENTS_ALL=$component" &&
     cmake -E tar tf "$work/packed"/TalvexUpdate-*-"$component".zip | grep -v '/$' | LC_ALL=C sort > "$work/list" &&
     printf '%s\n' "$@" | LC_ALL=C sort | diff - "$work/list"
 }
